@@ -1,0 +1,191 @@
+/* velk2: trust decisions for signed packages and the SPKI credentials behind them.
+ *
+ * Every function returns a VELK2_RESULT (0 success, 1..76 failures) unless its
+ * declaration says otherwise. Wide strings are UTF-16 (char16_t), narrow strings
+ * UTF-8. Memory that an export allocates for the caller is released with
+ * Velk2Free; credential records with their family's free function. */
+#ifndef VELK2_H
+#define VELK2_H
+
+#include <stdint.h>
+#ifdef __cplusplus
+#include <cuchar>
+#else
+#include <uchar.h>
+#endif
+
+#if defined(VELK2_BUILDING_LIBRARY)
+#define VELK2_EXPORT __attribute__((visibility("default")))
+#else
+#define VELK2_EXPORT
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef uint32_t VELK2_RESULT;
+
+#define VELK2_SUCCESS 0u
+#define VELK2_FAILURE 1u
+#define VELK2_ERR_INVALID_PARAM 2u
+#define VELK2_ERR_MEM_ALLOC 3u
+#define VELK2_ERR_STAT_FILE 4u
+#define VELK2_ERR_FILE_NOT_FOUND 5u
+#define VELK2_ERR_INVALID_DATA 6u
+#define VELK2_ERR_FILE_OPEN 7u
+#define VELK2_ERR_RESERVED8 8u
+#define VELK2_ERR_PARSE_FILE 9u
+#define VELK2_ERR_READ_FILE 10u
+#define VELK2_ERR_PRINCIPAL 11u
+#define VELK2_ERR_INVALID_HASH 12u
+#define VELK2_ERR_UNKNOWN_HASH_ID 13u
+#define VELK2_ERR_MAX_BYTE_STRING 14u
+#define VELK2_ERR_SIGNATURE_ID 15u
+#define VELK2_ERR_HASH_ID 16u
+#define VELK2_ERR_BIG_INT_BUFFER_SIZE 17u
+#define VELK2_ERR_NOT_IMPLEMENTED 18u
+#define VELK2_ERR_OPEN_MANIFEST_FILE 19u
+#define VELK2_ERR_COMMAND_LINE_OPTION 20u
+#define VELK2_ERR_SIGNATURE 21u
+#define VELK2_ERR_HASH_MISMATCH 22u
+#define VELK2_ERR_PRIVATE_KEY_TYPE 23u
+#define VELK2_ERR_NOT_SUPPORTED 24u
+#define VELK2_ERR_CREATE_DIR 25u
+#define VELK2_ERR_FIND_DIR 26u
+#define VELK2_ERR_SUB_COMMAND 27u
+#define VELK2_ERR_UNEXPECTED_CHAR 28u
+#define VELK2_ERR_INVALID_S_EXPRESSION 29u
+#define VELK2_ERR_BUFFER_OVERFLOW 30u
+#define VELK2_ERR_NOT_AUTHORIZED 31u
+#define VELK2_ERR_HASH_MATCH 32u
+#define VELK2_ERR_RANDOM_TOKEN 33u
+#define VELK2_ERR_TIME_STAMP 34u
+#define VELK2_ERR_AUTH_TAG_MISSING 35u
+#define VELK2_ERR_SIGNING_CERT_ORDER 36u
+#define VELK2_ERR_CONTAINING_DIR 37u
+#define VELK2_ERR_PARAM_NULL 38u
+#define VELK2_ERR_PARAM_NOT_NULL 39u
+#define VELK2_ERR_ALL_USERS_DIR 40u
+#define VELK2_ERROR_SUBJECT_FOUND 41u
+#define VELK2_ERROR_FINDING_ISSUER 42u
+#define VELK2_ERR_LOG_FILE_OPEN 43u
+#define VELK2_ERR_ZERO_AUTH_MATCH 44u
+#define VELK2_ERR_MULTI_AUTH_MATCH 45u
+#define VELK2_ERR_ISSUER_SIGNER_MATCH 46u
+#define VELK2_ERR_ISSUER_MISMATCH 47u
+#define VELK2_ERR_PROPAGATE 48u
+#define VELK2_ERR_NO_ISSUER_FOUND 49u
+#define VELK2_ERR_SIGNER_AUTH_NARROWER 50u
+#define VELK2_ERR_NOT_BEFORE 51u
+#define VELK2_ERR_NOT_AFTER 52u
+#define VELK2_ERR_NEEDS_MORE_SIGNING 53u
+#define VELK2_ERR_ACL_ENTRY_NOT_FOUND 54u
+#define VELK2_ERR_AUTH_NOT_SUBSET 55u
+#define VELK2_ERR_MANIFEST_VERSION 56u
+#define VELK2_ERR_MANIFEST_TYPE 57u
+#define VELK2_ERR_NOT_BEFORE_AFTER 58u
+#define VELK2_ERR_NO_REVOCATION_ACL 59u
+#define VELK2_ERR_USER_INTERRUPT 60u
+#define VELK2_ERR_NO_REVOCATION_SPEC 61u
+#define VELK2_ERR_ACL_KEY_NOT_FOUND 62u
+#define VELK2_ERR_AUTH_TAGS_ARE_EQUAL 63u
+#define VELK2_ERR_INVALID_SEQUENCE 64u
+#define VELK2_ERR_ALREADY_ISSUED_BY_KEY 65u
+#define VELK2_ERR_CERT_REVOKED 66u
+#define VELK2_ERR_NOT_GRANTED 67u /* "The specified package is not granted the specified authorization" */
+#define VELK2_ERR_KEY_REVOKED 68u
+#define VELK2_ERR_NOT_IN_LIST 69u
+#define VELK2_ERR_INVALID_REVOCATION_TAG 70u
+#define VELK2_ERR_NOT_OBJECT_CERT 71u
+#define VELK2_ERR_INVALID_PASSPHRASE 72u
+#define VELK2_ERR_CRL_NOT_FOUND 73u
+#define VELK2_ERR_EXTRA_FILES 74u
+#define VELK2_ERR_FAILURE 75u
+#define VELK2_ERR_WRITE_FILE 76u
+#define VELK2_MAX_ERROR 77u
+
+/* Status bits of manifest entries. */
+#define VELK2_ENTRY_VALID 1u
+#define VELK2_ENTRY_INVALID 2u
+#define VELK2_ENTRY_MISSING 4u
+#define VELK2_ENTRY_EXTRA 8u
+
+typedef struct Velk2Context Velk2Context;       /* opaque */
+typedef struct ManifestContext ManifestContext; /* opaque */
+
+/* One file name handed to a caller; lists are freed with FreeFileItemList. */
+typedef struct FileItem {
+  char16_t* wide_name;   /* owned */
+  char16_t* wide_value;  /* owned, may be NULL */
+  char* name;            /* owned unless == wide_name */
+  char* value;           /* owned unless == wide_value, may be NULL */
+  struct FileItem* next;
+  uint32_t size; /* sizeof(FileItem) */
+  uint32_t is_directory;
+} FileItem;
+
+typedef struct Velk2CertRecord {
+  uint32_t size;    /* sizeof(Velk2CertRecord) */
+  void* sequence;   /* opaque */
+  int64_t not_before; /* seconds since 1970 UTC, 0 = none */
+  int64_t not_after;
+  char* tag;
+  char* owner;
+  uint8_t* subject_key; /* DER SubjectPublicKeyInfo */
+  uint32_t subject_key_length;
+  char* hash;
+  uint32_t hash_length;
+  struct Velk2CertRecord* next;
+  uint32_t reserved;
+} Velk2CertRecord;
+
+typedef struct Velk2CrlRecord {
+  uint32_t size; /* sizeof(Velk2CrlRecord) */
+  void* list;    /* opaque */
+  int64_t not_before;
+  int64_t not_after;
+  char* tag;
+  uint32_t reserved;
+} Velk2CrlRecord;
+
+/* ---- Frame ---------------------------------------------------------------- */
+
+/* Velk2Init creates a context holding |word|, the crypto module's context value.
+ * A null |context_out| is accepted and does nothing. 3 when out of memory. */
+VELK2_EXPORT VELK2_RESULT Velk2Init(Velk2Context** context_out, uint32_t word);
+/* Velk2FreeContext frees a context (NULL is harmless); every object made with it
+ * must be released first. */
+VELK2_EXPORT VELK2_RESULT Velk2FreeContext(Velk2Context* context);
+/* Velk2HomeDirectory sets the home store root. A NULL path or one of 260 or more
+ * units empties the root and returns 22. */
+VELK2_EXPORT VELK2_RESULT Velk2HomeDirectory(const char16_t* path);
+VELK2_EXPORT void Velk2HomeDirectoryA(const char* path);
+/* Velk2GlobalDirectory sets the global store root, as Velk2HomeDirectory. */
+VELK2_EXPORT VELK2_RESULT Velk2GlobalDirectory(const char16_t* path);
+VELK2_EXPORT void Velk2GlobalDirectoryA(const char* path);
+/* Velk2WideToAscii converts |length| UTF-16 units (-1: through the NUL) to a new
+ * UTF-8 string; |out_length| receives its byte length without the NUL. */
+VELK2_EXPORT char* Velk2WideToAscii(const char16_t* wide, int32_t length, uint32_t* out_length);
+/* Velk2AsciiToWide converts |length| UTF-8 bytes (-1: through the NUL) to a new
+ * UTF-16 string; |out_length| receives its length in units without the NUL. */
+VELK2_EXPORT char16_t* Velk2AsciiToWide(const char* text, int32_t length, uint32_t* out_length);
+/* Velk2Free releases memory that an export allocated for the caller. */
+VELK2_EXPORT void Velk2Free(void* pointer);
+VELK2_EXPORT uint32_t Velk2DoNothing(uint32_t value);
+VELK2_EXPORT int32_t Velk2VersionNumber(void);
+VELK2_EXPORT const char16_t* Velk2VersionExtra(void);
+VELK2_EXPORT const char* Velk2VersionExtraA(void);
+/* Velk2ErrorMessage returns the constant message of a result code, or
+ * "VELK_UNKNOWN_ERROR" for any value outside 0..76. Never freed. */
+VELK2_EXPORT const char16_t* Velk2ErrorMessage(VELK2_RESULT code);
+/* Velk2ErrorMessageA is the UTF-8 twin of Velk2ErrorMessage. */
+VELK2_EXPORT const char* Velk2ErrorMessageA(VELK2_RESULT code);
+/* FreeFileItemList frees a file item list; returns the number of items freed. */
+VELK2_EXPORT uint32_t FreeFileItemList(FileItem* list);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VELK2_H */

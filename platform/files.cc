@@ -1,0 +1,126 @@
+#include "platform/files.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/utf.h"
+
+namespace velk2 {
+namespace {
+
+std::string NativePath(const char16_t* path) {
+  return Utf16ToUtf8(std::u16string_view(path));
+}
+
+char16_t Fold(char16_t c) {
+  return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c + 32) : c;
+}
+
+// Names sort with ASCII letters folded, then bytewise, so that the order of a
+// directory's files is the same on every machine.
+bool NameLess(const DirectoryEntry& a, const DirectoryEntry& b) {
+  const std::u16string& x = a.name;
+  const std::u16string& y = b.name;
+  size_t n = std::min(x.size(), y.size());
+  for (size_t i = 0; i < n; ++i) {
+    char16_t fx = Fold(x[i]), fy = Fold(y[i]);
+    if (fx != fy) return fx < fy;
+  }
+  if (x.size() != y.size()) return x.size() < y.size();
+  return x < y;
+}
+
+}  // namespace
+
+FileHandle OpenFile(const char16_t* path, uint32_t mode) {
+  if (path == nullptr) return nullptr;
+  const char* m;
+  switch (static_cast<OpenMode>(mode)) {
+    case OpenMode::kWrite:
+      m = "wb";
+      break;
+    case OpenMode::kRead:
+      m = "rb";
+      break;
+    case OpenMode::kAppend:
+      m = "ab";
+      break;
+    default:
+      return nullptr;
+  }
+  std::string native = NativePath(path);
+  if (static_cast<OpenMode>(mode) == OpenMode::kRead) {
+    // fopen opens a directory for reading on Linux; it is no file to read.
+    struct stat st;
+    if (::stat(native.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return nullptr;
+  }
+  return FileHandle(std::fopen(native.c_str(), m));
+}
+
+size_t ReadBytes(std::FILE* stream, void* buffer, size_t count) {
+  if (stream == nullptr || buffer == nullptr) return 0;
+  return std::fread(buffer, 1, count, stream);
+}
+
+size_t WriteBytes(std::FILE* stream, const void* buffer, size_t count) {
+  if (stream == nullptr || (buffer == nullptr && count != 0)) return 0;
+  if (count == 0) return 0;
+  return std::fwrite(buffer, 1, count, stream);
+}
+
+int StatFile(const char16_t* path, FileStatus* status) {
+  if (path == nullptr || *path == 0) return 1;
+  struct stat st;
+  if (::stat(NativePath(path).c_str(), &st) != 0) return 1;
+  if (status != nullptr) {
+    status->size = static_cast<uint32_t>(st.st_size & 0xFFFFFFFFu);
+    status->mode = S_ISDIR(st.st_mode) ? kStatDirectory : 0;
+  }
+  return 0;
+}
+
+VELK2_RESULT EnsureDirectory(const char16_t* path) {
+  if (path == nullptr || *path == 0) return VELK2_ERR_FILE_OPEN;
+  std::string native = NativePath(path);
+  struct stat st;
+  if (::stat(native.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return VELK2_SUCCESS;
+  if (::mkdir(native.c_str(), 0755) == 0) return VELK2_SUCCESS;
+  // Another process may have made it in between.
+  if (errno == EEXIST && ::stat(native.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    return VELK2_SUCCESS;
+  }
+  return VELK2_ERR_FILE_OPEN;
+}
+
+bool ListDirectory(const char16_t* directory, std::vector<DirectoryEntry>* entries) {
+  entries->clear();
+  if (directory == nullptr) return false;
+  std::string native = NativePath(directory);
+  if (native.empty()) native = ".";
+  DIR* dir = ::opendir(native.c_str());
+  if (dir == nullptr) return false;
+  while (const dirent* e = ::readdir(dir)) {
+    std::string_view name(e->d_name);
+    if (name == "." || name == "..") continue;
+    DirectoryEntry entry;
+    entry.name = Utf8ToUtf16(name);
+    bool is_dir = false;
+    if (e->d_type == DT_DIR) {
+      is_dir = true;
+    } else if (e->d_type == DT_UNKNOWN || e->d_type == DT_LNK) {
+      struct stat st;
+      std::string full = native + "/" + std::string(name);
+      is_dir = ::stat(full.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
+    entry.is_directory = is_dir;
+    entries->push_back(std::move(entry));
+  }
+  ::closedir(dir);
+  std::sort(entries->begin(), entries->end(), NameLess);
+  return true;
+}
+
+}  // namespace velk2

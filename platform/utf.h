@@ -1,0 +1,20 @@
+// UTF-8 <-> UTF-16. Ill-formed input (bad bytes, truncated or overlong
+// sequences, surrogates in UTF-8, lone surrogates in UTF-16) becomes U+FFFD,
+// one replacement per maximal ill-formed subpart.
+#ifndef VELK2_PLATFORM_UTF_H_
+#define VELK2_PLATFORM_UTF_H_
+
+#include <string>
+#include <string_view>
+
+namespace velk2 {
+
+std::u16string Utf8ToUtf16(std::string_view text);
+std::string Utf16ToUtf8(std::u16string_view text);
+
+// Length of a NUL-terminated UTF-16 string (0 for null).
+size_t WideLength(const char16_t* text);
+
+}  // namespace velk2
+
+#endif  // VELK2_PLATFORM_UTF_H_
