@@ -1,0 +1,263 @@
+// Every Wycheproof signature vector in the shared test data through
+// zcry_PublicKeyVerifySignature, with keys defined the way the credential code
+// defines them: every valid signature accepted, every invalid one rejected,
+// acceptable ones counted either way. The key export is checked against the
+// DER key of each group as well.
+//
+// One deliberate difference: the module verifies RSA-PSS with any salt length,
+// while the PSS files call a signature whose salt length differs from the
+// group's invalid. Such a vector is accepted by the module; the test confirms
+// with OpenSSL directly that it is a correct PSS signature with another salt
+// length (it verifies with any salt length, fails with the group's) and counts
+// it apart. Every other invalid vector must be rejected.
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "platform/json.h"
+#include "platform/zcry.h"
+#include "platform/zcry_test_util.h"
+
+namespace velk2::testing {
+namespace {
+
+struct VectorFile {
+  const char* name;
+  uint32_t scheme;
+};
+
+const VectorFile kFiles[] = {
+    {"rsa_signature_2048_sha256_test.json", ZCRY_SCHEME_RSA_PKCS1_V15},
+    {"rsa_pss_2048_sha256_mgf1_32_test.json", ZCRY_SCHEME_RSA_PSS},
+    {"rsa_pss_2048_sha1_mgf1_20_test.json", ZCRY_SCHEME_RSA_PSS},
+    {"dsa_1024_160_sha1_test.json", ZCRY_SCHEME_DSA_SHA1},
+};
+
+bool ReadFile(const std::string& path, std::string* text) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  std::ostringstream buffer;
+  buffer << in.rdbuf();
+  *text = buffer.str();
+  return true;
+}
+
+// The string member |key| of |object| as bytes; fails the test if absent.
+Bytes HexMember(const JsonValue& object, const char* key) {
+  const JsonValue* value = object.Find(key);
+  EXPECT_TRUE(value != nullptr && value->IsString()) << key;
+  if (value == nullptr) return {};
+  std::optional<Bytes> bytes = FromHex(value->text);
+  EXPECT_TRUE(bytes.has_value()) << key;
+  return bytes.value_or(Bytes());
+}
+
+std::string StringMember(const JsonValue& object, const char* key) {
+  const JsonValue* value = object.Find(key);
+  return value != nullptr && value->IsString() ? value->text : std::string();
+}
+
+uint32_t HashId(const std::string& name) {
+  if (name == "SHA-1") return ZCRY_HASH_SHA1;
+  if (name == "SHA-256") return ZCRY_HASH_SHA256;
+  ADD_FAILURE() << "hash " << name;
+  return 0xFFFFFFFF;
+}
+
+// The key of a group, defined through the key records; |der| receives the
+// group's DER SubjectPublicKeyInfo.
+ZCRY_STATUS DefineGroupKey(const JsonValue& group, uint32_t scheme, KeyHandle* key, Bytes* der,
+                           uint32_t* data_word) {
+  if (scheme == ZCRY_SCHEME_DSA_SHA1) {
+    const JsonValue* k = group.Find("key");
+    if (k == nullptr || !k->IsObject()) return ZCRY_E_BAD_KEY;
+    *der = HexMember(group, "keyDer");
+    return DefineDsaKey(HexMember(*k, "p"), HexMember(*k, "q"), HexMember(*k, "g"),
+                        HexMember(*k, "y"), key, data_word);
+  }
+  *der = HexMember(group, "publicKeyDer");
+  const JsonValue* k = group.Find("publicKey");
+  if (k != nullptr && k->IsObject()) {
+    return DefineRsaKey(HexMember(*k, "publicExponent"), HexMember(*k, "modulus"), key, data_word);
+  }
+  return DefineRsaKey(HexMember(group, "e"), HexMember(group, "n"), key, data_word);
+}
+
+struct Counts {
+  int valid = 0, invalid = 0, acceptable = 0;
+  int acceptable_accepted = 0, undecodable = 0, other_salt = 0;
+};
+
+// Whether OpenSSL itself verifies |signature| over |digest| as RSA-PSS with the
+// key |der|, hash |md| for digest and MGF1, and salt length |salt|.
+bool OpenSslPssVerifies(const Bytes& der, const EVP_MD* md, int salt, const Bytes& digest,
+                        const Bytes& signature) {
+  const unsigned char* cursor = der.data();
+  EVP_PKEY* pkey = d2i_PUBKEY(nullptr, &cursor, static_cast<long>(der.size()));
+  EVP_PKEY_CTX* ctx = pkey ? EVP_PKEY_CTX_new_from_pkey(nullptr, pkey, nullptr) : nullptr;
+  const bool verified =
+      ctx != nullptr && EVP_PKEY_verify_init(ctx) == 1 &&
+      EVP_PKEY_CTX_set_signature_md(ctx, md) == 1 &&
+      EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PSS_PADDING) == 1 &&
+      EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, md) == 1 &&
+      EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx, salt) == 1 &&
+      EVP_PKEY_verify(ctx, signature.data(), signature.size(), digest.data(), digest.size()) == 1;
+  EVP_PKEY_CTX_free(ctx);
+  EVP_PKEY_free(pkey);
+  return verified;
+}
+
+class Wycheproof : public ::testing::TestWithParam<VectorFile> {};
+
+TEST_P(Wycheproof, EveryVectorHasItsExpectedOutcome) {
+  const VectorFile& file = GetParam();
+  std::string text, error;
+  ASSERT_TRUE(ReadFile(std::string(VELK2_TESTDATA) + "/wycheproof/" + file.name, &text))
+      << file.name;
+  JsonValue root;
+  ASSERT_TRUE(ParseJson(text, &root, &error)) << error;
+  const JsonValue* groups = root.Find("testGroups");
+  const JsonValue* declared = root.Find("numberOfTests");
+  ASSERT_TRUE(groups != nullptr && groups->IsArray() && declared != nullptr);
+
+  Counts counts;
+  for (const JsonValue& group : groups->items) {
+    const uint32_t hash_id = HashId(StringMember(group, "sha"));
+    if (file.scheme == ZCRY_SCHEME_RSA_PSS) {
+      ASSERT_EQ(StringMember(group, "mgf"), "MGF1");
+      ASSERT_EQ(StringMember(group, "mgfSha"), StringMember(group, "sha"));
+    }
+    KeyHandle key;
+    Bytes der;
+    uint32_t data_word = 0;
+    ASSERT_EQ(DefineGroupKey(group, file.scheme, &key, &der, &data_word), ZCRY_OK);
+    EXPECT_EQ(data_word, file.scheme == ZCRY_SCHEME_DSA_SHA1 ? 1024u : 2048u);
+
+    // The export is the group's own DER key, byte for byte.
+    uint32_t length = 0;
+    ASSERT_EQ(zcry_PublicKeyExport(key.get(), 0, 0, nullptr, &length, kContextWord),
+              ZCRY_E_BUFFER_TOO_SMALL);
+    Bytes exported(length);
+    ASSERT_EQ(zcry_PublicKeyExport(key.get(), 0, 0, exported.data(), &length, kContextWord),
+              ZCRY_OK);
+    EXPECT_EQ(ToHex(exported), ToHex(der));
+
+    const zcry_RSAParams rsa_params = RsaParams(hash_id);
+    const zcry_DSAParams dsa_params = DsaParams();
+    const void* params = file.scheme == ZCRY_SCHEME_DSA_SHA1
+                             ? static_cast<const void*>(&dsa_params)
+                             : static_cast<const void*>(&rsa_params);
+    const JsonValue* tests = group.Find("tests");
+    ASSERT_TRUE(tests != nullptr && tests->IsArray());
+    for (const JsonValue& test : tests->items) {
+      const std::string result = StringMember(test, "result");
+      const int id = static_cast<int>(test.Find("tcId") ? test.Find("tcId")->number : -1);
+      SCOPED_TRACE(::testing::Message() << file.name << " tcId " << id << " (" << result << ") "
+                                        << StringMember(test, "comment"));
+      ASSERT_TRUE(result == "valid" || result == "invalid" || result == "acceptable");
+      (result == "valid"     ? counts.valid
+       : result == "invalid" ? counts.invalid
+                             : counts.acceptable)++;
+
+      const Bytes message = HexMember(test, "msg");
+      const Bytes digest = Digest(
+          hash_id, std::string_view(reinterpret_cast<const char*>(message.data()), message.size()));
+      Bytes signature = HexMember(test, "sig");
+      if (file.scheme == ZCRY_SCHEME_DSA_SHA1) {
+        std::optional<Bytes> raw = DsaDerToRaw(signature);
+        if (!raw) {
+          // A DER signature that does not decode strictly cannot even be
+          // handed over: it is a rejected signature.
+          ++counts.undecodable;
+          EXPECT_NE(result, "valid");
+          continue;
+        }
+        signature = *raw;
+      }
+      uint32_t valid = 7;
+      ASSERT_EQ(Verify(key, file.scheme, params, digest, signature, &valid), ZCRY_OK);
+      ASSERT_TRUE(valid == 0 || valid == 1);
+      const bool accepted = valid == 1;
+      if (result == "acceptable") {
+        counts.acceptable_accepted += accepted ? 1 : 0;
+      } else if (result == "invalid" && accepted && file.scheme == ZCRY_SCHEME_RSA_PSS) {
+        const EVP_MD* md = hash_id == ZCRY_HASH_SHA1 ? EVP_sha1() : EVP_sha256();
+        const JsonValue* salt = group.Find("sLen");
+        ASSERT_NE(salt, nullptr);
+        const int group_salt = static_cast<int>(salt->number);
+        EXPECT_TRUE(OpenSslPssVerifies(der, md, RSA_PSS_SALTLEN_AUTO, digest, signature));
+        EXPECT_FALSE(OpenSslPssVerifies(der, md, group_salt, digest, signature));
+        ++counts.other_salt;
+      } else {
+        EXPECT_EQ(accepted, result == "valid");
+      }
+    }
+  }
+  EXPECT_EQ(counts.valid + counts.invalid + counts.acceptable, static_cast<int>(declared->number));
+  EXPECT_GT(counts.valid, 0);
+  EXPECT_GT(counts.invalid, 0);
+  std::printf(
+      "[ vectors  ] %s: %d valid, %d invalid, %d acceptable (%d accepted); "
+      "%d signatures not strict DER; %d PSS with another salt length accepted\n",
+      file.name, counts.valid, counts.invalid, counts.acceptable, counts.acceptable_accepted,
+      counts.undecodable, counts.other_salt);
+  RecordProperty("valid", counts.valid);
+  RecordProperty("invalid", counts.invalid);
+  RecordProperty("acceptable", counts.acceptable);
+  RecordProperty("acceptable_accepted", counts.acceptable_accepted);
+  RecordProperty("pss_other_salt_length", counts.other_salt);
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, Wycheproof, ::testing::ValuesIn(kFiles),
+                         [](const ::testing::TestParamInfo<VectorFile>& info) {
+                           std::string name = info.param.name;
+                           name = name.substr(0, name.find('.'));
+                           for (char& c : name) {
+                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                           }
+                           return name;
+                         });
+
+// The test reader refuses what the vectors must never contain, without
+// crashing on deep nesting.
+TEST(TestJsonReader, ReadsDocumentsAndRefusesMalformedOnes) {
+  JsonValue value;
+  std::string error;
+  ASSERT_TRUE(
+      ParseJson(R"({"a": [1, -2.5e1, true, null], "s": "x\"\u00e9\ud83d\ude00"})", &value, &error))
+      << error;
+  ASSERT_NE(value.Find("a"), nullptr);
+  EXPECT_EQ(value.Find("a")->items.size(), 4u);
+  EXPECT_EQ(value.Find("a")->items[1].number, -25.0);
+  EXPECT_EQ(value.Find("s")->text, "x\"\xC3\xA9\xF0\x9F\x98\x80");
+  EXPECT_EQ(value.Find("missing"), nullptr);
+
+  const std::string kBad[] = {"",
+                              "{",
+                              "[1,]",
+                              "{\"a\" 1}",
+                              "\"abc",
+                              "[1] 2",
+                              "\"\\x\"",
+                              "\"\\u12\"",
+                              "tru",
+                              "{1: 2}",
+                              "[\"a\nb\"]",
+                              "-",
+                              std::string(10000, '['),
+                              std::string(kMaxJsonDepth + 2, '[')};
+  for (const std::string& bad : kBad) {
+    error.clear();
+    EXPECT_FALSE(ParseJson(bad, &value, &error)) << bad.substr(0, 20);
+    EXPECT_FALSE(error.empty());
+  }
+}
+
+}  // namespace
+}  // namespace velk2::testing
