@@ -1,0 +1,105 @@
+// velk2: the command-line face of the library. Data goes to stdout, messages
+// to stderr; exit 0 on success, 1 when the answer is no, 2 on usage or I/O error.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "tools/velk2/commands.h"
+#include "velk2.h"
+
+namespace velk2::cli {
+namespace {
+
+std::vector<Command>& Table() {
+  static std::vector<Command> table;
+  return table;
+}
+
+void PrintHelp(std::FILE* out) {
+  std::fprintf(out,
+               "usage: velk2 COMMAND [ARGS...]\n\n"
+               "Decides whether signed packages and SPKI credentials may be trusted.\n\n"
+               "commands:\n");
+  for (const Command& c : Commands()) {
+    std::fprintf(out, "  velk2 %s %s\n      %s\n", c.name, c.usage, c.summary);
+  }
+  std::fprintf(out,
+               "  velk2 --version\n      print the library version\n"
+               "  velk2 --help\n      print this help\n\n"
+               "exit status: 0 success, 1 failure or not verified, 2 usage or input error\n");
+}
+
+// The longest registered name that matches the leading words of argv.
+const Command* FindCommand(int argc, char** argv, int* words_used) {
+  const Command* best = nullptr;
+  size_t best_words = 0;
+  for (const Command& c : Commands()) {
+    std::string name = c.name;
+    size_t words = 1;
+    for (char ch : name) words += ch == ' ';
+    if (words > static_cast<size_t>(argc - 1) || words < best_words) continue;
+    std::string joined = argv[1];
+    for (size_t i = 1; i < words; ++i) joined += std::string(" ") + argv[1 + i];
+    if (joined == name && words > best_words) {
+      best = &c;
+      best_words = words;
+    }
+  }
+  *words_used = static_cast<int>(best_words);
+  return best;
+}
+
+}  // namespace
+
+bool RegisterCommand(const Command& command) {
+  Table().push_back(command);
+  return true;
+}
+
+const std::vector<Command>& Commands() {
+  return Table();
+}
+
+int UsageError(const char* name, const std::string& message) {
+  std::fprintf(stderr, "velk2 %s: %s\n", name, message.c_str());
+  for (const Command& c : Commands()) {
+    if (std::strcmp(c.name, name) == 0)
+      std::fprintf(stderr, "usage: velk2 %s %s\n", c.name, c.usage);
+  }
+  return kExitUsage;
+}
+
+}  // namespace velk2::cli
+
+int main(int argc, char** argv) {
+  using namespace velk2::cli;
+  if (argc < 2) {
+    PrintHelp(stderr);
+    return kExitUsage;
+  }
+  if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0 ||
+      std::strcmp(argv[1], "help") == 0) {
+    PrintHelp(stdout);
+    return kExitOk;
+  }
+  if (std::strcmp(argv[1], "--version") == 0) {
+    int32_t number = Velk2VersionNumber();
+    std::printf("velk2 %d.%d.%d %s\n", number / 10000, number / 100 % 100, number % 100,
+                Velk2VersionExtraA());
+    return kExitOk;
+  }
+  int words = 0;
+  const Command* command = FindCommand(argc, argv, &words);
+  if (command == nullptr) {
+    std::fprintf(stderr, "velk2: unknown command '%s' (see velk2 --help)\n", argv[1]);
+    return kExitUsage;
+  }
+  Args args(argv + 1 + words, argv + argc);
+  for (const std::string& a : args) {
+    if (a == "--help" || a == "-h") {
+      std::printf("usage: velk2 %s %s\n  %s\n", command->name, command->usage, command->summary);
+      return kExitOk;
+    }
+  }
+  return command->run(args);
+}

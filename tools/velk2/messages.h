@@ -1,0 +1,16 @@
+// Messages for any status the tool may print: library result codes, and the
+// negative statuses of the authorization engine once it is linked in.
+#ifndef VELK2_TOOLS_VELK2_MESSAGES_H_
+#define VELK2_TOOLS_VELK2_MESSAGES_H_
+
+#include <string>
+
+namespace velk2::cli {
+
+// The message of |value|: a negative value read as a 32-bit engine status is
+// the engine's text; anything else the library's message of the result code.
+std::string MessageOf(long long value);
+
+}  // namespace velk2::cli
+
+#endif  // VELK2_TOOLS_VELK2_MESSAGES_H_
