@@ -1,0 +1,124 @@
+// The memory source: every read checks the position against the length.
+#include "sexp/source.h"
+
+#include <cstring>
+#include <new>
+
+#include "platform/files.h"
+
+namespace velk2 {
+
+Result SexpMemorySource::Attach(std::vector<uint8_t> bytes) {
+  if (has_data_) return VELK2_ERR_INVALID_DATA;
+  if (bytes.size() > static_cast<size_t>(INT32_MAX)) return VELK2_ERR_INVALID_PARAM;
+  length_ = static_cast<int32_t>(bytes.size());
+  data_ = std::move(bytes);
+  has_data_ = true;
+  return VELK2_SUCCESS;
+}
+
+Result SexpMemorySource::AttachCopy(const void* bytes, size_t length) {
+  if (has_data_) return VELK2_ERR_INVALID_DATA;
+  if (length != 0 && bytes == nullptr) return VELK2_ERR_INVALID_PARAM;
+  if (length > static_cast<size_t>(INT32_MAX)) return VELK2_ERR_INVALID_PARAM;
+  try {
+    const uint8_t* begin = static_cast<const uint8_t*>(bytes);
+    return Attach(std::vector<uint8_t>(begin, begin + length));
+  } catch (const std::bad_alloc&) {
+    return VELK2_ERR_MEM_ALLOC;
+  }
+}
+
+Result SexpMemorySource::LoadFile(const char16_t* path) {
+  if (has_data_ || path == nullptr) return VELK2_ERR_INVALID_DATA;
+  FileStatus status;
+  if (StatFile(path, &status) != 0) return VELK2_ERR_INVALID_DATA;
+  if (status.size > kMaxSourceFileSize) return VELK2_ERR_MEM_ALLOC;
+  // A directory cannot be opened as a file (Linux would open it and fail later).
+  if (status.mode & kStatDirectory) return VELK2_ERR_FILE_OPEN;
+  FileHandle file = OpenFile(path, static_cast<uint32_t>(OpenMode::kRead));
+  if (file == nullptr) return VELK2_ERR_FILE_OPEN;
+  std::vector<uint8_t> bytes;
+  try {
+    bytes.resize(status.size);
+  } catch (const std::bad_alloc&) {
+    return VELK2_ERR_MEM_ALLOC;
+  }
+  if (ReadBytes(file.get(), bytes.data(), bytes.size()) != bytes.size()) {
+    return VELK2_ERR_FILE_OPEN;
+  }
+  return Attach(std::move(bytes));
+}
+
+Result SexpMemorySource::Expect(const char* literal, uint32_t length, uint32_t mode) {
+  if (!has_data_ || literal == nullptr) return VELK2_ERR_INVALID_PARAM;
+  const uint64_t size = length >= 0xFFFFFFFEu ? std::strlen(literal) : length;
+  if (position_ < 0 || position_ + size > static_cast<uint64_t>(length_)) {
+    // A required literal that runs past the end leaves the source at its end.
+    // An optional or peeked one leaves the position alone: the credential
+    // readers take such a field as absent and read on, and a short file (an
+    // ACL entry with a small tag) must not lose its last bytes to the attempt.
+    if (mode == kExpectRequired) position_ = length_;
+    return VELK2_ERR_FILE_OPEN;
+  }
+  if (size != 0 && std::memcmp(data_.data() + position_, literal, size) != 0) {
+    return VELK2_ERR_INVALID_DATA;
+  }
+  if (mode == kExpectRequired || mode == kExpectOptional) {
+    position_ += static_cast<int32_t>(size);
+  }
+  return VELK2_SUCCESS;
+}
+
+int SexpMemorySource::Seek(int64_t offset, uint32_t origin) {
+  // No target is further away than the buffer is long; bounding the offset
+  // first keeps the arithmetic below from wrapping.
+  if (!has_data_ || offset < -int64_t{UINT32_MAX} || offset > int64_t{UINT32_MAX}) return -1;
+  int64_t target;
+  switch (origin) {
+    case kSeekCurrent:
+      target = int64_t{position_} + offset;
+      break;
+    case kSeekSet:
+      target = offset;
+      break;
+    case kSeekEnd:
+      target = int64_t{length_} - offset;
+      break;
+    default:
+      return -1;
+  }
+  if (target < 0 || target > length_) return -1;
+  position_ = static_cast<int32_t>(target);
+  return 0;
+}
+
+int SexpMemorySource::GetByte(bool advance) {
+  if (!has_data_ || position_ < 0 || position_ >= length_) return -1;
+  int byte = data_[static_cast<size_t>(position_)];
+  if (advance) ++position_;
+  return byte;
+}
+
+int32_t SexpMemorySource::Read(void* buffer, uint32_t count, bool advance) {
+  if (!has_data_ || buffer == nullptr || position_ < 0 || position_ >= length_) return -1;
+  const uint32_t left = static_cast<uint32_t>(length_ - position_);
+  const uint32_t copied = count < left ? count : left;
+  std::memcpy(buffer, data_.data() + position_, copied);
+  if (advance) position_ += static_cast<int32_t>(copied);
+  return static_cast<int32_t>(copied);
+}
+
+std::unique_ptr<SexpMemorySource> NewMemorySource(std::vector<uint8_t> bytes) {
+  auto source = std::make_unique<SexpMemorySource>();
+  if (source->Attach(std::move(bytes)) != VELK2_SUCCESS) return nullptr;
+  return source;
+}
+
+std::unique_ptr<SexpMemorySource> NewFileSource(const char16_t* path) {
+  auto source = std::make_unique<SexpMemorySource>();
+  if (source->LoadFile(path) != VELK2_SUCCESS) return nullptr;
+  return source;
+}
+
+}  // namespace velk2
