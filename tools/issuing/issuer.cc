@@ -1,0 +1,248 @@
+#include "tools/issuing/issuer.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <vector>
+
+#include "platform/utf.h"
+#include "platform/zcry.h"
+#include "sexp/reader.h"
+#include "sexp/source.h"
+
+namespace velk2::issuing {
+namespace {
+
+Result AppendAtom(SexpList* list, const void* bytes, size_t length, DisplayHint hint = kHintNone) {
+  Ref<SexpAtom> atom = SexpAtom::New(list->context());
+  Result r = atom->SetAtomValue(bytes, static_cast<uint32_t>(length), hint);
+  if (r != VELK2_SUCCESS) return r;
+  return list->Append(std::move(atom));
+}
+
+// (name value) with a binary value atom, as key parameters are stored.
+Result AppendParameter(SexpList* list, const char* name, const std::vector<uint8_t>& value) {
+  Ref<SexpList> parameter;
+  Result r = NewKeywordList(&parameter, name, list->context());
+  if (r == VELK2_SUCCESS) r = AppendAtom(parameter.get(), value.data(), value.size());
+  if (r == VELK2_SUCCESS) r = list->Append(std::move(parameter));
+  return r;
+}
+
+Result AppendDate(SexpList* valid, const char* keyword, int64_t time) {
+  std::string text = FormatDate(time);
+  Ref<SexpList> field;
+  Result r = NewKeywordListWithText(&field, keyword, text.c_str(), valid->context());
+  if (r == VELK2_SUCCESS) r = valid->Append(std::move(field));
+  return r;
+}
+
+const char* HashName(uint32_t hash_id) {
+  switch (hash_id) {
+    case ZCRY_HASH_SHA1:
+      return "sha1";
+    case ZCRY_HASH_SHA256:
+      return "sha256";
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+Result MakePublicKey(const PrivateKey& key, Ref<SexpList>* out) {
+  if (!key.valid()) return VELK2_ERR_INVALID_PARAM;
+  bool rsa = key.type() == KeyType::kRsa;
+  Ref<SexpList> algorithm;
+  Result r = NewKeywordList(&algorithm, rsa ? "rsa" : "dsa", nullptr);
+  // The order of the parameters is part of the format: e, n; and p, g, q, y.
+  const char* const names[] = {"e", "n", "p", "g", "q", "y"};
+  for (size_t i = rsa ? 0 : 2; r == VELK2_SUCCESS && i < (rsa ? 2u : 6u); ++i) {
+    r = AppendParameter(algorithm.get(), names[i], key.Parameter(names[i]));
+  }
+  Ref<SexpList> public_key;
+  if (r == VELK2_SUCCESS) r = NewKeywordList(&public_key, "public-key", nullptr);
+  if (r == VELK2_SUCCESS) r = public_key->Append(std::move(algorithm));
+  if (r == VELK2_SUCCESS) *out = std::move(public_key);
+  return r;
+}
+
+Result MakeHashPrincipal(const SexpObject& object, Ref<SexpList>* out) {
+  CBuffer<uint8_t> digest;
+  uint32_t length = 0;
+  Result r = ComputeHash(&object, &digest, &length, ZCRY_HASH_SHA256, true);
+  Ref<SexpList> hash;
+  if (r == VELK2_SUCCESS) r = NewKeywordListWithText(&hash, "hash", "sha256", nullptr);
+  if (r == VELK2_SUCCESS) r = AppendAtom(hash.get(), digest.get(), length);
+  if (r == VELK2_SUCCESS) *out = std::move(hash);
+  return r;
+}
+
+Result SignObject(const PrivateKey& key, const SexpObject& object, const std::string& algorithm,
+                  uint32_t hash_id, Ref<SexpList>* out) {
+  const char* hash_name = HashName(hash_id);
+  if (hash_name == nullptr) return VELK2_ERR_HASH_ID;
+  // The library checks a DSA signature against the object's SHA-1 digest,
+  // whatever the hash value names, so a DSA signer always hashes with SHA-1.
+  uint32_t signed_hash = algorithm == kDsaSha1 ? ZCRY_HASH_SHA1 : hash_id;
+  CBuffer<uint8_t> digest;
+  uint32_t length = 0;
+  Result r = ComputeHash(&object, &digest, &length, signed_hash, false);
+  if (r != VELK2_SUCCESS) return r;
+  std::vector<uint8_t> signature_bytes;
+  r = key.SignDigest(algorithm, signed_hash, digest.get(), length, &signature_bytes);
+  if (r != VELK2_SUCCESS) return r;
+
+  Ref<SexpList> hash_value, signer, value, signature;
+  r = NewKeywordListWithText(&hash_value, "hash", HashName(signed_hash), nullptr);
+  if (r == VELK2_SUCCESS) r = AppendAtom(hash_value.get(), digest.get(), length);
+  if (r == VELK2_SUCCESS) r = MakePublicKey(key, &signer);
+  if (r == VELK2_SUCCESS) r = NewKeywordList(&value, algorithm.c_str(), nullptr);
+  if (r == VELK2_SUCCESS)
+    r = AppendAtom(value.get(), signature_bytes.data(), signature_bytes.size());
+  if (r == VELK2_SUCCESS) r = NewKeywordList(&signature, "signature", nullptr);
+  if (r == VELK2_SUCCESS) r = signature->Append(std::move(hash_value));
+  if (r == VELK2_SUCCESS) r = signature->Append(std::move(signer));
+  if (r == VELK2_SUCCESS) r = signature->Append(std::move(value));
+  if (r == VELK2_SUCCESS) *out = std::move(signature);
+  return r;
+}
+
+Result ParseTag(const std::string& text, Ref<SexpList>* out) {
+  Ref<SexpList> tag;
+  Result r = ParseTextSequence(&tag, text.c_str(), "tag", nullptr);
+  if (r != VELK2_SUCCESS) return r;
+  if (tag->ChildCount() < 2) return VELK2_ERR_INVALID_PARAM;
+  *out = std::move(tag);
+  return VELK2_SUCCESS;
+}
+
+Result ParseDate(const std::string& text, int64_t* out) {
+  // Exactly 19 bytes, "%04d-%02d-%02d_%02d:%02d:%02d".
+  static const char kShape[] = "dddd-dd-dd_dd:dd:dd";
+  if (text.size() != 19) return VELK2_ERR_INVALID_PARAM;
+  for (size_t i = 0; i < 19; ++i) {
+    bool digit = text[i] >= '0' && text[i] <= '9';
+    if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) return VELK2_ERR_INVALID_PARAM;
+  }
+  auto field = [&](size_t at, size_t n) { return std::atoi(text.substr(at, n).c_str()); };
+  std::tm tm = {};
+  tm.tm_year = field(0, 4) - 1900;
+  tm.tm_mon = field(5, 2) - 1;
+  tm.tm_mday = field(8, 2);
+  tm.tm_hour = field(11, 2);
+  tm.tm_min = field(14, 2);
+  tm.tm_sec = field(17, 2);
+  std::tm check = tm;
+  time_t t = timegm(&check);
+  // timegm normalises out-of-range fields: a date that changed was not a date.
+  if (check.tm_mon != tm.tm_mon || check.tm_mday != tm.tm_mday || check.tm_hour != tm.tm_hour ||
+      check.tm_min != tm.tm_min || check.tm_sec != tm.tm_sec) {
+    return VELK2_ERR_INVALID_PARAM;
+  }
+  *out = static_cast<int64_t>(t);
+  return VELK2_SUCCESS;
+}
+
+std::string FormatDate(int64_t time) {
+  time_t t = static_cast<time_t>(time);
+  std::tm tm = {};
+  if (gmtime_r(&t, &tm) == nullptr) return {};
+  char text[80];
+  std::snprintf(text, sizeof(text), "%04d-%02d-%02d_%02d:%02d:%02d", tm.tm_year + 1900,
+                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+  return text;
+}
+
+Result ReadObjectFile(const std::string& path, Ref<SexpList>* out) {
+  std::unique_ptr<SexpMemorySource> source = NewFileSource(Utf8ToUtf16(path).c_str());
+  if (!source) return VELK2_ERR_FILE_OPEN;
+  Ref<SexpList> list;
+  Result r = ParseCanonicalList(&list, source.get(), nullptr);
+  if (r != VELK2_SUCCESS) return r;
+  // A credential file holds one expression and nothing after it.
+  if (source->position() != source->length()) return VELK2_ERR_PARSE_FILE;
+  *out = std::move(list);
+  return VELK2_SUCCESS;
+}
+
+std::string StoredBytes(const SexpObject& object) {
+  char* data = nullptr;
+  size_t size = 0;
+  std::FILE* stream = open_memstream(&data, &size);
+  if (stream == nullptr) return {};
+  Result r = object.WriteToFile(stream);
+  std::fclose(stream);
+  std::string bytes = r == VELK2_SUCCESS ? std::string(data, size) : std::string();
+  std::free(data);
+  return bytes;
+}
+
+Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out) {
+  if (!request.issuer || !request.subject) return VELK2_ERR_INVALID_PARAM;
+  Ref<SexpList> body, version, issuer, subject, propagate, valid, comment;
+  Result r = NewKeywordList(&body, "cert", nullptr);
+  if (r == VELK2_SUCCESS) r = NewKeywordListWithText(&version, "version", "1", nullptr);
+  if (r == VELK2_SUCCESS) r = body->Append(std::move(version));
+  if (r == VELK2_SUCCESS) {
+    r = NewKeywordListWithChild(&issuer, "issuer", Ref<SexpObject>(request.issuer), nullptr);
+  }
+  if (r == VELK2_SUCCESS) r = body->Append(std::move(issuer));
+  if (r == VELK2_SUCCESS) {
+    r = NewKeywordListWithChild(&subject, "subject", Ref<SexpObject>(request.subject), nullptr);
+  }
+  if (r == VELK2_SUCCESS) r = body->Append(std::move(subject));
+  if (r == VELK2_SUCCESS && request.propagate) {
+    r = NewKeywordList(&propagate, "propagate", nullptr);
+    if (r == VELK2_SUCCESS) r = body->Append(std::move(propagate));
+  }
+  if (r == VELK2_SUCCESS && request.tag) r = body->Append(Ref<SexpList>(request.tag));
+  if (r == VELK2_SUCCESS && (request.not_before || request.not_after)) {
+    r = NewKeywordList(&valid, "valid", nullptr);
+    if (r == VELK2_SUCCESS && request.not_before) {
+      r = AppendDate(valid.get(), "not-before", *request.not_before);
+    }
+    if (r == VELK2_SUCCESS && request.not_after) {
+      r = AppendDate(valid.get(), "not-after", *request.not_after);
+    }
+    if (r == VELK2_SUCCESS) r = body->Append(std::move(valid));
+  }
+  if (r == VELK2_SUCCESS && request.comment) {
+    r = NewKeywordListWithText(&comment, "comment", request.comment->c_str(), nullptr);
+    if (r == VELK2_SUCCESS) r = body->Append(std::move(comment));
+  }
+  if (r == VELK2_SUCCESS) *out = std::move(body);
+  return r;
+}
+
+Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpList> signature,
+                         const std::string& owner) {
+  Ref<SexpList> sequence;
+  struct stat st;
+  Result r;
+  if (::stat(path.c_str(), &st) == 0) {
+    r = ReadObjectFile(path, &sequence);
+    if (r != VELK2_SUCCESS) return r;
+    const SexpObject* head = sequence->FirstChild();
+    if (head == nullptr || head->IsList() || !head->AsAtom()->AtomEqualsText("sequence")) {
+      return VELK2_ERR_INVALID_SEQUENCE;
+    }
+  } else {
+    r = NewKeywordList(&sequence, "sequence", nullptr);
+    if (r != VELK2_SUCCESS) return r;
+  }
+  Ref<SexpList> owner_list;
+  r = owner.empty() ? NewKeywordList(&owner_list, "owner", nullptr)
+                    : NewKeywordListWithText(&owner_list, "owner", owner.c_str(), nullptr);
+  if (r == VELK2_SUCCESS) r = sequence->Append(std::move(body));
+  if (r == VELK2_SUCCESS) r = sequence->Append(std::move(signature));
+  if (r == VELK2_SUCCESS) r = sequence->Append(std::move(owner_list));
+  if (r != VELK2_SUCCESS) return r;
+  std::string bytes = StoredBytes(*sequence);
+  if (bytes.empty()) return VELK2_ERR_WRITE_FILE;
+  return WriteFileAtomically(path, bytes, 0644, true);
+}
+
+}  // namespace velk2::issuing

@@ -1,0 +1,78 @@
+// Building and signing credentials: public-key lists, hash principals,
+// signatures, certificate bodies and certificate files.
+#ifndef VELK2_TOOLS_ISSUING_ISSUER_H_
+#define VELK2_TOOLS_ISSUING_ISSUER_H_
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "frame/ref.h"
+#include "frame/result.h"
+#include "sexp/object.h"
+#include "tools/issuing/private_key.h"
+
+namespace velk2::issuing {
+
+// MakePublicKey: the canonical public key of |key|,
+// (10:public-key(3:rsa(1:e e)(1:n n))) or (10:public-key(3:dsa(1:p p)(1:g g)(1:q q)(1:y y))).
+Result MakePublicKey(const PrivateKey& key, Ref<SexpList>* out);
+
+// MakeHashPrincipal: (4:hash 6:sha256 digest) over |object|'s canonical form,
+// the principal that stands for a key (or any object) by its digest.
+Result MakeHashPrincipal(const SexpObject& object, Ref<SexpList>* out);
+
+// SignObject signs |object|'s stored form with |key| under |algorithm|
+// ("rsa-pss", "rsa-1.5", "dsa-sha1") over |hash_id| (0 SHA-1, 2 SHA-256) and
+// makes (9:signature (4:hash alg digest) signer (alg bytes)), the signer being
+// |key|'s public key. A DSA signature always hashes with SHA-1.
+Result SignObject(const PrivateKey& key, const SexpObject& object, const std::string& algorithm,
+                  uint32_t hash_id, Ref<SexpList>* out);
+
+// ParseTag reads a tag in the readable form, "(pkg install)" or
+// "(ftp (* set read write))", into (tag ...): each top-level element one child.
+// VELK2_ERR_UNEXPECTED_CHAR (28) or VELK2_ERR_INVALID_S_EXPRESSION (29) when it
+// does not read, VELK2_ERR_INVALID_PARAM (2) for an empty tag.
+Result ParseTag(const std::string& text, Ref<SexpList>* out);
+
+// ParseDate reads "YYYY-MM-DD_hh:mm:ss" (UTC) exactly: two digits for every
+// field but the year, the separators as written, every field in range.
+// VELK2_ERR_INVALID_PARAM (2) otherwise.
+Result ParseDate(const std::string& text, int64_t* out);
+// FormatDate writes a time as "YYYY-MM-DD_hh:mm:ss" (UTC).
+std::string FormatDate(int64_t time);
+
+// ReadObjectFile reads a canonical S-expression file (a .pub key, a .cert
+// sequence, any credential) as a plain list. The reader's codes on failure.
+Result ReadObjectFile(const std::string& path, Ref<SexpList>* out);
+
+// StoredBytes: the stored form of |object| (its file bytes, hint markers
+// included). Empty when it cannot be written.
+std::string StoredBytes(const SexpObject& object);
+
+// The fields of a certificate to be issued; absent optional fields stay unset.
+struct CertificateRequest {
+  Ref<SexpObject> issuer;   // a public key or hash principal
+  Ref<SexpObject> subject;  // a public key, hash principal or k-of-n group
+  bool propagate = false;
+  Ref<SexpList> tag;  // (tag ...), or null for none
+  std::optional<int64_t> not_before;
+  std::optional<int64_t> not_after;
+  std::optional<std::string> comment;
+};
+
+// MakeCertificateBody builds (4:cert (7:version 1:1) (6:issuer ..) (7:subject ..)
+// [(9:propagate)] [tag] [(5:valid [(10:not-before d)] [(9:not-after d)])]
+// [(7:comment c)]). 2 without issuer or subject.
+Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out);
+
+// AppendCertificate adds the entry body, signature, (5:owner |owner|) to the
+// (8:sequence ...) in the file at |path|, creating it when missing. The file
+// is replaced whole through a temporary file, so it is never half-written.
+// The reader's codes when the existing file is not a sequence.
+Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpList> signature,
+                         const std::string& owner);
+
+}  // namespace velk2::issuing
+
+#endif  // VELK2_TOOLS_ISSUING_ISSUER_H_

@@ -1,0 +1,36 @@
+// Helpers shared by the commands: reporting failures, files, keys.
+#ifndef VELK2_TOOLS_VELK2_SUPPORT_H_
+#define VELK2_TOOLS_VELK2_SUPPORT_H_
+
+#include <cstdint>
+#include <string>
+
+#include "frame/ref.h"
+#include "frame/result.h"
+#include "sexp/object.h"
+
+namespace velk2::cli {
+
+// Prints "velk2 COMMAND: MESSAGE" on stderr and returns |exit_code|.
+int Fail(int exit_code, const char* command, const std::string& message);
+// The same with the result code and its message appended.
+int FailWith(int exit_code, const char* command, const std::string& message, Result code);
+
+bool FileExists(const std::string& path);
+// Lowercase hex of |length| bytes.
+std::string Hex(const uint8_t* bytes, size_t length);
+
+// What `key show` prints of a key.
+struct KeyInfo {
+  std::string type;  // "rsa" or "dsa"
+  uint32_t bits = 0;
+  std::string fingerprint;  // SHA-256 of the canonical public key, hex
+};
+// LoadPublicKey reads a public key: a canonical .pub file, or the public half
+// of a .pem private key. VELK2_ERR_PRINCIPAL (11) when the file holds no key.
+Result LoadPublicKey(const std::string& path, Ref<SexpList>* out);
+Result ReadKeyInfo(const std::string& path, KeyInfo* info);
+
+}  // namespace velk2::cli
+
+#endif  // VELK2_TOOLS_VELK2_SUPPORT_H_
