@@ -99,7 +99,7 @@ bool ListDirectory(const char16_t* directory, std::vector<DirectoryEntry>* entri
   entries->clear();
   if (directory == nullptr) return false;
   std::string native = NativePath(directory);
-  if (native.empty()) native = ".";
+  if (native.empty()) native.push_back('.');
   DIR* dir = ::opendir(native.c_str());
   if (dir == nullptr) return false;
   while (const dirent* e = ::readdir(dir)) {
@@ -112,7 +112,9 @@ bool ListDirectory(const char16_t* directory, std::vector<DirectoryEntry>* entri
       is_dir = true;
     } else if (e->d_type == DT_UNKNOWN || e->d_type == DT_LNK) {
       struct stat st;
-      std::string full = native + "/" + std::string(name);
+      std::string full = native;  // appended piecewise: g++ 12 -O3 misreads a + chain
+      full.push_back('/');
+      full.append(name);
       is_dir = ::stat(full.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
     }
     entry.is_directory = is_dir;
