@@ -26,8 +26,9 @@ struct KeyInfo {
   uint32_t bits = 0;
   std::string fingerprint;  // SHA-256 of the canonical public key, hex
 };
-// LoadPublicKey reads a public key: a canonical .pub file, or the public half
-// of a .pem private key. VELK2_ERR_PRINCIPAL (11) when the file holds no key.
+// LoadPublicKey reads a public key: a canonical .pub file that the library's
+// key reader accepts (nothing may follow the key), or the public half of a
+// .pem private key. The reader's or the key's code when it is not one.
 Result LoadPublicKey(const std::string& path, Ref<SexpList>* out);
 Result ReadKeyInfo(const std::string& path, KeyInfo* info);
 

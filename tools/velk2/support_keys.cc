@@ -2,7 +2,10 @@
 
 #include <cstdio>
 
+#include "credentials/public_key.h"
+#include "platform/utf.h"
 #include "platform/zcry.h"
+#include "sexp/source.h"
 #include "tools/issuing/issuer.h"
 #include "tools/issuing/private_key.h"
 #include "tools/velk2/messages.h"
@@ -25,10 +28,6 @@ uint32_t BitLength(const SexpAtom* atom) {
   uint32_t bits = static_cast<uint32_t>((bytes.size() - i) * 8);
   for (uint8_t top = static_cast<uint8_t>(bytes[i]); (top & 0x80) == 0; top <<= 1) --bits;
   return bits;
-}
-
-bool IsText(const SexpObject* object, const char* text) {
-  return object != nullptr && !object->IsList() && object->AsAtom()->AtomEqualsText(text);
 }
 
 }  // namespace
@@ -67,15 +66,13 @@ Result LoadPublicKey(const std::string& path, Ref<SexpList>* out) {
     if (r != VELK2_SUCCESS) return r;
     return issuing::MakePublicKey(key, out);
   }
-  Ref<SexpList> key;
-  Result r = issuing::ReadObjectFile(path, &key);
+  // A .pub file must hold exactly one key that the library itself accepts.
+  std::unique_ptr<SexpMemorySource> source = NewFileSource(Utf8ToUtf16(path).c_str());
+  if (!source) return VELK2_ERR_FILE_OPEN;
+  Ref<PublicKey> key = PublicKey::New();
+  Result r = key->Parse(source.get());
   if (r != VELK2_SUCCESS) return r;
-  // (public-key (rsa|dsa (name value)...))
-  const SexpList* algorithm = key->ChildAt(1) ? key->ChildAt(1)->AsList() : nullptr;
-  if (key->ChildCount() != 2 || !IsText(key->FirstChild(), "public-key") || algorithm == nullptr ||
-      !(IsText(algorithm->FirstChild(), "rsa") || IsText(algorithm->FirstChild(), "dsa"))) {
-    return VELK2_ERR_PRINCIPAL;
-  }
+  if (source->position() != source->length()) return VELK2_ERR_PARSE_FILE;
   *out = std::move(key);
   return VELK2_SUCCESS;
 }
