@@ -29,6 +29,19 @@ void PrintHelp(std::FILE* out) {
                "exit status: 0 success, 1 failure or not verified, 2 usage or input error\n");
 }
 
+// Prints the usage of every command whose first word is |family|; false when
+// there is none.
+bool PrintFamily(std::FILE* out, const char* family) {
+  std::string prefix = std::string(family) + " ";
+  bool found = false;
+  for (const Command& c : Commands()) {
+    if (std::string(c.name).rfind(prefix, 0) != 0) continue;
+    std::fprintf(out, "usage: velk2 %s %s\n      %s\n", c.name, c.usage, c.summary);
+    found = true;
+  }
+  return found;
+}
+
 // The longest registered name that matches the leading words of argv.
 const Command* FindCommand(int argc, char** argv, int* words_used) {
   const Command* best = nullptr;
@@ -91,6 +104,9 @@ int main(int argc, char** argv) {
   int words = 0;
   const Command* command = FindCommand(argc, argv, &words);
   if (command == nullptr) {
+    // "velk2 key" or "velk2 tag --help": the family's commands.
+    bool help = argc > 2 && (std::strcmp(argv[2], "--help") == 0 || std::strcmp(argv[2], "-h") == 0);
+    if (PrintFamily(help ? stdout : stderr, argv[1])) return help ? kExitOk : kExitUsage;
     std::fprintf(stderr, "velk2: unknown command '%s' (see velk2 --help)\n", argv[1]);
     return kExitUsage;
   }

@@ -1,0 +1,268 @@
+#include "engine/keywords.h"
+
+#include <iterator>
+
+namespace velk2::engine {
+namespace {
+
+#define VELK2_KW(text) \
+  { sizeof(text) - 1, text }
+
+// Indexed by id 0..127; ids 1..127 follow the byte order of their texts.
+constexpr KeywordText kKeywordText[128] = {
+    VELK2_KW("???"),
+    VELK2_KW("*"),
+    VELK2_KW("a"),
+    VELK2_KW("acl"),
+    VELK2_KW("alpha"),
+    VELK2_KW("b"),
+    VELK2_KW("ber"),
+    VELK2_KW("binary"),
+    VELK2_KW("biometric"),
+    VELK2_KW("c"),
+    VELK2_KW("canceled"),
+    VELK2_KW("cert"),
+    VELK2_KW("comment"),
+    VELK2_KW("crl"),
+    VELK2_KW("custom"),
+    VELK2_KW("d"),
+    VELK2_KW("date"),
+    VELK2_KW("db-delete"),
+    VELK2_KW("db-exec-stored-query"),
+    VELK2_KW("db-insert"),
+    VELK2_KW("db-modify"),
+    VELK2_KW("db-read"),
+    VELK2_KW("dbs-create"),
+    VELK2_KW("dbs-delete"),
+    VELK2_KW("decrypt"),
+    VELK2_KW("delete"),
+    VELK2_KW("delta-crl"),
+    VELK2_KW("der"),
+    VELK2_KW("derive"),
+    VELK2_KW("display"),
+    VELK2_KW("do"),
+    VELK2_KW("dsa"),
+    VELK2_KW("dsa-sha1"),
+    VELK2_KW("e"),
+    VELK2_KW("elgamal"),
+    VELK2_KW("encrypt"),
+    VELK2_KW("entry"),
+    VELK2_KW("export-clear"),
+    VELK2_KW("export-wrapped"),
+    VELK2_KW("g"),
+    VELK2_KW("ge"),
+    VELK2_KW("genkey"),
+    VELK2_KW("hash"),
+    VELK2_KW("haval"),
+    VELK2_KW("ibchash"),
+    VELK2_KW("import-clear"),
+    VELK2_KW("import-wrapped"),
+    VELK2_KW("intel"),
+    VELK2_KW("issuer"),
+    VELK2_KW("issuer-info"),
+    VELK2_KW("k-of-n"),
+    VELK2_KW("kea"),
+    VELK2_KW("keyholder"),
+    VELK2_KW("l"),
+    VELK2_KW("le"),
+    VELK2_KW("login"),
+    VELK2_KW("login-name"),
+    VELK2_KW("mac"),
+    VELK2_KW("md2"),
+    VELK2_KW("md2withrsa"),
+    VELK2_KW("md4"),
+    VELK2_KW("md5"),
+    VELK2_KW("md5withrsa"),
+    VELK2_KW("n"),
+    VELK2_KW("name"),
+    VELK2_KW("ndr"),
+    VELK2_KW("nhash"),
+    VELK2_KW("not-after"),
+    VELK2_KW("not-before"),
+    VELK2_KW("null"),
+    VELK2_KW("numeric"),
+    VELK2_KW("object-hash"),
+    VELK2_KW("one-time"),
+    VELK2_KW("online"),
+    VELK2_KW("owner"),
+    VELK2_KW("p"),
+    VELK2_KW("pam-name"),
+    VELK2_KW("password"),
+    VELK2_KW("pgp"),
+    VELK2_KW("prefix"),
+    VELK2_KW("private-key"),
+    VELK2_KW("prompted-password"),
+    VELK2_KW("propagate"),
+    VELK2_KW("protected-biometric"),
+    VELK2_KW("protected-password"),
+    VELK2_KW("protected-pin"),
+    VELK2_KW("public-key"),
+    VELK2_KW("public-key-from-cert"),
+    VELK2_KW("q"),
+    VELK2_KW("range"),
+    VELK2_KW("reval"),
+    VELK2_KW("ripemac"),
+    VELK2_KW("ripemd"),
+    VELK2_KW("ripemd160"),
+    VELK2_KW("rsa"),
+    VELK2_KW("rsa-iso9796"),
+    VELK2_KW("rsa-pkcs"),
+    VELK2_KW("rsa-pkcs-md5"),
+    VELK2_KW("rsa-pkcs-sha1"),
+    VELK2_KW("rsa-pkcs1"),
+    VELK2_KW("rsa-pkcs1-md5"),
+    VELK2_KW("rsa-pkcs1-sha1"),
+    VELK2_KW("rsa-pkcs1-sig"),
+    VELK2_KW("rsa-raw"),
+    VELK2_KW("sdsiv1"),
+    VELK2_KW("sequence"),
+    VELK2_KW("set"),
+    VELK2_KW("sexpr"),
+    VELK2_KW("sha1"),
+    VELK2_KW("sha1withdsa"),
+    VELK2_KW("sha1withecdsa"),
+    VELK2_KW("sha1withrsa"),
+    VELK2_KW("sign"),
+    VELK2_KW("signature"),
+    VELK2_KW("signed-nonce"),
+    VELK2_KW("signed-secret"),
+    VELK2_KW("spki"),
+    VELK2_KW("subject"),
+    VELK2_KW("subject-info"),
+    VELK2_KW("tag"),
+    VELK2_KW("threshold"),
+    VELK2_KW("time"),
+    VELK2_KW("uri"),
+    VELK2_KW("version"),
+    VELK2_KW("x509-attribute"),
+    VELK2_KW("x509v1"),
+    VELK2_KW("x509v2"),
+    VELK2_KW("x509v3"),
+};
+
+// The ids 65536..65539, which stand apart from the alphabetical numbering.
+constexpr KeywordText kHighKeywordText[4] = {
+    VELK2_KW("and"),
+    VELK2_KW("hashed-password"),
+    VELK2_KW("prompted-biometric"),
+    VELK2_KW("valid"),
+};
+
+#undef VELK2_KW
+
+struct Recognised {
+  const char* text;
+  int32_t id;
+};
+
+// The words the lookup recognises, in byte order. The other words of the
+// text table are printable but never produced by the lookup.
+constexpr Recognised kRecognised[] = {
+    {"*", 1},
+    {"a", 2},
+    {"acl", 3},
+    {"alpha", 4},
+    {"and", 65536},
+    {"b", 5},
+    {"binary", 7},
+    {"c", 9},
+    {"canceled", 10},
+    {"cert", 11},
+    {"comment", 12},
+    {"crl", 13},
+    {"d", 15},
+    {"date", 16},
+    {"delta-crl", 26},
+    {"display", 29},
+    {"do", 30},
+    {"dsa-sha1", 32},
+    {"e", 33},
+    {"entry", 36},
+    {"g", 39},
+    {"ge", 40},
+    {"hash", 42},
+    {"issuer", 48},
+    {"issuer-info", 49},
+    {"k-of-n", 50},
+    {"keyholder", 52},
+    {"l", 53},
+    {"le", 54},
+    {"md5", 61},
+    {"n", 63},
+    {"name", 64},
+    {"not-after", 67},
+    {"not-before", 68},
+    {"null", 69},
+    {"numeric", 70},
+    {"object-hash", 71},
+    {"one-time", 72},
+    {"online", 73},
+    {"p", 75},
+    {"prefix", 79},
+    {"private-key", 80},
+    {"propagate", 82},
+    {"public-key", 86},
+    {"q", 88},
+    {"range", 89},
+    {"reval", 90},
+    {"rsa-pkcs1", 99},
+    {"rsa-pkcs1-md5", 100},
+    {"rsa-pkcs1-sha1", 101},
+    {"rsa-pkcs1-sig", 102},
+    {"sequence", 105},
+    {"set", 106},
+    {"sha1", 108},
+    {"sha256", 129},
+    {"signature", 113},
+    {"subject", 117},
+    {"subject-info", 118},
+    {"tag", 119},
+    {"time", 121},
+    {"uri", 122},
+    {"valid", 65539},
+    {"version", 123},
+};
+
+static_assert(std::size(kRecognised) == 63);
+
+// 1: the atom sorts first, 2: after, 0: equal. Atom bytes past the length
+// count as 0, and the walk ends as equal where both give 0.
+int CompareWithKeyword(const uint8_t* bytes, uint32_t length, const char* keyword) {
+  for (uint32_t i = 0;; ++i) {
+    unsigned a = i < length ? bytes[i] : 0u;
+    unsigned k = static_cast<unsigned char>(keyword[i]);
+    if (a < k) return 1;
+    if (a > k) return 2;
+    if (a == 0) return 0;  // both 0 here
+  }
+}
+
+}  // namespace
+
+int32_t KeywordId(const uint8_t* bytes, uint32_t length) {
+  if (bytes == nullptr && length != 0) return kKeywordNone;
+  size_t low = 0;
+  size_t high = std::size(kRecognised);
+  while (low < high) {
+    size_t middle = low + (high - low) / 2;
+    switch (CompareWithKeyword(bytes, length, kRecognised[middle].text)) {
+      case 0:
+        return kRecognised[middle].id;
+      case 1:
+        high = middle;
+        break;
+      default:
+        low = middle + 1;
+        break;
+    }
+  }
+  return kKeywordNone;
+}
+
+const KeywordText& KeywordTextOf(int32_t id) {
+  if (id >= 0 && id < 128) return kKeywordText[id];
+  if (id >= 65536 && id <= 65539) return kHighKeywordText[id - 65536];
+  return kKeywordText[0];
+}
+
+}  // namespace velk2::engine

@@ -1,0 +1,147 @@
+#include "engine/parser.h"
+
+#include <cstring>
+#include <limits>
+
+#include "engine/keywords.h"
+
+namespace velk2::engine {
+namespace {
+
+bool IsDigit(uint8_t byte) {
+  return byte >= '0' && byte <= '9';
+}
+bool IsLengthStart(uint8_t byte) {
+  return byte >= '1' && byte <= '9';
+}
+
+Status ParseListAt(EngineContext& engine, EngineNode** out, ParseCursor* cursor, int depth) {
+  *out = nullptr;
+  if (cursor->AtEnd()) return SPKI_ERR_BAD_SEXP_START;
+  if (*cursor->current != '(') {
+    ++cursor->current;
+    return SPKI_ERR_BAD_SEXP_START;
+  }
+  const uint8_t* open = cursor->current++;
+
+  AtomRef first(engine);
+  Status status = ParseAtom(engine, first.out(), cursor);
+  if (status != SPKI_OK) return status;
+  NodeRef head(engine, first->keyword_id > 0 ? NewKeywordHead(engine, first->keyword_id)
+                                             : NewAtomHead(engine, first.get()));
+  if (!head) return SPKI_ERR_NO_MEM;
+  head->source = open;
+
+  EngineNode* tail = head.get();
+  while (!cursor->AtEnd()) {
+    uint8_t byte = *cursor->current;
+    NodeRef element(engine);
+    if (byte == '(') {
+      if (depth >= kMaxNesting) return SPKI_ERR_BAD_SEXP;
+      NodeRef sublist(engine);
+      status = ParseListAt(engine, sublist.out(), cursor, depth + 1);
+      if (status != SPKI_OK) return status;
+      element.reset(NewSublistElement(engine, sublist.get()));
+    } else if (IsLengthStart(byte) || byte == '[') {
+      AtomRef atom(engine);
+      status = ParseAtom(engine, atom.out(), cursor);
+      if (status != SPKI_OK) return status;
+      element.reset(NewAtomElement(engine, atom.get()));
+    } else if (byte == ')') {
+      ++cursor->current;
+      size_t length = static_cast<size_t>(cursor->current - open);
+      if (length > std::numeric_limits<uint32_t>::max()) return SPKI_ERR_STRING_TOO_LONG;
+      head->source_length = static_cast<uint32_t>(length);
+      *out = head.release();
+      return SPKI_OK;
+    } else {
+      return SPKI_ERR_BAD_SEXP_FORMAT;
+    }
+    if (!element) return SPKI_ERR_NO_MEM;
+    tail->next = element.release();  // the chain owns the element's first count
+    tail = tail->next;
+  }
+  return SPKI_ERR_SEXP_NOT_CLOSED;
+}
+
+void ClearSources(EngineNode* chain, int depth) {
+  for (EngineNode* node = chain; node != nullptr; node = node->next) {
+    node->source = nullptr;
+    node->source_length = 0;
+    // Templates are parsed, so they are never deeper than kMaxNesting.
+    if (node->sublist != nullptr && depth < kMaxNesting) ClearSources(node->sublist, depth + 1);
+  }
+}
+
+}  // namespace
+
+Status ParseLength(uint32_t* out, ParseCursor* cursor) {
+  if (out == nullptr || cursor == nullptr) return SPKI_ERR_NULL_PARAM;
+  if (cursor->AtEnd() || !IsLengthStart(*cursor->current)) return SPKI_ERR_BAD_LTH_FORMAT;
+  uint32_t value = *cursor->current++ - '0';
+  while (!cursor->AtEnd() && IsDigit(*cursor->current)) {
+    if (value > 214748364) return SPKI_ERR_LTH_TOO_BIG;
+    value = value * 10 + (*cursor->current++ - '0');
+  }
+  if (cursor->AtEnd() || *cursor->current != ':') return SPKI_ERR_COLON_EXPECTED;
+  ++cursor->current;
+  *out = value;
+  return SPKI_OK;
+}
+
+Status ParseAtom(EngineContext& engine, EngineAtom** out, ParseCursor* cursor) {
+  if (out == nullptr || cursor == nullptr) return SPKI_ERR_NULL_PARAM;
+  *out = nullptr;
+  const uint8_t* hint = nullptr;
+  uint32_t hint_length = 0;
+  if (!cursor->AtEnd() && *cursor->current == '[') {
+    ++cursor->current;
+    Status status = ParseLength(&hint_length, cursor);
+    if (status != SPKI_OK) return status;
+    // The "]" must be there, with at least one byte after it.
+    if (cursor->Remaining() < static_cast<size_t>(hint_length) + 2) {
+      return SPKI_ERR_DISP_HINT_TOO_LONG;
+    }
+    hint = cursor->current;
+    cursor->current += hint_length;
+    if (*cursor->current != ']') return SPKI_ERR_DISP_HINT_NOT_CLOSED;
+    ++cursor->current;
+  }
+  uint32_t length = 0;
+  Status status = ParseLength(&length, cursor);
+  if (status != SPKI_OK) return status;
+  if (length > cursor->Remaining()) return SPKI_ERR_STRING_TOO_LONG;
+  EngineAtom* atom = NewAtomOver(engine, cursor->current, length, hint, hint_length);
+  if (atom == nullptr) return SPKI_ERR_NO_MEM;
+  cursor->current += length;
+  *out = atom;
+  return SPKI_OK;
+}
+
+Status ParseList(EngineContext& engine, EngineNode** out, ParseCursor* cursor) {
+  if (out == nullptr || cursor == nullptr || cursor->current == nullptr) {
+    return SPKI_ERR_NULL_PARAM;
+  }
+  return ParseListAt(engine, out, cursor, 1);
+}
+
+Status ParseText(EngineContext& engine, EngineNode** out, const void* text, size_t length) {
+  if (out == nullptr || text == nullptr) return SPKI_ERR_NULL_PARAM;
+  ParseCursor cursor = ParseCursor::Over(text, length);
+  Status status = ParseList(engine, out, &cursor);
+  if (status == SPKI_OK && !cursor.AtEnd()) {
+    ReleaseNode(engine, *out);
+    *out = nullptr;
+    status = SPKI_ERR_BAD_SEXP_FORMAT;
+  }
+  return status;
+}
+
+Status ParseTemplate(EngineContext& engine, EngineNode** out, const char* text) {
+  if (out == nullptr || text == nullptr) return SPKI_ERR_NULL_PARAM;
+  Status status = ParseText(engine, out, text, std::strlen(text));
+  if (status == SPKI_OK) ClearSources(*out, 1);
+  return status;
+}
+
+}  // namespace velk2::engine

@@ -1,0 +1,234 @@
+// The engine's node store: reference-counted node and atom records taken from
+// the engine's arena and recycled through one free list per record kind.
+//
+// A list is the chain that starts at its head node (kind 1 or 2) and runs
+// through the next-sibling links. Atoms do not copy their bytes: they point
+// into the text that was parsed, which the owner of the tree keeps alive.
+//
+// Counting: a fresh record has a count of 1, owned by whoever made it. Every
+// pointer kept in a record (next sibling, sublist head, atom) owns one count
+// and is set through AssignNode / AssignAtom. A record whose count falls
+// below 1 releases what it refers to, is zeroed and goes on its free list.
+#ifndef VELK2_ENGINE_STORE_H_
+#define VELK2_ENGINE_STORE_H_
+
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+#include <utility>
+
+#include "engine/arena.h"
+#include "engine/sanitizer.h"
+#include "engine/status.h"
+
+namespace velk2::engine {
+
+struct EngineAtom {
+  EngineAtom* free_link;  // only while on the free list
+  int32_t ref_count;
+  uint8_t flag;          // cleared by the parser
+  int32_t keyword_id;    // -1: not a keyword, or the atom has a display hint
+  uint32_t hint_length;  // 0: no display hint
+  const uint8_t* hint;
+  uint32_t length;
+  const uint8_t* bytes;
+};
+
+enum NodeKind : int32_t {
+  kNodeFree = 0,         // a zeroed record
+  kNodeKeywordHead = 1,  // list head that is a keyword: keyword
+  kNodeAtomHead = 2,     // list head that is not a keyword: atom
+  kNodeAtom = 3,         // atom element: atom
+  kNodeSublist = 4,      // sublist element: sublist (the sublist's head node)
+};
+
+struct EngineNode {
+  EngineNode* free_link;  // only while on the free list
+  int32_t ref_count;
+  EngineNode* next;        // next sibling
+  const uint8_t* source;   // the "(" where this list began in the parsed text, or null
+  uint32_t source_length;  // bytes from "(" to ")" inclusive, set when the list closed
+  NodeKind kind;
+  // The value, as the kind says; the other two stay zero.
+  int32_t keyword;
+  EngineAtom* atom;
+  EngineNode* sublist;
+};
+
+// One free list of records of type T: last freed, first reused. T is a plain
+// record whose first fields are |free_link| and |ref_count|.
+template <typename T>
+class RecordPool {
+  static_assert(std::is_trivially_copyable_v<T> && std::is_standard_layout_v<T>);
+
+ public:
+  // Take pops a record from the free list, or takes a fresh one from |arena|;
+  // either way it comes back zeroed with a count of 1. Null when out of memory.
+  T* Take(Arena& arena) {
+    T* record = head_;
+    if (record != nullptr) {
+      VELK2_UNPOISON(record, sizeof(T));
+      head_ = record->free_link;
+      --free_count_;
+    } else {
+      record = static_cast<T*>(arena.Allocate(sizeof(T)));
+      if (record == nullptr) return nullptr;
+    }
+    std::memset(static_cast<void*>(record), 0, sizeof(T));
+    record->ref_count = 1;
+    return record;
+  }
+
+  // Give zeroes |record| and pushes it on the free list.
+  void Give(T* record) {
+    std::memset(static_cast<void*>(record), 0, sizeof(T));
+    record->free_link = head_;
+    head_ = record;
+    ++free_count_;
+    VELK2_POISON(record, sizeof(T));
+  }
+
+  // Clear forgets the free list (the arena is being reset or destroyed).
+  void Clear() {
+    head_ = nullptr;
+    free_count_ = 0;
+  }
+
+  size_t free_count() const { return free_count_; }
+
+ private:
+  T* head_ = nullptr;
+  size_t free_count_ = 0;
+};
+
+// The engine record of one authorization query: the allocator record, the
+// arena's control block (taken from the allocator) and the free lists.
+// Never shared; each query builds and tears down its own.
+class EngineContext {
+ public:
+  EngineContext() = default;
+  EngineContext(const EngineContext&) = delete;
+  EngineContext& operator=(const EngineContext&) = delete;
+  ~EngineContext();
+
+  // Init takes the arena's control block from |allocator| and initialises
+  // the arena in it. Returns 0, kEngineArenaUnavailable (16386) when the
+  // block or the first chunk cannot be had, or SPKI_ERR_NULL_PARAM.
+  Status Init(const EngineAllocator* allocator);
+
+  // Release forgets the free lists, destroys the arena (every chunk goes back
+  // to the allocator) and gives the control block back. Safe to repeat.
+  void Release();
+
+  // Reset recycles the whole arena at once: the free lists are forgotten and
+  // the arena rewinds to its first chunk. Every record is invalid afterwards.
+  void Reset();
+
+  bool initialised() const { return arena_ != nullptr; }
+  Arena& arena() { return *arena_; }
+
+  // Scratch memory for one operation (not a record, so not from the arena):
+  // taken from and given back to the engine's allocator. Null when out of
+  // memory or not initialised.
+  void* AllocateScratch(size_t size);
+  void FreeScratch(void* block);
+
+  RecordPool<EngineNode>& nodes() { return nodes_; }
+  RecordPool<EngineAtom>& atoms() { return atoms_; }
+
+ private:
+  const EngineAllocator* allocator_ = nullptr;
+  Arena* arena_ = nullptr;
+  RecordPool<EngineNode> nodes_;
+  RecordPool<EngineAtom> atoms_;
+};
+
+// EngineInit and EngineRelease: the query's names for Init and Release.
+Status EngineInit(EngineContext* engine, const EngineAllocator* allocator);
+void EngineRelease(EngineContext* engine);
+
+// NewNode and NewAtom return a zeroed record with a count of 1, or null when
+// out of memory (or the engine is not initialised).
+EngineNode* NewNode(EngineContext& engine);
+EngineAtom* NewAtom(EngineContext& engine);
+
+// ReleaseNode drops one count of |node| (null is ignored). A node whose count
+// falls below 1 releases its next sibling, its sublist and its atom the same
+// way; the walk uses no recursion, so chains of any length and depth are fine.
+void ReleaseNode(EngineContext& engine, EngineNode* node);
+void ReleaseAtom(EngineContext& engine, EngineAtom* atom);
+
+// AssignNode takes a count of |node| (if any), releases what |*slot| held and
+// stores |node| there. With a null |slot| it only releases |node|.
+void AssignNode(EngineContext& engine, EngineNode** slot, EngineNode* node);
+void AssignAtom(EngineContext& engine, EngineAtom** slot, EngineAtom* atom);
+
+// Node makers. Each returns a new node with a count of 1 (null when out of
+// memory); the ones taking a record take their own count of it.
+EngineNode* NewKeywordHead(EngineContext& engine, int32_t keyword);
+EngineNode* NewAtomHead(EngineContext& engine, EngineAtom* atom);
+EngineNode* NewAtomElement(EngineContext& engine, EngineAtom* atom);
+EngineNode* NewSublistElement(EngineContext& engine, EngineNode* head);
+
+// CopyElement returns a new node of the same kind and value as |node| (the
+// value shared, with its own count), no next sibling and no source text, so
+// that the copy can join another chain.
+EngineNode* CopyElement(EngineContext& engine, const EngineNode* node);
+
+// NewAtomOver returns an atom over |length| bytes at |bytes| with an optional
+// display hint; the bytes are not copied. The keyword id is looked up when
+// there is no hint. NewAtomCopy copies the bytes into the arena first.
+EngineAtom* NewAtomOver(EngineContext& engine, const uint8_t* bytes, uint32_t length,
+                        const uint8_t* hint = nullptr, uint32_t hint_length = 0);
+EngineAtom* NewAtomCopy(EngineContext& engine, const uint8_t* bytes, uint32_t length);
+
+// NewKeywordAtom returns an atom over the keyword's own constant text.
+EngineAtom* NewKeywordAtom(EngineContext& engine, int32_t keyword);
+
+// ChainLength returns the number of nodes in the chain that starts at |chain|.
+size_t ChainLength(const EngineNode* chain);
+
+// EngineRef<T>: a scoped count of an engine record (EngineNode or EngineAtom),
+// released when it goes out of scope.
+template <typename T>
+class EngineRef {
+ public:
+  explicit EngineRef(EngineContext& engine, T* record = nullptr)
+      : engine_(&engine), record_(record) {}
+  EngineRef(const EngineRef&) = delete;
+  EngineRef& operator=(const EngineRef&) = delete;
+  EngineRef(EngineRef&& other) noexcept
+      : engine_(other.engine_), record_(std::exchange(other.record_, nullptr)) {}
+  ~EngineRef() { reset(); }
+
+  T* get() const { return record_; }
+  T* operator->() const { return record_; }
+  explicit operator bool() const { return record_ != nullptr; }
+
+  // An out-parameter for functions that store a new count: releases what is
+  // held first.
+  T** out() {
+    reset();
+    return &record_;
+  }
+  // Gives up the count without releasing it.
+  [[nodiscard]] T* release() { return std::exchange(record_, nullptr); }
+  void reset(T* record = nullptr) {
+    T* old = std::exchange(record_, record);
+    if (old != nullptr) Drop(old);
+  }
+
+ private:
+  void Drop(EngineNode* node) { ReleaseNode(*engine_, node); }
+  void Drop(EngineAtom* atom) { ReleaseAtom(*engine_, atom); }
+
+  EngineContext* engine_;
+  T* record_;
+};
+
+using NodeRef = EngineRef<EngineNode>;
+using AtomRef = EngineRef<EngineAtom>;
+
+}  // namespace velk2::engine
+
+#endif  // VELK2_ENGINE_STORE_H_

@@ -1,0 +1,955 @@
+#include "engine/tags.h"
+
+#include <cstring>
+
+#include "engine/dates.h"
+#include "engine/keywords.h"
+#include "engine/parser.h"
+
+namespace velk2::engine {
+namespace {
+
+constexpr char kRangeTemplate[] = "(1:*5:range)";
+constexpr char kSetTemplate[] = "(1:*3:set)";
+
+// Inside the algebra a tie (each operand inside the other, as with two equal
+// ranges, prefixes or sets) is told apart from a plain 1, so that a set of
+// such members is seen to cover the other set too. It leaves as 1: ties go to
+// the first operand.
+constexpr TagRelation kTagTie = static_cast<TagRelation>(5);
+
+TagRelation Public(TagRelation r) {
+  return r == kTagTie ? kTagNarrower : r;
+}
+
+bool IsPlain(ElementClass c) {
+  return c >= kClassKeywordHead && c <= kClassSublist;
+}
+bool IsStarForm(ElementClass c) {
+  return c >= kClassSet && c <= kClassRange;
+}
+bool InsideOrEqual(TagRelation r) {
+  return r == kTagEqual || r == kTagNarrower || r == kTagTie;
+}
+bool CoversOrEqual(TagRelation r) {
+  return r == kTagEqual || r == kTagBroader || r == kTagTie;
+}
+
+// The word node after "*" in a star form: "set", "prefix" or "range".
+const EngineNode* StarWord(const EngineNode* element) {
+  return element->sublist->next;
+}
+
+const EngineNode* FirstMember(const EngineNode* set) {
+  return StarWord(set)->next;
+}
+
+// The prefix of a (* prefix P) element: exactly one atom, else null (and the
+// element is then disjoint from everything).
+const EngineAtom* PrefixOf(const EngineNode* prefix) {
+  const EngineNode* value = StarWord(prefix)->next;
+  if (value == nullptr || value->kind != kNodeAtom || value->next != nullptr) return nullptr;
+  return value->atom;
+}
+
+bool SameHints(const EngineAtom* a, const EngineAtom* b) {
+  return a->hint_length == b->hint_length &&
+         (a->hint_length == 0 || std::memcmp(a->hint, b->hint, a->hint_length) == 0);
+}
+
+// A display hint is part of the value: "[text]/pub/x" does not start with the
+// plain prefix "/pub/".
+bool StartsWith(const EngineAtom* atom, const EngineAtom* prefix) {
+  if (atom == nullptr || prefix == nullptr || !SameHints(atom, prefix)) return false;
+  return atom->length >= prefix->length &&
+         (prefix->length == 0 || std::memcmp(atom->bytes, prefix->bytes, prefix->length) == 0);
+}
+
+bool IsOrdering(int32_t keyword) {
+  return keyword == kKeywordAlpha || keyword == kKeywordBinary || keyword == kKeywordDate ||
+         keyword == kKeywordNumeric || keyword == kKeywordTime;
+}
+
+bool ValueFits(const EngineAtom* value, int32_t ordering) {
+  switch (ordering) {
+    case kKeywordAlpha:
+    case kKeywordBinary:
+      return true;
+    case kKeywordDate:
+      return IsValidDate(value) == 1;
+    case kKeywordTime:
+      return IsValidTime(value) == 1;
+    case kKeywordNumeric:
+      return IsValidNumber(value) == 1;
+    default:
+      return false;
+  }
+}
+
+bool IsInvalid(const RangeBounds& bounds) {
+  return bounds.upper_source == kRangeInvalid;
+}
+
+void Invalidate(EngineContext& engine, RangeBounds* bounds) {
+  int32_t ordering = bounds->ordering;
+  ClearRangeBounds(engine, bounds);
+  bounds->ordering = ordering;
+  bounds->upper_source = kRangeInvalid;
+}
+
+// The first ordering met fixes the record's; another one invalidates it.
+bool TakeOrdering(EngineContext& engine, RangeBounds* bounds, int32_t ordering) {
+  if (IsInvalid(*bounds)) return false;
+  if (bounds->ordering == -1) {
+    bounds->ordering = ordering;
+  } else if (bounds->ordering != ordering) {
+    Invalidate(engine, bounds);
+    return false;
+  }
+  return true;
+}
+
+// Places a bound whose value has been checked (or needs none).
+void PlaceBound(EngineContext& engine, RangeBounds* bounds, EngineAtom* value, int32_t op,
+                int32_t source) {
+  if (op == kKeywordG || op == kKeywordGe) {
+    if (bounds->lower != nullptr) {
+      switch (CompareInOrdering(value, bounds->lower, bounds->ordering)) {
+        case kOrderEqual:
+          if (op == kKeywordG && bounds->lower_operator == kKeywordGe) {
+            bounds->lower_operator = op;
+            bounds->lower_source = source;
+          }
+          return;
+        case kOrderBefore:
+          return;
+        case kOrderAfter:
+          break;
+        default:
+          Invalidate(engine, bounds);
+          return;
+      }
+    }
+    AssignAtom(engine, &bounds->lower, value);
+    bounds->lower_operator = op;
+    bounds->lower_source = source;
+  } else if (op == kKeywordL || op == kKeywordLe) {
+    if (bounds->upper != nullptr) {
+      switch (CompareInOrdering(value, bounds->upper, bounds->ordering)) {
+        case kOrderEqual:
+          if (op == kKeywordL && bounds->upper_operator == kKeywordLe) {
+            bounds->upper_operator = op;
+            bounds->upper_source = source;
+          }
+          return;
+        case kOrderAfter:
+          return;
+        case kOrderBefore:
+          break;
+        default:
+          Invalidate(engine, bounds);
+          return;
+      }
+    }
+    AssignAtom(engine, &bounds->upper, value);
+    bounds->upper_operator = op;
+    bounds->upper_source = source;
+  } else {
+    Invalidate(engine, bounds);
+  }
+}
+
+// A RangeBounds released when it goes out of scope.
+class ScopedBounds {
+ public:
+  explicit ScopedBounds(EngineContext& engine) : engine_(engine) {
+    std::memset(&bounds, 0, sizeof(bounds));
+    bounds.ordering = -1;
+  }
+  ~ScopedBounds() { ClearRangeBounds(engine_, &bounds); }
+  ScopedBounds(const ScopedBounds&) = delete;
+  ScopedBounds& operator=(const ScopedBounds&) = delete;
+
+  RangeBounds bounds;
+
+ private:
+  EngineContext& engine_;
+};
+
+// The recursive walks of the algebra, each call one level deeper.
+class Algebra {
+ public:
+  explicit Algebra(EngineContext& engine) : engine_(engine) {}
+
+  Status CompareLists(const EngineNode* a, const EngineNode* b, int depth, TagRelation* out);
+  Status CompareElements(const EngineNode* a, const EngineNode* b, int depth, TagRelation* out);
+  Status InSet(const EngineNode* element, const EngineNode* set, int depth, bool* inside);
+  Status CompareSet(const EngineNode* set, const EngineNode* other, int depth, TagRelation* out);
+  Status IntersectLists(EngineNode* a, EngineNode* b, int depth, EngineNode** out);
+  Status IntersectElements(EngineNode* a, EngineNode* b, int depth, EngineNode** out);
+  Status IntersectSet(EngineNode* set, EngineNode* element, int depth, EngineNode** out);
+
+  Status PrefixRange(const EngineNode* prefix, const EngineNode* range, TagRelation* out);
+  Status RangeRange(const EngineNode* a, const EngineNode* b, TagRelation* out);
+  Status InRange(const EngineAtom* atom, const EngineNode* range, bool* inside);
+
+ private:
+  ElementClass Classify(const EngineNode* element);
+  Status Copy(const EngineNode* element, EngineNode** out);
+  Status AddUnique(NodeRef* front, EngineNode* element, int depth, size_t* count);
+  Status BuildRange(const RangeBounds& bounds, EngineNode** out);
+  Status IntersectRanges(const EngineNode* a, ElementClass a_class, const EngineNode* b,
+                         ElementClass b_class, EngineNode** out);
+
+  EngineContext& engine_;
+};
+
+// A range that holds no value (bounds of the wrong shape, ordering or value,
+// or a lower bound above the upper one) stands for nothing, like a star form
+// with an unknown word: it is disjoint from everything, (*) included, so
+// that no intersection can carry it along.
+ElementClass Algebra::Classify(const EngineNode* element) {
+  ElementClass element_class = ClassOf(element);
+  if (element_class == kClassRange) {
+    ScopedBounds scoped(engine_);
+    AddRangeElementBounds(engine_, &scoped.bounds, element, 1);
+    if (EvaluateRange(scoped.bounds) == kTagDisjoint) return kClassUnclassifiable;
+  }
+  return element_class;
+}
+
+Status Algebra::CompareLists(const EngineNode* a, const EngineNode* b, int depth,
+                             TagRelation* out) {
+  TagRelation state = kTagEqual;
+  bool tie = false;  // an element pair tied: a list otherwise equal ties too
+  for (;; a = a->next, b = b->next) {
+    if (a == b) {
+      *out = state == kTagEqual && tie ? kTagTie : state;
+      return SPKI_OK;
+    }
+    if (a == nullptr) {  // the first is shorter, hence broader
+      *out = state == kTagEqual || state == kTagBroader ? kTagBroader : kTagOverlapping;
+      return SPKI_OK;
+    }
+    if (b == nullptr) {
+      *out = state == kTagEqual || state == kTagNarrower ? kTagNarrower : kTagOverlapping;
+      return SPKI_OK;
+    }
+    TagRelation relation;
+    Status status = CompareElements(a, b, depth + 1, &relation);
+    if (status != SPKI_OK) return status;
+    switch (static_cast<uint32_t>(relation)) {
+      case kTagEqual:
+        break;
+      case kTagTie:
+        tie = true;
+        break;
+      case kTagNarrower:
+        if (state == kTagEqual) state = kTagNarrower;
+        if (state == kTagBroader) state = kTagOverlapping;
+        break;
+      case kTagBroader:
+        if (state == kTagEqual) state = kTagBroader;
+        if (state == kTagNarrower) state = kTagOverlapping;
+        break;
+      case kTagOverlapping:
+        state = kTagOverlapping;
+        break;
+      default:
+        *out = kTagDisjoint;
+        return SPKI_OK;
+    }
+  }
+}
+
+Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int depth,
+                                TagRelation* out) {
+  if (depth > kMaxTagDepth) return SPKI_ERR_BAD_SEXP;
+  *out = kTagDisjoint;
+  if (a == b) {
+    *out = kTagEqual;
+    return SPKI_OK;
+  }
+  if (a == nullptr || b == nullptr) return SPKI_OK;
+  ElementClass ca = Classify(a);
+  ElementClass cb = Classify(b);
+  if (ca == kClassUnclassifiable || cb == kClassUnclassifiable) return SPKI_OK;
+
+  if (cb == kClassAll) {
+    *out = ca == kClassAll ? kTagEqual : kTagNarrower;
+    return SPKI_OK;
+  }
+  if (ca == kClassAll) {
+    *out = kTagBroader;
+    return SPKI_OK;
+  }
+  if (cb == kClassSet) {
+    if (IsPlain(ca)) {
+      bool inside = false;
+      Status status = InSet(a, b, depth, &inside);
+      if (status == SPKI_OK && inside) *out = kTagNarrower;
+      return status;
+    }
+    if (IsStarForm(ca)) {
+      TagRelation relation;
+      Status status = CompareSet(b, a, depth, &relation);
+      if (status == SPKI_OK) *out = Mirror(relation);
+      return status;
+    }
+    return SPKI_OK;
+  }
+
+  switch (ca) {
+    case kClassKeywordHead:
+      if (cb == kClassKeywordHead && a->keyword == b->keyword) *out = kTagEqual;
+      return SPKI_OK;
+    case kClassAtomHead:
+      if (cb == kClassAtomHead && CompareAtoms(a->atom, b->atom) == kOrderEqual) *out = kTagEqual;
+      return SPKI_OK;
+    case kClassAtom:
+      if (cb == kClassAtom) {
+        if (CompareAtoms(a->atom, b->atom) == kOrderEqual) *out = kTagEqual;
+      } else if (cb == kClassPrefix) {
+        if (StartsWith(a->atom, PrefixOf(b))) *out = kTagNarrower;
+      } else if (cb == kClassRange) {
+        bool inside = false;
+        Status status = InRange(a->atom, b, &inside);
+        if (status == SPKI_OK && inside) *out = kTagNarrower;
+        return status;
+      }
+      return SPKI_OK;
+    case kClassSublist:
+      if (cb == kClassSublist) return CompareLists(a->sublist, b->sublist, depth, out);
+      return SPKI_OK;
+    case kClassSet:
+      if (IsPlain(cb)) {
+        bool inside = false;
+        Status status = InSet(b, a, depth, &inside);
+        if (status == SPKI_OK && inside) *out = kTagBroader;
+        return status;
+      }
+      return CompareSet(a, b, depth, out);  // cb is a prefix or a range here
+    case kClassPrefix:
+      if (cb == kClassAtom) {
+        if (StartsWith(b->atom, PrefixOf(a))) *out = kTagBroader;
+      } else if (cb == kClassPrefix) {
+        const EngineAtom* pa = PrefixOf(a);
+        const EngineAtom* pb = PrefixOf(b);
+        // Equal prefixes tie: 1 for the first operand.
+        if (StartsWith(pa, pb)) {
+          *out = StartsWith(pb, pa) ? kTagTie : kTagNarrower;
+        } else if (StartsWith(pb, pa)) {
+          *out = kTagBroader;
+        }
+      } else if (cb == kClassRange) {
+        return PrefixRange(a, b, out);
+      }
+      return SPKI_OK;
+    case kClassRange:
+      if (cb == kClassAtom) {
+        bool inside = false;
+        Status status = InRange(b->atom, a, &inside);
+        if (status == SPKI_OK && inside) *out = kTagBroader;
+        return status;
+      }
+      if (cb == kClassPrefix) {
+        TagRelation relation;
+        Status status = PrefixRange(b, a, &relation);
+        if (status == SPKI_OK) *out = Mirror(relation);
+        return status;
+      }
+      if (cb == kClassRange) return RangeRange(a, b, out);
+      return SPKI_OK;
+    default:
+      return SPKI_OK;
+  }
+}
+
+Status Algebra::InSet(const EngineNode* element, const EngineNode* set, int depth, bool* inside) {
+  *inside = false;
+  for (const EngineNode* member = FirstMember(set); member != nullptr; member = member->next) {
+    TagRelation relation;
+    Status status = CompareElements(element, member, depth + 1, &relation);
+    if (status != SPKI_OK) return status;
+    if (InsideOrEqual(relation)) {
+      *inside = true;
+      return SPKI_OK;
+    }
+  }
+  return SPKI_OK;
+}
+
+// A set against another star form. Each pair of members (or each member
+// against a prefix or range) is compared once, so nested sets cost the
+// product of their sizes, never an exponential walk. The answer is
+//   1 when every member of the set is inside the other (an empty set is
+//     inside everything);
+//   2 when the other is inside the set: every member of another set is
+//     covered by some member here, or one member here covers the prefix or
+//     range;
+//   4 when some pair overlaps at all, else 3.
+// Members that stand for nothing add no value to a set and are passed over.
+// When both hold, the two tie (and the first operand of the comparison is
+// taken as the narrower, as for equal ranges and prefixes).
+Status Algebra::CompareSet(const EngineNode* set, const EngineNode* other, int depth,
+                           TagRelation* out) {
+  *out = kTagDisjoint;
+  bool all_inside = true;
+  bool covered = false;
+  bool overlap = false;
+  if (ClassOf(other) == kClassSet) {
+    size_t count = ChainLength(FirstMember(other));
+    auto* hit = static_cast<uint8_t*>(engine_.AllocateScratch(count));
+    if (hit == nullptr) return SPKI_ERR_NO_MEM;
+    std::memset(hit, 0, count);
+    size_t index = 0;
+    for (const EngineNode* n = FirstMember(other); n != nullptr; n = n->next, ++index) {
+      if (Classify(n) == kClassUnclassifiable) hit[index] = 1;
+    }
+    for (const EngineNode* m = FirstMember(set); m != nullptr; m = m->next) {
+      if (Classify(m) == kClassUnclassifiable) continue;
+      bool inside = false;
+      size_t j = 0;
+      for (const EngineNode* n = FirstMember(other); n != nullptr; n = n->next, ++j) {
+        TagRelation relation;
+        Status status = CompareElements(m, n, depth + 1, &relation);
+        if (status != SPKI_OK) {
+          engine_.FreeScratch(hit);
+          return status;
+        }
+        if (InsideOrEqual(relation)) inside = true;
+        if (CoversOrEqual(relation)) hit[j] = 1;
+        if (relation != kTagDisjoint) overlap = true;
+      }
+      if (!inside) all_inside = false;
+    }
+    covered = true;
+    for (size_t j = 0; j < count; ++j) covered = covered && hit[j] != 0;
+    engine_.FreeScratch(hit);
+  } else {
+    for (const EngineNode* m = FirstMember(set); m != nullptr; m = m->next) {
+      if (Classify(m) == kClassUnclassifiable) continue;
+      TagRelation relation;
+      Status status = CompareElements(m, other, depth + 1, &relation);
+      if (status != SPKI_OK) return status;
+      if (!InsideOrEqual(relation)) all_inside = false;
+      if (CoversOrEqual(relation)) covered = true;
+      if (relation != kTagDisjoint) overlap = true;
+    }
+  }
+  if (all_inside && covered) {
+    *out = kTagTie;
+  } else if (all_inside) {
+    *out = kTagNarrower;
+  } else if (covered) {
+    *out = kTagBroader;
+  } else {
+    *out = overlap ? kTagOverlapping : kTagDisjoint;
+  }
+  return SPKI_OK;
+}
+
+// Range comparisons keep the bounds rule (the operand added first keeps a
+// bound on equal values unless the later one is strict), so one order alone
+// reports a range that shares a bound with a wider one as overlapping. Both
+// orders are evaluated (ranges are leaves, so this costs no recursion) and
+// either one finding an operand inside the other decides; inside both ways
+// is a tie, reported as 1 like two identical ranges.
+// Both arguments are oriented alike: 1 means the first operand is narrower.
+TagRelation CombineOrders(TagRelation one_order, TagRelation other_order) {
+  bool first_inside = one_order == kTagNarrower || other_order == kTagNarrower;
+  bool second_inside = one_order == kTagBroader || other_order == kTagBroader;
+  if (first_inside && second_inside) return kTagTie;
+  if (first_inside) return kTagNarrower;
+  if (second_inside) return kTagBroader;
+  return one_order;
+}
+
+Status Algebra::PrefixRange(const EngineNode* prefix, const EngineNode* range, TagRelation* out) {
+  // The range's bounds go in with source 2 and before the prefix's: the
+  // prefix is read in the range's ordering.
+  TagRelation range_first;
+  {
+    ScopedBounds scoped(engine_);
+    AddRangeElementBounds(engine_, &scoped.bounds, range, 2);
+    Status status = AddPrefixBounds(engine_, &scoped.bounds, prefix, 1);
+    if (status != SPKI_OK) return status;
+    range_first = EvaluateRange(scoped.bounds);
+  }
+  TagRelation prefix_first;
+  {
+    ScopedBounds scoped(engine_);
+    const EngineNode* ordering = StarWord(range)->next;  // a valid range: checked above
+    if (ordering != nullptr && ordering->kind == kNodeAtom) {
+      scoped.bounds.ordering = ordering->atom->keyword_id;
+    }
+    Status status = AddPrefixBounds(engine_, &scoped.bounds, prefix, 2);
+    if (status != SPKI_OK) return status;
+    AddRangeElementBounds(engine_, &scoped.bounds, range, 1);
+    prefix_first = EvaluateRange(scoped.bounds);
+  }
+  if (range_first == kTagDisjoint || range_first == kTagEqual) {
+    *out = range_first;
+    return SPKI_OK;
+  }
+  *out = CombineOrders(range_first, Mirror(prefix_first));
+  return SPKI_OK;
+}
+
+Status Algebra::RangeRange(const EngineNode* a, const EngineNode* b, TagRelation* out) {
+  auto evaluate = [this](const EngineNode* first, const EngineNode* second) {
+    ScopedBounds scoped(engine_);
+    AddRangeElementBounds(engine_, &scoped.bounds, first, 1);
+    AddRangeElementBounds(engine_, &scoped.bounds, second, 2);
+    return EvaluateRange(scoped.bounds);
+  };
+  TagRelation a_first = evaluate(a, b);
+  if (a_first == kTagDisjoint || a_first == kTagEqual) {
+    *out = a_first;
+    return SPKI_OK;
+  }
+  *out = CombineOrders(a_first, Mirror(evaluate(b, a)));
+  return SPKI_OK;
+}
+
+Status Algebra::InRange(const EngineAtom* atom, const EngineNode* range, bool* inside) {
+  *inside = false;
+  ScopedBounds scoped(engine_);
+  const RangeBounds& bounds = scoped.bounds;
+  AddRangeElementBounds(engine_, &scoped.bounds, range, 2);
+  if (IsInvalid(bounds) || !ValueFits(atom, bounds.ordering)) return SPKI_OK;
+  if (bounds.lower != nullptr) {
+    AtomOrder order = CompareInOrdering(atom, bounds.lower, bounds.ordering);
+    bool above =
+        order == kOrderAfter || (order == kOrderEqual && bounds.lower_operator == kKeywordGe);
+    if (!above) return SPKI_OK;
+  }
+  if (bounds.upper != nullptr) {
+    AtomOrder order = CompareInOrdering(atom, bounds.upper, bounds.ordering);
+    bool below =
+        order == kOrderBefore || (order == kOrderEqual && bounds.upper_operator == kKeywordLe);
+    if (!below) return SPKI_OK;
+  }
+  *inside = true;
+  return SPKI_OK;
+}
+
+Status Algebra::Copy(const EngineNode* element, EngineNode** out) {
+  *out = CopyElement(engine_, element);
+  return *out != nullptr ? SPKI_OK : SPKI_ERR_NO_MEM;
+}
+
+Status Algebra::IntersectLists(EngineNode* a, EngineNode* b, int depth, EngineNode** out) {
+  *out = nullptr;
+  if (b == nullptr) {
+    AssignNode(engine_, out, a);
+    return SPKI_OK;
+  }
+  // The rests are intersected in this loop rather than by recursion, so a
+  // long list costs no stack.
+  NodeRef result(engine_);
+  EngineNode** tail = result.out();
+  for (;;) {
+    TagRelation relation;
+    Status status = CompareLists(a, b, depth, &relation);
+    if (status != SPKI_OK) return status;
+    if (InsideOrEqual(relation)) {
+      AssignNode(engine_, tail, a);
+      break;
+    }
+    if (relation == kTagBroader) {
+      AssignNode(engine_, tail, b);
+      break;
+    }
+    if (relation != kTagOverlapping) return SPKI_OK;  // disjoint: no result at all
+    // Overlapping: both chains are present here.
+    EngineNode* element = nullptr;
+    status = IntersectElements(a, b, depth + 1, &element);
+    if (status != SPKI_OK) return status;
+    if (element == nullptr) return SPKI_OK;
+    *tail = element;  // the chain owns the element's count
+    tail = &element->next;
+    if (a->next == nullptr) {
+      AssignNode(engine_, tail, b->next);
+      break;
+    }
+    if (b->next == nullptr) {
+      AssignNode(engine_, tail, a->next);
+      break;
+    }
+    a = a->next;
+    b = b->next;
+  }
+  *out = result.release();
+  return SPKI_OK;
+}
+
+Status Algebra::IntersectElements(EngineNode* a, EngineNode* b, int depth, EngineNode** out) {
+  *out = nullptr;
+  if (depth > kMaxTagDepth) return SPKI_ERR_BAD_SEXP;
+  if (a == nullptr || b == nullptr) return SPKI_OK;
+  ElementClass ca = Classify(a);
+  ElementClass cb = Classify(b);
+  if (ca == kClassUnclassifiable || cb == kClassUnclassifiable) return SPKI_OK;
+
+  if (ca == kClassSublist && cb == kClassSublist) {
+    NodeRef contents(engine_);
+    Status status = IntersectLists(a->sublist, b->sublist, depth, contents.out());
+    if (status != SPKI_OK || !contents) return status;
+    *out = NewSublistElement(engine_, contents.get());
+    return *out != nullptr ? SPKI_OK : SPKI_ERR_NO_MEM;
+  }
+  if (ca == kClassAll) return Copy(b, out);
+  if (cb == kClassAll) return Copy(a, out);
+  if (ca == kClassSet) return IntersectSet(a, b, depth, out);
+  if (cb == kClassSet) return IntersectSet(b, a, depth, out);
+  if (ca == kClassPrefix && cb == kClassPrefix) {
+    const EngineAtom* pa = PrefixOf(a);
+    const EngineAtom* pb = PrefixOf(b);
+    if (StartsWith(pa, pb)) return Copy(a, out);
+    if (StartsWith(pb, pa)) return Copy(b, out);
+    return SPKI_OK;
+  }
+  if ((ca == kClassPrefix || ca == kClassRange) && (cb == kClassPrefix || cb == kClassRange)) {
+    return IntersectRanges(a, ca, b, cb, out);
+  }
+  TagRelation relation;
+  Status status = CompareElements(a, b, depth, &relation);
+  if (status != SPKI_OK) return status;
+  if (InsideOrEqual(relation)) return Copy(a, out);
+  if (relation == kTagBroader) return Copy(b, out);
+  return SPKI_OK;
+}
+
+Status Algebra::IntersectRanges(const EngineNode* a, ElementClass a_class, const EngineNode* b,
+                                ElementClass b_class, EngineNode** out) {
+  ScopedBounds scoped(engine_);
+  // The range goes in first: its ordering is the one the prefix is read in.
+  Status status = SPKI_OK;
+  if (a_class == kClassPrefix) {
+    AddRangeElementBounds(engine_, &scoped.bounds, b, 2);
+    status = AddPrefixBounds(engine_, &scoped.bounds, a, 1);
+  } else {
+    AddRangeElementBounds(engine_, &scoped.bounds, a, 1);
+    if (b_class == kClassPrefix) {
+      status = AddPrefixBounds(engine_, &scoped.bounds, b, 2);
+    } else {
+      AddRangeElementBounds(engine_, &scoped.bounds, b, 2);
+    }
+  }
+  if (status != SPKI_OK) return status;
+  if (EvaluateRange(scoped.bounds) == kTagDisjoint) return SPKI_OK;
+  return BuildRange(scoped.bounds, out);
+}
+
+// (* range ORDERING (lower-op value) (upper-op value)) from the record.
+Status Algebra::BuildRange(const RangeBounds& bounds, EngineNode** out) {
+  NodeRef head(engine_);
+  Status status = ParseTemplate(engine_, head.out(), kRangeTemplate);
+  if (status != SPKI_OK) return status;
+  EngineNode* tail = head->next;  // the "range" atom
+  AtomRef ordering(engine_, NewKeywordAtom(engine_, bounds.ordering));
+  if (!ordering) return SPKI_ERR_NO_MEM;
+  tail->next = NewAtomElement(engine_, ordering.get());
+  if (tail->next == nullptr) return SPKI_ERR_NO_MEM;
+  tail = tail->next;
+  struct Bound {
+    EngineAtom* value;
+    int32_t op;
+  };
+  const Bound limits[] = {{bounds.lower, bounds.lower_operator},
+                          {bounds.upper, bounds.upper_operator}};
+  for (const Bound& limit : limits) {
+    if (limit.value == nullptr) continue;
+    NodeRef op(engine_, NewKeywordHead(engine_, limit.op));
+    if (!op) return SPKI_ERR_NO_MEM;
+    op->next = NewAtomElement(engine_, limit.value);
+    if (op->next == nullptr) return SPKI_ERR_NO_MEM;
+    tail->next = NewSublistElement(engine_, op.get());
+    if (tail->next == nullptr) return SPKI_ERR_NO_MEM;
+    tail = tail->next;
+  }
+  *out = NewSublistElement(engine_, head.get());
+  return *out != nullptr ? SPKI_OK : SPKI_ERR_NO_MEM;
+}
+
+// Adds an owned |element| at the front of the result unless an equal one is
+// already there.
+Status Algebra::AddUnique(NodeRef* front, EngineNode* element, int depth, size_t* count) {
+  NodeRef owned(engine_, element);
+  for (const EngineNode* kept = front->get(); kept != nullptr; kept = kept->next) {
+    TagRelation relation;
+    Status status = CompareElements(kept, element, depth + 1, &relation);
+    if (status != SPKI_OK) return status;
+    if (relation == kTagEqual) return SPKI_OK;
+  }
+  element->next = front->release();
+  front->reset(owned.release());
+  ++*count;
+  return SPKI_OK;
+}
+
+Status Algebra::IntersectSet(EngineNode* set, EngineNode* element, int depth, EngineNode** out) {
+  *out = nullptr;
+  NodeRef front(engine_);
+  size_t count = 0;
+  for (EngineNode* member = const_cast<EngineNode*>(FirstMember(set)); member != nullptr;
+       member = member->next) {
+    TagRelation relation;
+    Status status = CompareElements(member, element, depth + 1, &relation);
+    if (status != SPKI_OK) return status;
+    NodeRef kept(engine_);
+    if (InsideOrEqual(relation)) {
+      status = Copy(member, kept.out());
+    } else if (relation == kTagBroader) {
+      status = Copy(element, kept.out());
+    } else if (relation == kTagOverlapping) {
+      status = IntersectElements(member, element, depth + 1, kept.out());
+    }
+    if (status != SPKI_OK) return status;
+    if (!kept) continue;
+    if (ClassOf(kept.get()) == kClassSet) {  // a kept set is flattened into its members
+      for (const EngineNode* inner = FirstMember(kept.get()); inner != nullptr;
+           inner = inner->next) {
+        if (Classify(inner) == kClassUnclassifiable) continue;  // adds no value
+        EngineNode* copy = nullptr;
+        status = Copy(inner, &copy);
+        if (status == SPKI_OK) status = AddUnique(&front, copy, depth, &count);
+        if (status != SPKI_OK) return status;
+      }
+    } else {
+      status = AddUnique(&front, kept.release(), depth, &count);
+      if (status != SPKI_OK) return status;
+    }
+  }
+  if (count <= 1) {
+    *out = front.release();
+    return SPKI_OK;
+  }
+  NodeRef head(engine_);
+  Status status = ParseTemplate(engine_, head.out(), kSetTemplate);
+  if (status != SPKI_OK) return status;
+  head->next->next = front.release();  // after the "set" atom
+  *out = NewSublistElement(engine_, head.get());
+  return *out != nullptr ? SPKI_OK : SPKI_ERR_NO_MEM;
+}
+
+}  // namespace
+
+ElementClass ClassOf(const EngineNode* element) {
+  if (element == nullptr) return kClassUnclassifiable;
+  switch (element->kind) {
+    case kNodeKeywordHead:
+      return kClassKeywordHead;
+    case kNodeAtomHead:
+      return kClassAtomHead;
+    case kNodeAtom:
+      return kClassAtom;
+    case kNodeSublist:
+      break;
+    default:
+      return kClassUnclassifiable;
+  }
+  const EngineNode* head = element->sublist;
+  if (head == nullptr) return kClassUnclassifiable;
+  if (head->kind != kNodeKeywordHead || head->keyword != kKeywordStar) return kClassSublist;
+  const EngineNode* word = head->next;
+  if (word == nullptr) return kClassAll;
+  if (word->kind != kNodeAtom) return kClassUnclassifiable;
+  switch (word->atom->keyword_id) {
+    case kKeywordSet:
+      return kClassSet;
+    case kKeywordPrefix:
+      // Exactly one atom after "prefix"; any other shape stands for nothing.
+      return word->next != nullptr && word->next->kind == kNodeAtom && word->next->next == nullptr
+                 ? kClassPrefix
+                 : kClassUnclassifiable;
+    case kKeywordRange:
+      return kClassRange;
+    default:
+      return kClassUnclassifiable;
+  }
+}
+
+TagRelation Mirror(TagRelation relation) {
+  if (relation == kTagNarrower) return kTagBroader;
+  if (relation == kTagBroader) return kTagNarrower;
+  return relation;
+}
+
+const char* TagRelationName(TagRelation relation) {
+  switch (relation) {
+    case kTagEqual:
+      return "equal";
+    case kTagNarrower:
+      return "narrower";
+    case kTagBroader:
+      return "broader";
+    case kTagOverlapping:
+      return "overlapping";
+    default:
+      return "disjoint";
+  }
+}
+
+Status CompareTagLists(EngineContext& engine, const EngineNode* first, const EngineNode* second,
+                       TagRelation* relation) {
+  if (relation == nullptr) return SPKI_ERR_NULL_PARAM;
+  Status status = Algebra(engine).CompareLists(first, second, 0, relation);
+  *relation = Public(*relation);
+  return status;
+}
+
+Status CompareTagElements(EngineContext& engine, const EngineNode* first, const EngineNode* second,
+                          TagRelation* relation) {
+  if (relation == nullptr) return SPKI_ERR_NULL_PARAM;
+  Status status = Algebra(engine).CompareElements(first, second, 1, relation);
+  *relation = Public(*relation);
+  return status;
+}
+
+Status IntersectTagLists(EngineContext& engine, EngineNode* first, EngineNode* second,
+                         EngineNode** out) {
+  if (out == nullptr) return SPKI_ERR_NULL_PARAM;
+  return Algebra(engine).IntersectLists(first, second, 0, out);
+}
+
+Status IntersectTagElements(EngineContext& engine, EngineNode* first, EngineNode* second,
+                            EngineNode** out) {
+  if (out == nullptr) return SPKI_ERR_NULL_PARAM;
+  return Algebra(engine).IntersectElements(first, second, 1, out);
+}
+
+void ClearRangeBounds(EngineContext& engine, RangeBounds* bounds) {
+  if (bounds == nullptr) return;
+  AssignAtom(engine, &bounds->lower, nullptr);
+  AssignAtom(engine, &bounds->upper, nullptr);
+  std::memset(bounds, 0, sizeof(*bounds));
+  bounds->ordering = -1;
+}
+
+void AddRangeBound(EngineContext& engine, RangeBounds* bounds, EngineAtom* value, int32_t op,
+                   int32_t ordering, int32_t source) {
+  if (bounds == nullptr || !TakeOrdering(engine, bounds, ordering)) return;
+  if (value == nullptr || !ValueFits(value, ordering)) {
+    Invalidate(engine, bounds);
+    return;
+  }
+  PlaceBound(engine, bounds, value, op, source);
+}
+
+void AddRangeElementBounds(EngineContext& engine, RangeBounds* bounds, const EngineNode* range,
+                           int32_t source) {
+  if (bounds == nullptr || IsInvalid(*bounds)) return;
+  const EngineNode* ordering = ClassOf(range) == kClassRange ? StarWord(range)->next : nullptr;
+  if (ordering == nullptr || ordering->kind != kNodeAtom ||
+      !IsOrdering(ordering->atom->keyword_id)) {
+    Invalidate(engine, bounds);
+    return;
+  }
+  // The ordering counts even for a range without bounds: (* range numeric)
+  // and (* range alpha) share no value.
+  int32_t id = ordering->atom->keyword_id;
+  if (!TakeOrdering(engine, bounds, id)) return;
+  for (const EngineNode* node = ordering->next; node != nullptr; node = node->next) {
+    const EngineNode* op = node->kind == kNodeSublist ? node->sublist : nullptr;
+    const EngineNode* value = op != nullptr ? op->next : nullptr;
+    if (op == nullptr || op->kind != kNodeKeywordHead || value == nullptr ||
+        value->kind != kNodeAtom || value->next != nullptr) {
+      Invalidate(engine, bounds);
+      return;
+    }
+    AddRangeBound(engine, bounds, value->atom, op->keyword, id, source);
+    if (IsInvalid(*bounds)) return;
+  }
+}
+
+Status AddPrefixBounds(EngineContext& engine, RangeBounds* bounds, const EngineNode* prefix,
+                       int32_t source) {
+  if (bounds == nullptr) return SPKI_ERR_NULL_PARAM;
+  if (IsInvalid(*bounds)) return SPKI_OK;
+  EngineAtom* value =
+      ClassOf(prefix) == kClassPrefix ? const_cast<EngineAtom*>(PrefixOf(prefix)) : nullptr;
+  // Values that start with P form an interval only where values sort byte by
+  // byte; in binary and numeric order a longer value is a larger one.
+  int32_t ordering = bounds->ordering;
+  if (value == nullptr ||
+      (ordering != kKeywordAlpha && ordering != kKeywordDate && ordering != kKeywordTime)) {
+    Invalidate(engine, bounds);
+    return SPKI_OK;
+  }
+  // The prefix bounds stand for every value starting with P, which need not
+  // be a valid date or time itself ("2004-1"), so they are not checked.
+  PlaceBound(engine, bounds, value, kKeywordGe, source);
+  uint32_t length = value->length;
+  while (length != 0 && value->bytes[length - 1] == 0xFF) --length;
+  if (length == 0 || IsInvalid(*bounds)) return SPKI_OK;
+  auto* bytes = static_cast<uint8_t*>(engine.arena().Allocate(length));
+  if (bytes == nullptr) return SPKI_ERR_NO_MEM;
+  std::memcpy(bytes, value->bytes, length);
+  ++bytes[length - 1];
+  AtomRef successor(engine, NewAtomOver(engine, bytes, length, value->hint, value->hint_length));
+  if (!successor) return SPKI_ERR_NO_MEM;
+  PlaceBound(engine, bounds, successor.get(), kKeywordL, source);
+  return SPKI_OK;
+}
+
+TagRelation EvaluateRange(const RangeBounds& bounds) {
+  if (IsInvalid(bounds)) return kTagDisjoint;
+  if (bounds.lower != nullptr && bounds.upper != nullptr) {
+    switch (CompareInOrdering(bounds.lower, bounds.upper, bounds.ordering)) {
+      case kOrderEqual:
+        return bounds.lower_operator == kKeywordGe && bounds.upper_operator == kKeywordLe
+                   ? kTagOverlapping
+                   : kTagDisjoint;
+      case kOrderBefore:
+        break;
+      default:
+        return kTagDisjoint;
+    }
+  }
+  auto as_relation = [](int32_t source) {
+    return source >= 0 && source <= 2 ? static_cast<TagRelation>(source) : kTagDisjoint;
+  };
+  if (bounds.lower_source == 0) return as_relation(bounds.upper_source);
+  if (bounds.lower_source != 1 && bounds.lower_source != 2) return kTagDisjoint;
+  if (bounds.upper_source == 0) return as_relation(bounds.lower_source);
+  if (bounds.upper_source != 1 && bounds.upper_source != 2) return kTagDisjoint;
+  return bounds.lower_source == bounds.upper_source ? static_cast<TagRelation>(bounds.lower_source)
+                                                    : kTagOverlapping;
+}
+
+Status IsInRange(EngineContext& engine, const EngineAtom* atom, const EngineNode* range,
+                 bool* inside) {
+  if (inside == nullptr) return SPKI_ERR_NULL_PARAM;
+  *inside = false;
+  if (atom == nullptr || ClassOf(range) != kClassRange) return SPKI_OK;
+  return Algebra(engine).InRange(atom, range, inside);
+}
+
+Status IsInSet(EngineContext& engine, const EngineNode* element, const EngineNode* set,
+               bool* inside) {
+  if (inside == nullptr) return SPKI_ERR_NULL_PARAM;
+  *inside = false;
+  if (ClassOf(set) != kClassSet) return SPKI_OK;
+  return Algebra(engine).InSet(element, set, 1, inside);
+}
+
+Status CompareSetWith(EngineContext& engine, const EngineNode* set, const EngineNode* other,
+                      TagRelation* relation) {
+  if (relation == nullptr) return SPKI_ERR_NULL_PARAM;
+  *relation = kTagDisjoint;
+  if (ClassOf(set) != kClassSet || !IsStarForm(ClassOf(other))) return SPKI_OK;
+  Status status = Algebra(engine).CompareSet(set, other, 1, relation);
+  *relation = Public(*relation);
+  return status;
+}
+
+Status IntersectSet(EngineContext& engine, EngineNode* set, EngineNode* element, EngineNode** out) {
+  if (out == nullptr) return SPKI_ERR_NULL_PARAM;
+  *out = nullptr;
+  if (ClassOf(set) != kClassSet) return SPKI_OK;
+  return Algebra(engine).IntersectSet(set, element, 1, out);
+}
+
+}  // namespace velk2::engine

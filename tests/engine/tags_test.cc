@@ -1,0 +1,547 @@
+// The tag algebra: element classes, comparison and intersection of elements
+// and lists, ranges, prefixes and sets.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "engine/keywords.h"
+#include "engine/tags.h"
+#include "engine_fixture.h"
+
+namespace velk2::engine {
+namespace {
+
+class TagsTest : public EngineFixture {
+ protected:
+  TagRelation CompareElements(const EngineNode* a, const EngineNode* b) {
+    TagRelation relation = kTagOverlapping;
+    EXPECT_EQ(CompareTagElements(engine_, a, b, &relation), SPKI_OK);
+    return relation;
+  }
+  TagRelation CompareLists(const EngineNode* a, const EngineNode* b) {
+    TagRelation relation = kTagOverlapping;
+    EXPECT_EQ(CompareTagLists(engine_, a, b, &relation), SPKI_OK);
+    return relation;
+  }
+  TagRelation CompareElementTexts(std::string_view a, std::string_view b) {
+    return CompareElements(Element(a), Element(b));
+  }
+  // The readable intersection of two elements, "(none)" when disjoint.
+  std::string IntersectElementTexts(std::string_view a, std::string_view b) {
+    EngineNode* out = nullptr;
+    EXPECT_EQ(IntersectTagElements(engine_, Element(a), Element(b), &out), SPKI_OK);
+    if (out != nullptr) {
+      EXPECT_EQ(out->next, nullptr);
+    }
+    return ReadableOf(Keep(out));
+  }
+  // The readable intersection of two lists, "(none)" when disjoint.
+  std::string IntersectListTexts(std::string_view a, std::string_view b) {
+    EngineNode* out = nullptr;
+    EXPECT_EQ(IntersectTagLists(engine_, Readable(a), Readable(b), &out), SPKI_OK);
+    if (out == nullptr) return "(none)";
+    std::string text;
+    EXPECT_EQ(PrintReadable(Keep(out), &text), SPKI_OK);
+    return text;
+  }
+};
+
+// One representative of every element class.
+constexpr const char* kRepresentatives[] = {
+    "read",                           // 3: atom
+    "head:tag",                       // 1: keyword head
+    "head:ftp",                       // 2: plain head
+    "(ftp host)",                     // 4: sublist
+    "(*)",                            // 11: everything
+    "(* set read (ftp) write)",       // 12: set
+    "(* prefix re)",                  // 13: prefix
+    "(* range alpha (ge r) (le s))",  // 14: range
+};
+
+TEST_F(TagsTest, ClassesOfTheRepresentatives) {
+  const ElementClass kWant[] = {kClassAtom, kClassKeywordHead, kClassAtomHead, kClassSublist,
+                                kClassAll,  kClassSet,         kClassPrefix,   kClassRange};
+  for (size_t i = 0; i < std::size(kRepresentatives); ++i) {
+    EXPECT_EQ(ClassOf(Element(kRepresentatives[i])), kWant[i]) << kRepresentatives[i];
+  }
+  EXPECT_EQ(ClassOf(Element("(* foo a)")), kClassUnclassifiable);
+  EXPECT_EQ(ClassOf(Element("(* (set) a)")), kClassUnclassifiable);
+  EXPECT_EQ(ClassOf(Element("(* prefix a b)")), kClassUnclassifiable);
+  EXPECT_EQ(ClassOf(Element("(* prefix (a))")), kClassUnclassifiable);
+  EXPECT_EQ(ClassOf(Element("(* set)")), kClassSet);
+  EXPECT_EQ(ClassOf(Element("([x]* set a)")), kClassSublist);  // a hinted "*" is no star
+  EXPECT_EQ(ClassOf(nullptr), kClassUnclassifiable);
+}
+
+TEST_F(TagsTest, CompareEveryPairOfElementClasses) {
+  // Row: first operand; column: second, in the order of kRepresentatives.
+  const TagRelation kWant[8][8] = {
+      // read     tag      ftp      (ftp..)  (*)      set      prefix   range
+      {kTagEqual, kTagDisjoint, kTagDisjoint, kTagDisjoint, kTagNarrower, kTagNarrower,
+       kTagNarrower, kTagNarrower},
+      {kTagDisjoint, kTagEqual, kTagDisjoint, kTagDisjoint, kTagNarrower, kTagDisjoint,
+       kTagDisjoint, kTagDisjoint},
+      {kTagDisjoint, kTagDisjoint, kTagEqual, kTagDisjoint, kTagNarrower, kTagDisjoint,
+       kTagDisjoint, kTagDisjoint},
+      {kTagDisjoint, kTagDisjoint, kTagDisjoint, kTagEqual, kTagNarrower, kTagNarrower,
+       kTagDisjoint, kTagDisjoint},
+      {kTagBroader, kTagBroader, kTagBroader, kTagBroader, kTagEqual, kTagBroader, kTagBroader,
+       kTagBroader},
+      {kTagBroader, kTagDisjoint, kTagDisjoint, kTagBroader, kTagNarrower, kTagNarrower,
+       kTagOverlapping, kTagOverlapping},
+      {kTagBroader, kTagDisjoint, kTagDisjoint, kTagDisjoint, kTagNarrower, kTagOverlapping,
+       kTagNarrower, kTagNarrower},
+      {kTagBroader, kTagDisjoint, kTagDisjoint, kTagDisjoint, kTagNarrower, kTagOverlapping,
+       kTagBroader, kTagNarrower},
+  };
+  for (size_t i = 0; i < 8; ++i) {
+    for (size_t j = 0; j < 8; ++j) {
+      // Separate parses: equal elements are never the same node here.
+      EXPECT_EQ(CompareElementTexts(kRepresentatives[i], kRepresentatives[j]), kWant[i][j])
+          << kRepresentatives[i] << " vs " << kRepresentatives[j];
+    }
+  }
+}
+
+TEST_F(TagsTest, IntersectEveryPairOfElementClasses) {
+  const char* kSet = "(* set read (ftp) write)";
+  const char* kPrefix = "(* prefix re)";
+  const char* kRange = "(* range alpha (ge r) (le s))";
+  const char* kNarrowed = "(* range alpha (ge re) (l rf))";
+  const char* kNone = "(none)";
+  const char* kWant[8][8] = {
+      {"read", kNone, kNone, kNone, "read", "read", "read", "read"},
+      {kNone, "tag", kNone, kNone, "tag", kNone, kNone, kNone},
+      {kNone, kNone, "ftp", kNone, "ftp", kNone, kNone, kNone},
+      {kNone, kNone, kNone, "(ftp host)", "(ftp host)", "(ftp host)", kNone, kNone},
+      {"read", "tag", "ftp", "(ftp host)", "(*)", kSet, kPrefix, kRange},
+      {"read", kNone, kNone, "(ftp host)", kSet, "(* set write (ftp) read)", "read", "read"},
+      {"read", kNone, kNone, kNone, kPrefix, "read", kPrefix, kNarrowed},
+      {"read", kNone, kNone, kNone, kRange, "read", kNarrowed, kRange},
+  };
+  for (size_t i = 0; i < 8; ++i) {
+    for (size_t j = 0; j < 8; ++j) {
+      EXPECT_EQ(IntersectElementTexts(kRepresentatives[i], kRepresentatives[j]), kWant[i][j])
+          << kRepresentatives[i] << " with " << kRepresentatives[j];
+    }
+  }
+}
+
+TEST_F(TagsTest, CompareElementsSpecialCases) {
+  struct Case {
+    const char* a;
+    const char* b;
+    TagRelation want;
+  };
+  const Case kCases[] = {
+      // Lists: a longer list is narrower.
+      {"(ftp host read)", "(ftp host)", kTagNarrower},
+      {"(ftp)", "(ftp host)", kTagBroader},
+      {"(ftp host)", "(http host)", kTagDisjoint},
+      {"(ftp a read)", "(ftp b)", kTagDisjoint},
+      // Membership only looks for a member the element is inside.
+      {"(ftp host)", "(* set (ftp) write)", kTagNarrower},
+      {"(ftp)", "(* set (ftp host) (ftp port))", kTagDisjoint},
+      {"delete", "(* set read write)", kTagDisjoint},
+      {"(* set (ftp))", "(ftp host)", kTagBroader},
+      // Sets against sets and other star forms.
+      {"(* set read)", "(* set read write)", kTagNarrower},
+      {"(* set read write)", "(* set read)", kTagBroader},
+      {"(* set a b)", "(* set b c)", kTagOverlapping},
+      {"(* set a b)", "(* set c d)", kTagDisjoint},
+      {"(* set)", "(* set a)", kTagNarrower},  // the empty set is inside everything
+      {"(* set /pub/a /pub/b)", "(* prefix /pub/)", kTagNarrower},
+      {"(* prefix /pub/)", "(* set /pub/a)", kTagBroader},
+      {"(* set (* prefix /pub/) x)", "(* prefix /pub/a)", kTagBroader},
+      {"(* set /pub/a /etc)", "(* prefix /pub/)", kTagOverlapping},
+      {"(* set /etc x)", "(* prefix /pub/)", kTagDisjoint},
+      {"(* set 5 10)", "(* range numeric (ge 0) (le 100))", kTagNarrower},
+      // Prefixes: equal prefixes tie to the first operand.
+      {"/pub/file", "(* prefix /pub/)", kTagNarrower},
+      {"/etc/passwd", "(* prefix /pub/)", kTagDisjoint},
+      {"(* prefix /pub/)", "/pub/file", kTagBroader},
+      {"(* prefix /pub/a)", "(* prefix /pub/)", kTagNarrower},
+      {"(* prefix /pub/)", "(* prefix /pub/a)", kTagBroader},
+      {"(* prefix /pub/)", "(* prefix /pub/)", kTagNarrower},
+      {"(* prefix /a)", "(* prefix /b)", kTagDisjoint},
+      {"[text]/pub/x", "(* prefix /pub/)", kTagDisjoint},  // a hint is part of the value
+      {"(* prefix)", "x", kTagDisjoint},
+      {"(* prefix a b)", "a", kTagDisjoint},
+      // Prefixes against ranges, in the byte orderings only.
+      {"(* prefix abc)", "(* range alpha (ge a) (le b))", kTagNarrower},
+      // A bound shared with the range does not hide that the prefix is inside.
+      {"(* prefix abc)", "(* range alpha (ge abc) (le abd))", kTagNarrower},
+      {"(* prefix abc)", "(* range alpha (ge abc) (l abd))", kTagNarrower},  // a tie
+      {"(* prefix abc)", "(* range alpha (ge b))", kTagDisjoint},
+      {"(* range alpha (ge a) (le z))", "(* prefix m)", kTagBroader},
+      {"(* prefix 2004)", "(* range date (ge 2003) (le 2006))", kTagNarrower},
+      {"(* prefix 12)", "(* range numeric (ge 0))", kTagDisjoint},
+      {"(* prefix \"\\xff\\xff\")", "(* range binary (ge \"\\x01\"))", kTagDisjoint},
+      {"(* prefix \"a\\xff\")", "(* range alpha (ge a) (le b))", kTagNarrower},
+      // Elements that stand for nothing are disjoint from everything, (*)
+      // and sets holding (*) included: unknown star forms, malformed
+      // prefixes, and ranges that are invalid or hold no value.
+      {"(* foo)", "(*)", kTagDisjoint},
+      {"(* prefix a b)", "(*)", kTagDisjoint},
+      {"(* range date (ge 2005-03-01))", "(*)", kTagDisjoint},
+      {"(*)", "(* range numeric (g 9) (le 1))", kTagDisjoint},
+      {"(* range numeric (ge 5) (l 5))", "(* set (*))", kTagDisjoint},
+      {"(* range numeric (ge 5) (le 5))", "(*)", kTagNarrower},  // one point is a value
+      {"(* prefix /pub/)", "(* set (*))", kTagNarrower},
+      {"(*)", "(* foo)", kTagDisjoint},
+      {"(* foo)", "(* foo)", kTagDisjoint},
+  };
+  for (const Case& c : kCases) {
+    EXPECT_EQ(CompareElementTexts(c.a, c.b), c.want) << c.a << " vs " << c.b;
+  }
+  EngineNode* same = Element("(* foo)");
+  EXPECT_EQ(CompareElements(same, same), kTagEqual);  // the same node is always equal
+  EXPECT_EQ(CompareElements(same, nullptr), kTagDisjoint);
+  EXPECT_EQ(CompareElements(nullptr, nullptr), kTagEqual);
+}
+
+TEST_F(TagsTest, CompareRealisticTagLists) {
+  struct Case {
+    const char* a;
+    const char* b;
+    TagRelation want;
+  };
+  const Case kCases[] = {
+      {"(tag (ftp host read))", "(tag (ftp host))", kTagNarrower},
+      {"(tag (ftp host))", "(tag (ftp host read))", kTagBroader},
+      {"(tag (ftp host read))", "(tag (ftp host read))", kTagEqual},
+      {"(tag (ftp host))", "(tag (http host))", kTagDisjoint},
+      {"(tag)", "(tag (ftp))", kTagBroader},
+      {"(tag (ftp (* set read write) host))", "(tag (ftp read))", kTagOverlapping},
+      {"(tag (* set read write (foo bla) delete))", "(tag (foo bla baz))", kTagBroader},
+      {"(tag (* set read write (foo bla) delete))", "(tag write)", kTagBroader},
+      {"(tag (ftp (* prefix /pub/)))", "(tag (ftp /pub/file))", kTagBroader},
+      {"(tag (ftp /etc/passwd))", "(tag (ftp (* prefix /pub/)))", kTagDisjoint},
+      {"(tag (spend (* range numeric (ge 0) (le 5000))))", "(tag (spend 100))", kTagBroader},
+      {"(tag (spend 6000))", "(tag (spend (* range numeric (ge 0) (le 5000))))", kTagDisjoint},
+      {"(tag (*))", "(tag (ftp host))", kTagBroader},
+      {"(tag (ftp host) x)", "(tag (ftp) y)", kTagDisjoint},
+      {"(tag (ftp host) (* set x y))", "(tag (ftp) x)", kTagOverlapping},
+      {"(tag (ftp host) x)", "(tag (ftp) (* set x y))", kTagNarrower},
+      // Bounds written without their own lists are not a range: disjoint.
+      {"(tag (spend (* range numeric ge 0 le 5000)))", "(tag (spend 100))", kTagDisjoint},
+  };
+  for (const Case& c : kCases) {
+    EXPECT_EQ(CompareLists(Readable(c.a), Readable(c.b)), c.want) << c.a << " vs " << c.b;
+  }
+  EngineNode* tag = Readable("(tag (ftp))");
+  EXPECT_EQ(CompareLists(tag, tag), kTagEqual);
+  EXPECT_EQ(CompareLists(tag->next, tag), kTagDisjoint);  // an element against a head
+  EXPECT_EQ(CompareLists(nullptr, tag), kTagBroader);     // the empty chain is broadest
+  EXPECT_EQ(CompareTagLists(engine_, tag, tag, nullptr), SPKI_ERR_NULL_PARAM);
+}
+
+TEST_F(TagsTest, IntersectRealisticTagLists) {
+  struct Case {
+    const char* a;
+    const char* b;
+    const char* want;
+  };
+  const Case kCases[] = {
+      {"(tag (ftp host read))", "(tag (ftp host))", "(tag (ftp host read))"},
+      {"(tag (ftp host))", "(tag (ftp host read))", "(tag (ftp host read))"},
+      {"(tag (ftp (* set read write) host))", "(tag (ftp read))", "(tag (ftp read host))"},
+      {"(tag (ftp read))", "(tag (ftp (* set read write) host))", "(tag (ftp read host))"},
+      {"(tag (ftp host))", "(tag (http host))", "(none)"},
+      {"(tag (spend (* range numeric (ge 0) (le 5000))))",
+       "(tag (spend (* range numeric (ge 1000))))",
+       "(tag (spend (* range numeric (ge 1000) (le 5000))))"},
+      {"(tag (spend (* range numeric (le 10))))", "(tag (spend (* range numeric (g 10))))",
+       "(none)"},
+      // The lists are compared first, and membership only looks for a member
+      // the element is inside: no member holds all of (ftp (* set b c)).
+      {"(tag (* set (ftp (* set a b)) http))", "(tag (ftp (* set b c)))", "(none)"},
+      {"(tag (ftp (* prefix /pub/)))", "(tag (ftp (* prefix /pub/incoming/)))",
+       "(tag (ftp (* prefix /pub/incoming/)))"},
+      {"(tag (ftp host) (* set x y))", "(tag (ftp) x)", "(tag (ftp host) x)"},
+      {"(tag (*))", "(tag (ftp host))", "(tag (ftp host))"},
+      {"(tag (* set a b) c)", "(tag (* set b c))", "(tag b c)"},
+  };
+  for (const Case& c : kCases) {
+    EXPECT_EQ(IntersectListTexts(c.a, c.b), c.want) << c.a << " with " << c.b;
+  }
+  // A result equal to an operand is that operand's chain, with a count of its own.
+  EngineNode* narrow = Readable("(tag (ftp host read))");
+  EngineNode* broad = Readable("(tag (ftp))");
+  EngineNode* out = nullptr;
+  ASSERT_EQ(IntersectTagLists(engine_, broad, narrow, &out), SPKI_OK);
+  EXPECT_EQ(out, narrow);
+  EXPECT_EQ(narrow->ref_count, 2);
+  ReleaseNode(engine_, out);
+  ASSERT_EQ(IntersectTagLists(engine_, broad, nullptr, &out), SPKI_OK);
+  EXPECT_EQ(out, broad);
+  ReleaseNode(engine_, out);
+  EXPECT_EQ(IntersectTagLists(engine_, broad, narrow, nullptr), SPKI_ERR_NULL_PARAM);
+}
+
+TEST_F(TagsTest, SetIntersection) {
+  struct Case {
+    const char* set;
+    const char* element;
+    const char* want;
+  };
+  const Case kCases[] = {
+      {"(* set read write)", "read", "read"},  // one member left: the member alone
+      {"(* set read write)", "delete", "(none)"},
+      {"(* set (ftp) (http))", "(ftp host)", "(ftp host)"},
+      {"(* set (* set a b) c)", "(* set a b z)", "(* set b a)"},  // kept sets are flattened
+      {"(* set a a b)", "(* set a b)", "(* set b a)"},            // equal elements kept once
+      {"(* set (ftp (* set a b)) x)", "(ftp (* set b c))", "(ftp b)"},
+      {"(* set (* prefix /pub/) /etc)", "(* prefix /pub/a)", "(* prefix /pub/a)"},
+      {"(* set)", "a", "(none)"},
+  };
+  for (const Case& c : kCases) {
+    EngineNode* out = nullptr;
+    EXPECT_EQ(IntersectSet(engine_, Element(c.set), Element(c.element), &out), SPKI_OK);
+    EXPECT_EQ(ReadableOf(Keep(out)), c.want) << c.set << " with " << c.element;
+  }
+  EngineNode* out = nullptr;
+  EXPECT_EQ(IntersectSet(engine_, Element("(a b)"), Element("a"), &out), SPKI_OK);
+  EXPECT_EQ(out, nullptr);  // not a set
+  bool inside = true;
+  EXPECT_EQ(IsInSet(engine_, Element("b"), Element("(* set a (* set b))"), &inside), SPKI_OK);
+  EXPECT_TRUE(inside);
+  EXPECT_EQ(IsInSet(engine_, Element("c"), Element("(* set a (* set b))"), &inside), SPKI_OK);
+  EXPECT_FALSE(inside);
+  TagRelation relation = kTagEqual;
+  EXPECT_EQ(CompareSetWith(engine_, Element("(* set a)"), Element("(* set a)"), &relation),
+            SPKI_OK);
+  EXPECT_EQ(relation, kTagNarrower);  // the tie goes to the first operand
+  EXPECT_EQ(CompareSetWith(engine_, Element("(* set a)"), Element("a"), &relation), SPKI_OK);
+  EXPECT_EQ(relation, kTagDisjoint);  // only star forms are compared here
+}
+
+TEST_F(TagsTest, RangesInEveryOrdering) {
+  struct Case {
+    const char* range;
+    const char* value;
+    bool inside;
+  };
+  const Case kCases[] = {
+      {"(* range alpha (g b) (l d))", "b", false},
+      {"(* range alpha (g b) (l d))", "ba", true},
+      {"(* range alpha (g b) (l d))", "c", true},
+      {"(* range alpha (g b) (l d))", "d", false},
+      {"(* range alpha (ge b) (le d))", "b", true},
+      {"(* range alpha (ge b) (le d))", "d", true},
+      {"(* range binary (ge \"\\x10\") (le \"\\x20\"))", "\"\\x00\\x15\"", true},
+      {"(* range binary (ge \"\\x10\") (le \"\\x20\"))", "\"\\x10\"", true},
+      {"(* range binary (g \"\\x10\") (le \"\\x20\"))", "\"\\x10\"", false},
+      {"(* range binary (ge \"\\x10\") (l \"\\x20\"))", "\"\\x01\\x00\"", false},
+      {"(* range date (ge 2004-01-01) (l 2005))", "2004-06-15", true},
+      {"(* range date (ge 2004-01-01) (l 2005))", "2004-01-01", true},
+      {"(* range date (g 2004-01-01) (l 2005))", "2004-01-01", false},
+      {"(* range date (ge 2004-01-01) (l 2005))", "2005-01-01", false},
+      {"(* range date (ge 2004-01-01) (l 2005))", "2003-12-31", false},
+      {"(* range date (ge 2004-01-01) (l 2005))", "2004-03-01", false},  // March
+      {"(* range date (ge 2004-01-01) (le 2005))", "2004-13", false},
+      {"(* range numeric (g -10) (le 10))", "-10", false},
+      {"(* range numeric (g -10) (le 10))", "-9", true},
+      {"(* range numeric (g -10) (le 10))", "10", true},
+      {"(* range numeric (g -10) (l 10))", "10", false},
+      {"(* range numeric (g -10) (le 10))", "11", false},
+      {"(* range numeric (g -10) (le 10))", "007", false},  // not a number
+      {"(* range numeric (g -10) (le 10))", "abc", false},
+      {"(* range numeric (ge 0))", "99999999999999999999", true},
+      {"(* range time (ge 08:00) (le 17:30:00))", "12:00", true},
+      {"(* range time (ge 08:00) (le 17:30:00))", "07:59:59", false},
+      {"(* range time (ge 08:00) (le 17:30:00))", "17:30:00", true},
+      {"(* range time (ge 08:00) (l 17:30:00))", "17:30:00", false},
+      {"(* range time (ge 08:00) (le 17:30:00))", "25:00", false},
+      // One-point ranges hold their point only with ge and le.
+      {"(* range numeric (ge 5) (le 5))", "5", true},
+      {"(* range numeric (g 5) (le 5))", "5", false},
+      {"(* range numeric (ge 5) (l 5))", "5", false},
+      // Bad ranges hold nothing.
+      {"(* range numeric (ge x))", "1", false},
+      {"(* range date (ge 2005-03-01))", "2006", false},
+      {"(* range money (ge 1))", "2", false},
+      {"(* range numeric (ge 1) (gt 2))", "3", false},
+      {"(* range numeric (ge 1 2))", "3", false},
+      {"(* range numeric ge 1)", "3", false},
+      {"(* range)", "3", false},
+      {"(* range numeric)", "3", true},
+  };
+  for (const Case& c : kCases) {
+    bool inside = !c.inside;
+    EngineNode* value = Element(c.value);
+    ASSERT_EQ(IsInRange(engine_, value->atom, Element(c.range), &inside), SPKI_OK);
+    EXPECT_EQ(inside, c.inside) << c.value << " in " << c.range;
+    EXPECT_EQ(CompareElementTexts(c.value, c.range), c.inside ? kTagNarrower : kTagDisjoint)
+        << c.value << " vs " << c.range;
+  }
+}
+
+TEST_F(TagsTest, RangeAgainstRange) {
+  struct Case {
+    const char* a;
+    const char* b;
+    TagRelation want;
+    const char* intersection;
+  };
+  const Case kCases[] = {
+      // Identical ranges: the first operand's bounds win ties, so 1, not 0.
+      {"(* range numeric (ge 0) (le 10))", "(* range numeric (ge 0) (le 10))", kTagNarrower,
+       "(* range numeric (ge 0) (le 10))"},
+      {"(* range numeric (ge 0) (le 10))", "(* range numeric (ge 2) (le 8))", kTagBroader,
+       "(* range numeric (ge 2) (le 8))"},
+      {"(* range numeric (ge 0) (le 5))", "(* range numeric (ge 3) (le 10))", kTagOverlapping,
+       "(* range numeric (ge 3) (le 5))"},
+      {"(* range numeric (le 2))", "(* range numeric (ge 5))", kTagDisjoint, "(none)"},
+      {"(* range numeric (le -5))", "(* range numeric (ge -10))", kTagOverlapping,
+       "(* range numeric (ge -10) (le -5))"},
+      // A bound shared with a wider range does not hide the inclusion.
+      {"(* range numeric (ge 5))", "(* range numeric (ge 5) (le 10))", kTagBroader,
+       "(* range numeric (ge 5) (le 10))"},
+      {"(* range numeric (g 5) (le 10))", "(* range numeric (ge 5) (l 10))", kTagOverlapping,
+       "(* range numeric (g 5) (l 10))"},
+      // A strict bound replaces an inclusive one of the same value.
+      {"(* range numeric (g 5))", "(* range numeric (ge 5))", kTagNarrower,
+       "(* range numeric (g 5))"},
+      {"(* range numeric (ge 5))", "(* range numeric (g 5))", kTagBroader,
+       "(* range numeric (g 5))"},
+      {"(* range numeric (le 5))", "(* range numeric (l 5))", kTagBroader,
+       "(* range numeric (l 5))"},
+      // Touching ranges meet in one point only when both ends are inclusive.
+      {"(* range numeric (ge 0) (le 5))", "(* range numeric (ge 5) (le 9))", kTagOverlapping,
+       "(* range numeric (ge 5) (le 5))"},
+      {"(* range numeric (ge 0) (l 5))", "(* range numeric (ge 5) (le 9))", kTagDisjoint, "(none)"},
+      // A one-point range against a wider one compares as overlapping.
+      {"(* range numeric (ge 5) (le 5))", "(* range numeric (ge 0) (le 10))", kTagOverlapping,
+       "(* range numeric (ge 5) (le 5))"},
+      // A range without bounds is everything in its ordering.
+      {"(* range alpha)", "(* range alpha (ge m))", kTagBroader, "(* range alpha (ge m))"},
+      {"(* range time)", "(* range time)", kTagEqual, "(* range time)"},
+      // Mixed orderings and invalid bounds are disjoint from everything.
+      {"(* range numeric (ge 0))", "(* range alpha (ge a))", kTagDisjoint, "(none)"},
+      {"(* range numeric)", "(* range alpha)", kTagDisjoint, "(none)"},
+      {"(* range date (ge 2005-03-01))", "(* range date (ge 2005-03-01))", kTagDisjoint, "(none)"},
+      {"(* range date (ge 2004) (le 2005-02))", "(* range date (ge 2004-06))", kTagOverlapping,
+       "(* range date (ge 2004-06) (le 2005-02))"},
+      {"(* range time (ge 10:00))", "(* range time (le 09:00))", kTagDisjoint, "(none)"},
+      {"(* range binary (ge \"\\x00\\x10\"))", "(* range binary (ge \"\\x20\"))", kTagBroader,
+       "(* range binary (ge \" \"))"},
+  };
+  for (const Case& c : kCases) {
+    EXPECT_EQ(CompareElementTexts(c.a, c.b), c.want) << c.a << " vs " << c.b;
+    EXPECT_EQ(IntersectElementTexts(c.a, c.b), c.intersection) << c.a << " with " << c.b;
+  }
+}
+
+TEST_F(TagsTest, RangeBoundsRecord) {
+  auto atom = [&](const char* text) { return Element(text)->atom; };
+  RangeBounds bounds{};
+  ClearRangeBounds(engine_, &bounds);
+  EXPECT_EQ(bounds.ordering, -1);
+  EXPECT_EQ(EvaluateRange(bounds), kTagEqual);  // neither operand gave a bound
+
+  AddRangeBound(engine_, &bounds, atom("5"), kKeywordGe, kKeywordNumeric, 2);
+  EXPECT_EQ(bounds.ordering, kKeywordNumeric);
+  EXPECT_EQ(EvaluateRange(bounds), kTagBroader);
+  AddRangeBound(engine_, &bounds, atom("9"), kKeywordLe, kKeywordNumeric, 1);
+  EXPECT_EQ(EvaluateRange(bounds), kTagOverlapping);
+  AddRangeBound(engine_, &bounds, atom("7"), kKeywordGe, kKeywordNumeric, 1);
+  EXPECT_EQ(bounds.lower_source, 1);
+  EXPECT_EQ(EvaluateRange(bounds), kTagNarrower);
+  EXPECT_EQ(bounds.lower->ref_count, 2);  // the record holds a count
+
+  // A bound of another ordering clears and invalidates the record for good.
+  AddRangeBound(engine_, &bounds, atom("a"), kKeywordGe, kKeywordAlpha, 1);
+  EXPECT_EQ(bounds.upper_source, kRangeInvalid);
+  EXPECT_EQ(bounds.lower, nullptr);
+  EXPECT_EQ(EvaluateRange(bounds), kTagDisjoint);
+  AddRangeBound(engine_, &bounds, atom("1"), kKeywordGe, kKeywordNumeric, 1);
+  EXPECT_EQ(EvaluateRange(bounds), kTagDisjoint);
+
+  struct Bad {
+    const char* value;
+    int32_t op;
+    int32_t ordering;
+  };
+  const Bad kBad[] = {
+      {"2005-03-01", kKeywordGe, kKeywordDate}, {"25:00", kKeywordLe, kKeywordTime},
+      {"1.5", kKeywordGe, kKeywordNumeric},     {"5", kKeywordSet, kKeywordNumeric},
+      {"5", kKeywordGe, kKeywordRange},
+  };
+  for (const Bad& b : kBad) {
+    ClearRangeBounds(engine_, &bounds);
+    AddRangeBound(engine_, &bounds, atom(b.value), b.op, b.ordering, 1);
+    EXPECT_EQ(EvaluateRange(bounds), kTagDisjoint) << b.value;
+  }
+  // Incomparable values (different hints) invalidate too.
+  ClearRangeBounds(engine_, &bounds);
+  AddRangeBound(engine_, &bounds, atom("a"), kKeywordGe, kKeywordAlpha, 1);
+  AddRangeBound(engine_, &bounds, atom("[x]b"), kKeywordGe, kKeywordAlpha, 2);
+  EXPECT_EQ(EvaluateRange(bounds), kTagDisjoint);
+  ClearRangeBounds(engine_, &bounds);
+}
+
+TEST_F(TagsTest, NestingIsBounded) {
+  // Parsed operands at the parser's limit compare without trouble...
+  std::string deep = "(x)";
+  for (int i = 0; i < kMaxNesting / 2 - 1; ++i) deep = "(x (* set a " + deep + "))";
+  EngineNode* a = Readable(deep);
+  EngineNode* b = Readable(deep);
+  ASSERT_NE(a, nullptr);
+  // Equal sets tie to the first operand, so equal copies compare as narrower.
+  EXPECT_EQ(CompareLists(a, b), kTagNarrower);
+  EngineNode* out = nullptr;
+  ASSERT_EQ(IntersectTagLists(engine_, a, b, &out), SPKI_OK);
+  EXPECT_EQ(out, a);
+  ReleaseNode(engine_, out);
+
+  // ...while trees built deeper than the algebra allows are refused.
+  auto build = [&](int depth) {
+    EngineNode* tree = NewKeywordHead(engine_, kKeywordTag);
+    for (int i = 0; i < depth; ++i) {
+      EngineNode* outer = NewKeywordHead(engine_, kKeywordTag);
+      outer->next = NewSublistElement(engine_, tree);
+      ReleaseNode(engine_, tree);
+      tree = outer;
+    }
+    return Keep(tree);
+  };
+  EngineNode* x = build(kMaxTagDepth + 1);
+  EngineNode* y = build(kMaxTagDepth + 1);
+  TagRelation relation;
+  EXPECT_EQ(CompareTagLists(engine_, x, y, &relation), SPKI_ERR_BAD_SEXP);
+  EXPECT_EQ(CompareTagElements(engine_, x->next, y->next, &relation), SPKI_ERR_BAD_SEXP);
+  EXPECT_EQ(IntersectTagLists(engine_, x, y, &out), SPKI_ERR_BAD_SEXP);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(IntersectTagElements(engine_, x->next, y->next, &out), SPKI_ERR_BAD_SEXP);
+}
+
+TEST_F(TagsTest, NestedSetsCostTheProductOfTheirSizes) {
+  // Each level compares every pair of members once; an exponential walk
+  // would not finish.
+  std::string a = "z";
+  std::string b = "z";
+  for (int i = 0; i < kMaxNesting - 2; ++i) {
+    a = "(* set a" + std::to_string(i) + " " + a + ")";
+    b = "(* set " + b + " b" + std::to_string(i) + ")";
+  }
+  TagRelation relation = kTagEqual;
+  ASSERT_EQ(CompareTagElements(engine_, Element(a), Element(b), &relation), SPKI_OK);
+  EXPECT_EQ(relation, kTagOverlapping);
+  EXPECT_EQ(IntersectElementTexts(a, b), "z");
+}
+
+TEST(TagRelation, MirrorAndNames) {
+  EXPECT_EQ(Mirror(kTagNarrower), kTagBroader);
+  EXPECT_EQ(Mirror(kTagBroader), kTagNarrower);
+  EXPECT_EQ(Mirror(kTagOverlapping), kTagOverlapping);
+  EXPECT_EQ(Mirror(kTagEqual), kTagEqual);
+  EXPECT_STREQ(TagRelationName(kTagEqual), "equal");
+  EXPECT_STREQ(TagRelationName(kTagNarrower), "narrower");
+  EXPECT_STREQ(TagRelationName(kTagBroader), "broader");
+  EXPECT_STREQ(TagRelationName(kTagDisjoint), "disjoint");
+  EXPECT_STREQ(TagRelationName(kTagOverlapping), "overlapping");
+}
+
+}  // namespace
+}  // namespace velk2::engine

@@ -1,0 +1,163 @@
+// velk2 tag compare A B / velk2 tag intersect A B: the engine's tag algebra
+// on two tags, for people writing ACLs. A tag is given in readable form, such
+// as '(ftp (* set read write))' or 'read', or in canonical form; either is
+// taken as the body of (tag ...) unless it already is a (tag ...) list.
+#include <cstdio>
+#include <string>
+
+#include "engine/keywords.h"
+#include "engine/parser.h"
+#include "engine/printer.h"
+#include "engine/readable.h"
+#include "engine/store.h"
+#include "engine/tags.h"
+#include "tools/velk2/commands.h"
+#include "tools/velk2/options.h"
+
+namespace velk2::cli {
+namespace {
+
+using engine::EngineContext;
+using engine::EngineNode;
+using engine::NodeRef;
+using engine::Status;
+
+// One tag argument: the canonical text the tree points into, and the tree.
+class TagArgument {
+ public:
+  explicit TagArgument(EngineContext& engine) : tree_(engine) {}
+  TagArgument(const TagArgument&) = delete;
+  TagArgument& operator=(const TagArgument&) = delete;
+
+  // Read parses |text|; on failure the engine's status.
+  Status Read(EngineContext& engine, const std::string& text) {
+    bool looks_canonical =
+        text.size() > 1 && text[0] == '(' && ((text[1] >= '1' && text[1] <= '9') || text[1] == '[');
+    std::string canonical;
+    Status status = engine::SPKI_ERR_BAD_SEXP_START;
+    if (looks_canonical) {
+      status = Parse(engine, text);
+      if (status == engine::SPKI_OK) canonical = text;
+    }
+    if (canonical.empty()) {
+      Status readable = engine::ReadableToCanonical(text, &canonical);
+      if (readable != engine::SPKI_OK) return looks_canonical ? status : readable;
+      // A lone atom is a body too; a list is parsed as it stands first.
+      status = canonical[0] == '(' ? Parse(engine, canonical) : engine::SPKI_ERR_BAD_SEXP_START;
+      if (status != engine::SPKI_OK && canonical[0] == '(') return status;
+    }
+    if (status == engine::SPKI_OK && tree_->kind == engine::kNodeKeywordHead &&
+        tree_->keyword == engine::kKeywordTag) {
+      return engine::SPKI_OK;  // a (tag ...) list already
+    }
+    wrapped_ = true;
+    return Parse(engine, "(3:tag" + canonical + ")");
+  }
+
+  EngineNode* tree() const { return tree_.get(); }
+  bool wrapped() const { return wrapped_; }
+
+ private:
+  Status Parse(EngineContext& engine, const std::string& canonical) {
+    text_ = canonical;
+    return engine::ParseText(engine, tree_.out(), text_.data(), text_.size());
+  }
+
+  std::string text_;
+  NodeRef tree_;
+  bool wrapped_ = false;
+};
+
+// Prints the engine's message for a tag that cannot be read.
+int BadTag(const char* command, const char* which, Status status) {
+  return UsageError(command, std::string(which) +
+                                 " is not a tag: " + engine::SpkiErrorMessageUtf8(status) + " (" +
+                                 std::to_string(status) + ")");
+}
+
+// Reads the two positional tags; exit code on failure, -1 on success.
+int ReadTags(const char* command, const Options& options, EngineContext& engine, TagArgument* a,
+             TagArgument* b) {
+  if (options.positional().size() != 2) return UsageError(command, "expected two tags A and B");
+  if (engine.Init(engine::HeapAllocator()) != engine::SPKI_OK) {
+    std::fprintf(stderr, "velk2 %s: out of memory\n", command);
+    return kExitFailure;
+  }
+  if (Status status = a->Read(engine, options.positional()[0]); status != engine::SPKI_OK) {
+    return BadTag(command, "A", status);
+  }
+  if (Status status = b->Read(engine, options.positional()[1]); status != engine::SPKI_OK) {
+    return BadTag(command, "B", status);
+  }
+  return -1;
+}
+
+int RunCompare(const Args& args) {
+  const char* kCommand = "tag compare";
+  Options options({}, {});
+  if (!options.Parse(args, /*allow_positional=*/true)) return UsageError(kCommand, options.error());
+  EngineContext engine;
+  TagArgument a(engine);
+  TagArgument b(engine);
+  if (int exit = ReadTags(kCommand, options, engine, &a, &b); exit >= 0) return exit;
+  engine::TagRelation relation;
+  if (Status status = engine::CompareTagLists(engine, a.tree(), b.tree(), &relation);
+      status != engine::SPKI_OK) {
+    return UsageError(kCommand, engine::SpkiErrorMessageUtf8(status));
+  }
+  std::printf("%s\n", engine::TagRelationName(relation));
+  return std::fflush(stdout) == 0 ? kExitOk : kExitFailure;
+}
+
+int RunIntersect(const Args& args) {
+  const char* kCommand = "tag intersect";
+  Options options({}, {"canonical"});
+  if (!options.Parse(args, /*allow_positional=*/true)) return UsageError(kCommand, options.error());
+  EngineContext engine;
+  TagArgument a(engine);
+  TagArgument b(engine);
+  if (int exit = ReadTags(kCommand, options, engine, &a, &b); exit >= 0) return exit;
+  NodeRef result(engine);
+  if (Status status = engine::IntersectTagLists(engine, a.tree(), b.tree(), result.out());
+      status != engine::SPKI_OK) {
+    return UsageError(kCommand, engine::SpkiErrorMessageUtf8(status));
+  }
+  if (!result) {
+    std::fprintf(stderr, "velk2 %s: the tags are disjoint\n", kCommand);
+    return kExitFailure;
+  }
+  // Tags given as bodies get their intersection back as a body: the one
+  // element after "tag" (a result always keeps the head of its operands).
+  const EngineNode* body = result->next;
+  bool print_body = a.wrapped() && b.wrapped() && body != nullptr && body->next == nullptr;
+  std::string text;
+  Status status;
+  if (options.Has("canonical")) {
+    status = engine::PrintToString(result.get(), &text);
+    // The canonical text of (tag BODY) is "(3:tag" BODY ")".
+    if (status == engine::SPKI_OK && print_body) text = text.substr(6, text.size() - 7);
+  } else {
+    status = print_body ? engine::PrintReadableElement(body, &text)
+                        : engine::PrintReadable(result.get(), &text);
+  }
+  if (status != engine::SPKI_OK) return UsageError(kCommand, engine::SpkiErrorMessageUtf8(status));
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fputc('\n', stdout);
+  return std::fflush(stdout) == 0 ? kExitOk : kExitFailure;
+}
+
+VELK2_COMMAND("tag compare", "A B",
+              "print how tag A relates to tag B: equal, narrower (A implies B), broader, "
+              "disjoint or overlapping. Tags are readable, like '(ftp (* set read write))' or "
+              "'read', or canonical; each is the body of (tag ...) unless it is a (tag ...) "
+              "list. Exit 0, 2 when a tag cannot be read",
+              RunCompare);
+
+VELK2_COMMAND("tag intersect", "[--canonical] A B",
+              "print the intersection of tags A and B (the authorization both grant), readable "
+              "or with --canonical in canonical form. Exit 0, 1 when the tags are disjoint, 2 "
+              "when a tag cannot be read",
+              RunIntersect);
+
+}  // namespace
+}  // namespace velk2::cli
