@@ -1,0 +1,774 @@
+// The five-tuple reduction: reading credentials into tuples, chaining them
+// backwards from the key, and the result ACL.
+#include "engine/reduce.h"
+
+#include <new>
+
+#include "engine/dates.h"
+#include "engine/keywords.h"
+#include "engine/parser.h"
+#include "engine/printer.h"
+#include "engine/readable.h"
+#include "engine/reduce_internal.h"
+#include "engine/tags.h"
+
+namespace velk2::engine {
+namespace reduce {
+namespace {
+
+// Every result entry is made from this template: the public-key list stands
+// for the subject, the propagate element, the tag and the two dates are
+// replaced or removed.
+constexpr char kEntryTemplate[] =
+    "(5:entry(7:subject(10:public-key))(9:propagate)(3:tag)"
+    "(5:valid(10:not-before2:nb)(9:not-after2:na)))";
+
+EngineNode* Unwrap(EngineNode* node) {
+  return node != nullptr && node->kind == kNodeSublist ? node->sublist : node;
+}
+
+// The head of the list an element holds when that head is a keyword.
+EngineNode* KeywordListOf(const EngineNode* element) {
+  if (element == nullptr || element->kind != kNodeSublist || element->sublist == nullptr) {
+    return nullptr;
+  }
+  return element->sublist->kind == kNodeKeywordHead ? element->sublist : nullptr;
+}
+
+bool SameBytes(const EngineAtom* a, const EngineAtom* b) {
+  if (a == b) return true;
+  if (a == nullptr || b == nullptr) return false;
+  return a->length == b->length && CompareAtoms(a, b) == kOrderEqual;
+}
+
+// A scoped count of a tuple.
+class TupleRef {
+ public:
+  TupleRef(Reducer& reducer, FiveTuple* tuple) : reducer_(reducer), tuple_(tuple) {}
+  ~TupleRef() { reducer_.ReleaseTuple(tuple_); }
+  TupleRef(const TupleRef&) = delete;
+  TupleRef& operator=(const TupleRef&) = delete;
+  FiveTuple* get() const { return tuple_; }
+  FiveTuple* operator->() const { return tuple_; }
+  explicit operator bool() const { return tuple_ != nullptr; }
+
+ private:
+  Reducer& reducer_;
+  FiveTuple* tuple_;
+};
+
+const char* OriginName(uint8_t origin) {
+  switch (origin) {
+    case kFromAclEntry:
+      return "acl entry";
+    case kFromCertificate:
+      return "certificate";
+    case kFromChaining:
+      return "derived";
+    case kFromName:
+      return "name";
+    default:
+      return "threshold";
+  }
+}
+
+std::string AtomText(const EngineAtom* atom) {
+  if (atom == nullptr) return std::string();
+  return std::string(reinterpret_cast<const char*>(atom->bytes), atom->length);
+}
+
+}  // namespace
+
+Reducer::Reducer(EngineContext& engine, uint32_t crypto_context, const ReduceOptions& options)
+    : engine_(engine), crypto_(crypto_context), options_(options) {}
+
+Reducer::~Reducer() {
+  Cleanup();
+}
+
+void Reducer::Cleanup() {
+  // Every list lets go of its tuples first; principals and blocks, which the
+  // tuples only point to, go last.
+  ClearTupleList(&pending_);
+  ClearTupleList(&root_);
+  for (IndexEntry** buckets : {definitions_, references_}) {
+    for (int b = 0; b < kBucketCount; ++b) {
+      while (IndexEntry* entry = buckets[b]) {
+        buckets[b] = entry->next;
+        ReleaseTuple(entry->tuple);
+        index_entries_.Give(entry);
+      }
+    }
+  }
+  for (ThresholdBlock* block = blocks_list_; block != nullptr; block = block->next_block) {
+    for (int32_t i = 1; i <= block->n; ++i) ClearTupleList(&block->slots[i]);
+  }
+  for (int b = 0; b < kBucketCount; ++b) {
+    for (IndexEntry* entry = principal_index_[b]; entry != nullptr; entry = entry->next) {
+      ClearTupleList(&entry->principal->issued);
+      ClearTupleList(&entry->principal->subjects);
+    }
+  }
+  while (ThresholdBlock* block = blocks_list_) {
+    blocks_list_ = block->next_block;
+    AssignNode(engine_, &block->node, nullptr);
+    blocks_.Give(block);  // the slot array stays in the arena
+  }
+  for (int b = 0; b < kBucketCount; ++b) {
+    while (IndexEntry* entry = principal_index_[b]) {
+      principal_index_[b] = entry->next;
+      AssignNode(engine_, &entry->principal->node, nullptr);
+      principals_.Give(entry->principal);
+      index_entries_.Give(entry);
+    }
+  }
+  keys_ = nullptr;
+  key_ = nullptr;
+  AssignNode(engine_, &tag_, nullptr);
+  AssignNode(engine_, &validity_, nullptr);
+  trace_parents_.clear();
+  if (options_.stats != nullptr) {
+    *options_.stats = stats_;
+    options_.stats->live_tuples = static_cast<uint32_t>(live_tuples_);
+  }
+}
+
+// ---- records ---------------------------------------------------------------
+
+FiveTuple* Reducer::NewTuple() {
+  FiveTuple* tuple = tuples_.Take(engine_.arena());
+  if (tuple == nullptr) return nullptr;
+  tuple->serial = ++next_serial_;
+  ++live_tuples_;
+  return tuple;
+}
+
+FiveTuple* Reducer::CopyTuple(const FiveTuple* source) {
+  FiveTuple* copy = NewTuple();
+  if (copy == nullptr) return nullptr;
+  copy->on_key_path = source->on_key_path;
+  copy->propagate = source->propagate;
+  copy->origin = source->origin;
+  copy->threshold_index = source->threshold_index;
+  copy->issuer = source->issuer;
+  copy->subject = source->subject;
+  copy->threshold = source->threshold;
+  AssignAtom(engine_, &copy->issuer_name, source->issuer_name);
+  AssignAtom(engine_, &copy->subject_name, source->subject_name);
+  AssignNode(engine_, &copy->subject_names_rest, source->subject_names_rest);
+  AssignNode(engine_, &copy->subject_node, source->subject_node);
+  AssignNode(engine_, &copy->tag, source->tag);
+  AssignAtom(engine_, &copy->not_before, source->not_before);
+  AssignAtom(engine_, &copy->not_after, source->not_after);
+  return copy;
+}
+
+void Reducer::ReleaseTuple(FiveTuple* tuple) {
+  if (tuple == nullptr || --tuple->ref_count >= 1) return;
+  AssignAtom(engine_, &tuple->issuer_name, nullptr);
+  AssignAtom(engine_, &tuple->subject_name, nullptr);
+  AssignNode(engine_, &tuple->subject_names_rest, nullptr);
+  AssignNode(engine_, &tuple->subject_node, nullptr);
+  AssignNode(engine_, &tuple->tag, nullptr);
+  AssignAtom(engine_, &tuple->not_before, nullptr);
+  AssignAtom(engine_, &tuple->not_after, nullptr);
+  if (tracing()) trace_parents_.erase(tuple->serial);
+  --live_tuples_;
+  tuples_.Give(tuple);
+}
+
+Status Reducer::PushTuple(TupleEntry** list, FiveTuple* tuple) {
+  TupleEntry* entry = entries_.Take(engine_.arena());
+  if (entry == nullptr) return SPKI_ERR_NO_MEM;
+  RetainTuple(tuple);
+  entry->tuple = tuple;
+  entry->next = *list;
+  *list = entry;
+  return SPKI_OK;
+}
+
+void Reducer::ClearTupleList(TupleEntry** list) {
+  while (TupleEntry* entry = *list) {
+    *list = entry->next;
+    ReleaseTuple(entry->tuple);
+    entries_.Give(entry);
+  }
+}
+
+// ---- limits ----------------------------------------------------------------
+
+Status Reducer::Step(uint64_t count) {
+  stats_.work_steps += count;
+  if (stats_.work_steps > options_.limits.work_steps) return LimitReached("work steps");
+  return SPKI_OK;
+}
+
+Status Reducer::LimitReached(const char* which) {
+  if (options_.trace != nullptr) {
+    options_.trace->limit_reached = true;
+    try {
+      options_.trace->limit = which;
+    } catch (const std::bad_alloc&) {
+      return SPKI_ERR_NO_MEM;
+    }
+  }
+  return kReductionLimitStatus;
+}
+
+// ---- trace -----------------------------------------------------------------
+
+Status Reducer::TraceCreated(const FiveTuple* tuple,
+                             std::initializer_list<const FiveTuple*> parents) {
+  return TraceCreatedFrom(tuple, parents.begin(), static_cast<int>(parents.size()));
+}
+
+Status Reducer::TraceCreatedFrom(const FiveTuple* tuple, const FiveTuple* const* parents,
+                                 int count) {
+  if (!tracing()) return SPKI_OK;
+  try {
+    std::vector<int>& ids = trace_parents_[tuple->serial];
+    for (int i = 0; i < count; ++i) ids.push_back(parents[i]->trace_id);
+  } catch (const std::bad_alloc&) {
+    return SPKI_ERR_NO_MEM;
+  }
+  return SPKI_OK;
+}
+
+Status Reducer::TraceAccepted(FiveTuple* tuple) {
+  if (!tracing()) return SPKI_OK;
+  try {
+    TraceTuple told;
+    told.id = next_trace_id_++;
+    tuple->trace_id = told.id;
+    told.kind = OriginName(tuple->origin);
+    if (tuple->issuer != nullptr) told.issuer = DigestHex(tuple->issuer->digest);
+    if (tuple->subject != nullptr) told.subject = DigestHex(tuple->subject->digest);
+    told.propagate = tuple->propagate != 0;
+    if (tuple->tag != nullptr) {
+      Status status = PrintToString(tuple->tag, &told.tag);
+      if (status != SPKI_OK) return status;
+    }
+    told.not_before = AtomText(tuple->not_before);
+    told.not_after = AtomText(tuple->not_after);
+    auto parents = trace_parents_.find(tuple->serial);
+    if (parents != trace_parents_.end()) {
+      told.parents = std::move(parents->second);
+      trace_parents_.erase(parents);
+    }
+    told.issuer_name = AtomText(tuple->issuer_name);
+    if (tuple->subject_name != nullptr) {
+      told.subject_names = AtomText(tuple->subject_name);
+      for (const EngineNode* name = tuple->subject_names_rest; name != nullptr; name = name->next) {
+        std::string text;
+        Status status = PrintReadableElement(name, &text);
+        if (status != SPKI_OK) return status;
+        told.subject_names += ' ';
+        told.subject_names += text;
+      }
+    }
+    told.threshold_index = tuple->threshold_index;
+    told.on_key_path = tuple->on_key_path != 0;
+    options_.trace->tuples.push_back(std::move(told));
+  } catch (const std::bad_alloc&) {
+    return SPKI_ERR_NO_MEM;
+  }
+  return SPKI_OK;
+}
+
+Status Reducer::TraceResult(const FiveTuple* tuple) {
+  if (!tracing()) return SPKI_OK;
+  try {
+    options_.trace->result.push_back(tuple->trace_id);
+  } catch (const std::bad_alloc&) {
+    return SPKI_ERR_NO_MEM;
+  }
+  return SPKI_OK;
+}
+
+// ---- the reduction ---------------------------------------------------------
+
+Status Reducer::Run(EngineNode* acl, EngineNode* sequence, EngineNode* key, EngineNode* tag,
+                    EngineNode* validity, EngineNode** result) {
+  if (result == nullptr) return SPKI_ERR_NULL_PARAM;
+  *result = nullptr;
+  if (acl == nullptr) return SPKI_ERR_NO_ACL;
+  acl = Unwrap(acl);
+  sequence = Unwrap(sequence);
+  key = Unwrap(key);
+  AssignNode(engine_, &tag_, Unwrap(tag));
+  AssignNode(engine_, &validity_, Unwrap(validity));
+
+  // Every key met anywhere is registered first, so that a hash principal met
+  // later is matched with its key.
+  for (const EngineNode* tree : {key, acl, sequence}) {
+    Status status = RegisterKeys(tree, 1);
+    if (status != SPKI_OK) return status;
+  }
+  if (key != nullptr) {
+    Status status = PrincipalOf(key, &key_);
+    if (status != SPKI_OK) return status;
+  }
+  Status status = Walk(acl, 1, /*certificates_only=*/false);
+  if (status == SPKI_OK && sequence != nullptr) status = Walk(sequence, 1, true);
+  if (status != SPKI_OK) return status;
+  return BuildResult(result);
+}
+
+// The certificate sequence is walked for certificates only: an ACL entry (or
+// a whole ACL) smuggled into it would be a root grant that nobody signed.
+Status Reducer::Walk(const EngineNode* list, int depth, bool certificates_only) {
+  if (depth > kMaxNesting) return SPKI_ERR_BAD_SEXP;
+  for (const EngineNode* node = list->next; node != nullptr; node = node->next) {
+    EngineNode* head = KeywordListOf(node);
+    if (head == nullptr) continue;
+    Status status = SPKI_OK;
+    switch (head->keyword) {
+      case kKeywordEntry:
+        if (!certificates_only) status = AddCredential(head);
+        break;
+      case kKeywordCert:
+        status = AddCredential(head);
+        break;
+      case kKeywordAcl:
+        if (!certificates_only) status = Walk(head, depth + 1, false);
+        break;
+      case kKeywordSequence:
+        status = Walk(head, depth + 1, certificates_only);
+        break;
+      default:
+        break;
+    }
+    if (status != SPKI_OK) return status;
+  }
+  return SPKI_OK;
+}
+
+Status Reducer::AddCredential(EngineNode* credential) {
+  const bool is_entry = credential->keyword == kKeywordEntry;
+  TupleRef tuple(*this, NewTuple());
+  if (!tuple) return SPKI_ERR_NO_MEM;
+  FiveTuple* t = tuple.get();
+  t->threshold_index = is_entry ? -1 : 0;
+  t->origin = is_entry ? kFromAclEntry : kFromCertificate;
+
+  bool has_subject = false;
+  bool relative = false;
+  bool has_propagate = false;
+  bool has_tag = false;
+  for (const EngineNode* node = credential->next; node != nullptr; node = node->next) {
+    EngineNode* field = KeywordListOf(node);
+    if (field == nullptr) continue;
+    Status status = SPKI_OK;
+    switch (field->keyword) {
+      case kKeywordIssuer:
+        if (is_entry) return SPKI_ERR_ACL_HAS_ISSUER;
+        status = ReadIssuer(field, t);
+        break;
+      case kKeywordSubject:
+        has_subject = true;
+        status = ReadSubject(field, t, &relative);
+        break;
+      case kKeywordPropagate:
+        if (has_propagate) return SPKI_ERR_TOO_MANY_PROPAGATE;
+        has_propagate = true;
+        t->propagate = 1;
+        break;
+      case kKeywordTag:
+        if (has_tag) return SPKI_ERR_TOO_MANY_TAGS;
+        has_tag = true;
+        AssignNode(engine_, &t->tag, field);
+        break;
+      case kKeywordValid:
+        status = ReadValidity(engine_, &t->not_before, &t->not_after, field);
+        // A repeated date simply replaces the earlier one.
+        if (status == SPKI_ERR_TOO_MANY_NOT_BEFORE || status == SPKI_ERR_TOO_MANY_NOT_AFTER) {
+          status = SPKI_OK;
+        }
+        break;
+      default:
+        break;
+    }
+    if (status != SPKI_OK) return status;
+  }
+  if (!has_subject) return SPKI_ERR_SUBJECT_SYNTAX;
+  if (relative) {
+    // A name relative to the credential's own issuer.
+    if (t->issuer == nullptr) return SPKI_ERR_SUBJECT_SYNTAX;
+    t->subject = t->issuer;
+  }
+
+  // A credential outside the period asked about is no error: it vanishes.
+  if (validity_ != nullptr) {
+    Status status = IntersectValidity(engine_, &t->not_before, &t->not_after, validity_);
+    if (status == SPKI_ERR_DATE_INTERSECTION) return SPKI_OK;
+    if (status != SPKI_OK) return status;
+  }
+  // Every credential is pruned by the tag asked about, here, at reading.
+  if (t->tag == nullptr) {
+    if (t->issuer_name == nullptr) AssignNode(engine_, &t->tag, tag_);
+  } else if (tag_ != nullptr) {
+    NodeRef narrowed(engine_);
+    bool empty = false;
+    Status status = IntersectTags(t->tag, tag_, narrowed.out(), &empty);
+    if (status != SPKI_OK) return status;
+    if (empty) return SPKI_OK;
+    AssignNode(engine_, &t->tag, narrowed.get());
+  }
+  if (!is_entry && t->issuer == nullptr) return SPKI_ERR_NEEDS_ISSUER;
+  if (t->issuer_name != nullptr && t->tag != nullptr) return SPKI_ERR_NAME_AND_TAG;
+  // A name defined by a k-of-n subject would be defined by each member
+  // alone, so it is refused.
+  if (t->issuer_name != nullptr && t->subject == nullptr) return SPKI_ERR_THRESHOLD;
+
+  Status status = Insert(t, false);
+  if (status != SPKI_OK) return status;
+  return Settle();
+}
+
+// (issuer P) or (issuer (name P N)).
+Status Reducer::ReadIssuer(const EngineNode* issuer, FiveTuple* tuple) {
+  tuple->issuer = nullptr;
+  AssignAtom(engine_, &tuple->issuer_name, nullptr);
+  const EngineNode* element = issuer->next;
+  EngineNode* inner = KeywordListOf(element);
+  if (inner == nullptr || element->next != nullptr) return SPKI_ERR_ISSUER_SYNTAX;
+  if (inner->keyword == kKeywordPublicKey || inner->keyword == kKeywordHash) {
+    return PrincipalOf(inner, &tuple->issuer);
+  }
+  if (inner->keyword != kKeywordName) return SPKI_ERR_ISSUER_SYNTAX;
+  EngineNode* principal = KeywordListOf(inner->next);
+  const EngineNode* name = principal != nullptr ? inner->next->next : nullptr;
+  if (principal == nullptr ||
+      (principal->keyword != kKeywordPublicKey && principal->keyword != kKeywordHash) ||
+      name == nullptr || name->kind != kNodeAtom || name->next != nullptr) {
+    return SPKI_ERR_ISSUER_SYNTAX;
+  }
+  Status status = PrincipalOf(principal, &tuple->issuer);
+  if (status != SPKI_OK) return status;
+  AssignAtom(engine_, &tuple->issuer_name, name->atom);
+  return SPKI_OK;
+}
+
+// (subject P), (subject (k-of-n ...)) or (subject (name ...)).
+Status Reducer::ReadSubject(const EngineNode* subject, FiveTuple* tuple, bool* relative) {
+  tuple->subject = nullptr;
+  *relative = false;
+  AssignAtom(engine_, &tuple->subject_name, nullptr);
+  AssignNode(engine_, &tuple->subject_names_rest, nullptr);
+  const EngineNode* element = subject->next;
+  if (element == nullptr || element->next != nullptr || element->kind != kNodeSublist) {
+    return SPKI_ERR_SUBJECT_SYNTAX;
+  }
+  AssignNode(engine_, &tuple->subject_node, const_cast<EngineNode*>(subject));
+  EngineNode* inner = KeywordListOf(element);
+  if (inner == nullptr) return SPKI_ERR_PRINCIPAL_EXPECTED;
+  switch (inner->keyword) {
+    case kKeywordKOfN:
+      // Expanded by the threshold code when the tuple is inserted.
+      AssignNode(engine_, &tuple->subject_node, inner);
+      return SPKI_OK;
+    case kKeywordName:
+      return ReadNameSubject(inner, tuple, relative);
+    default:
+      return PrincipalOf(inner, &tuple->subject);
+  }
+}
+
+// (name P N1 N2 ...): names relative to P; (name N1 N2 ...): names relative
+// to the credential's issuer (|*relative| is set; the caller supplies it).
+Status Reducer::ReadNameSubject(const EngineNode* name, FiveTuple* tuple, bool* relative) {
+  const EngineNode* first = name->next;
+  const EngineNode* n1 = nullptr;
+  if (first == nullptr) return SPKI_ERR_SUBJECT_SYNTAX;
+  if (first->kind == kNodeSublist) {
+    Status status = PrincipalOf(first->sublist, &tuple->subject);
+    if (status != SPKI_OK) return status;
+    n1 = first->next;
+    if (n1 == nullptr) return SPKI_ERR_SUBJECT_SYNTAX;
+  } else if (first->kind == kNodeAtom) {
+    n1 = first;
+    *relative = true;
+  } else {
+    return SPKI_ERR_SUBJECT_SYNTAX;
+  }
+  if (n1->kind != kNodeAtom) return SPKI_ERR_NAME_SYNTAX;
+  AssignAtom(engine_, &tuple->subject_name, n1->atom);
+  AssignNode(engine_, &tuple->subject_names_rest, n1->next);
+  return SPKI_OK;
+}
+
+// Tuples wait on a stack and join one at a time, so a chain of any length
+// costs no recursion.
+Status Reducer::Insert(FiveTuple* tuple, bool derived) {
+  if (derived) {
+    if (stats_.derived_tuples >= options_.limits.derived_tuples) {
+      return LimitReached("derived tuples");
+    }
+    ++stats_.derived_tuples;
+  }
+  tuple->derived = derived ? 1 : 0;
+  return PushTuple(&pending_, tuple);
+}
+
+Status Reducer::Settle() {
+  while (TupleEntry* entry = pending_) {
+    pending_ = entry->next;
+    FiveTuple* tuple = entry->tuple;  // the entry's count is now ours
+    entries_.Give(entry);
+    Status status = Process(tuple);
+    ReleaseTuple(tuple);
+    if (status != SPKI_OK) return status;
+  }
+  return SPKI_OK;
+}
+
+Status Reducer::Process(FiveTuple* tuple) {
+  if (tuple->subject == nullptr) return ExpandThreshold(tuple);
+  if (tuple->subject_name != nullptr) return AddNameReference(tuple);
+  if (!tuple->derived && (key_ == nullptr || tuple->subject == key_)) tuple->on_key_path = 1;
+  if (tuple->issuer_name != nullptr) return AddNameDefinition(tuple);
+  return AddAuthorization(tuple);
+}
+
+Status Reducer::AddAuthorization(FiveTuple* tuple) {
+  // A tuple reaching a member of a k-of-n block is only an arrival: it is on
+  // no issued list and never chained towards its issuer; only the completed
+  // combination is.
+  const bool arrival = tuple->threshold_index >= 1;
+  if (arrival) {
+    Status status = ThresholdArrival(tuple);
+    if (status != SPKI_OK) return status;
+  } else {
+    TupleEntry** issued = &root_;
+    uint32_t* issued_count = &root_count_;
+    if (tuple->issuer != nullptr) {
+      issued = &tuple->issuer->issued;
+      issued_count = &tuple->issuer->issued_count;
+    }
+    // A tuple without both dates is never a duplicate: no need to look. An
+    // equal tuple has the same issuer and the same subject, so it is on both
+    // the issued list and the subject's list (which holds no other tuples of
+    // the issued lists than arrivals, and those never compare equal to a
+    // tuple that is not one): the shorter list is searched.
+    if (tuple->not_before != nullptr && tuple->not_after != nullptr) {
+      TupleEntry* candidates =
+          *issued_count <= tuple->subject->subject_count ? *issued : tuple->subject->subjects;
+      for (TupleEntry* entry = candidates; entry != nullptr; entry = entry->next) {
+        Status status = Step();
+        bool same = false;
+        if (status == SPKI_OK) status = SameTuple(entry->tuple, tuple, &same);
+        if (status != SPKI_OK) return status;
+        if (same) return SPKI_OK;
+      }
+    }
+    Status status = PushTuple(issued, tuple);
+    if (status != SPKI_OK) return status;
+    ++*issued_count;
+  }
+  Status status = PushTuple(&tuple->subject->subjects, tuple);
+  if (status != SPKI_OK) return status;
+  ++tuple->subject->subject_count;
+  status = TraceAccepted(tuple);
+  if (status != SPKI_OK) return status;
+
+  if (!arrival && tuple->on_key_path && tuple->issuer != nullptr) {
+    for (TupleEntry* entry = tuple->issuer->subjects; entry != nullptr; entry = entry->next) {
+      status = Step();
+      if (status == SPKI_OK && entry->tuple->propagate) status = Combine(entry->tuple, tuple);
+      if (status != SPKI_OK) return status;
+    }
+  }
+  if (tuple->propagate) {
+    for (TupleEntry* entry = tuple->subject->issued; entry != nullptr; entry = entry->next) {
+      status = Step();
+      if (status == SPKI_OK && entry->tuple->on_key_path) status = Combine(tuple, entry->tuple);
+      if (status != SPKI_OK) return status;
+    }
+  }
+  return SPKI_OK;
+}
+
+// The reduction rule: |first| grants |second|'s issuer with propagate, so
+// |first|'s issuer grants |second|'s subject what both grant, for the period
+// both cover.
+Status Reducer::Combine(FiveTuple* first, FiveTuple* second) {
+  NodeRef tag(engine_);
+  bool empty = false;
+  Status status = IntersectTags(first->tag, second->tag, tag.out(), &empty);
+  if (status != SPKI_OK || empty) return status;
+  EngineAtom* not_before = LaterOf(first->not_before, second->not_before);
+  EngineAtom* not_after = EarlierOf(first->not_after, second->not_after);
+  if (not_before != nullptr && not_after != nullptr &&
+      CompareAtoms(not_before, not_after) == kOrderAfter) {
+    return SPKI_OK;
+  }
+  TupleRef copy(*this, CopyTuple(second));
+  if (!copy) return SPKI_ERR_NO_MEM;
+  copy->issuer = first->issuer;
+  copy->threshold_index = first->threshold_index;
+  copy->threshold = first->threshold;
+  copy->origin = kFromChaining;
+  AssignNode(engine_, &copy->tag, tag.get());
+  AssignAtom(engine_, &copy->not_before, not_before);
+  AssignAtom(engine_, &copy->not_after, not_after);
+  status = TraceCreated(copy.get(), {first, second});
+  if (status != SPKI_OK) return status;
+  return Insert(copy.get(), true);
+}
+
+// Stores in |*out| (with its own count) the intersection of two tags; a
+// missing tag stands for everything. |*empty| is set when they share nothing.
+Status Reducer::IntersectTags(EngineNode* a, EngineNode* b, EngineNode** out, bool* empty) {
+  *empty = false;
+  if (a == nullptr || b == nullptr) {
+    AssignNode(engine_, out, a != nullptr ? a : b);
+    return SPKI_OK;
+  }
+  Status status = IntersectTagLists(engine_, a, b, out);
+  if (status == SPKI_OK && *out == nullptr) *empty = true;
+  return status;
+}
+
+// Duplicate test. A tuple lacking either date is equal to none: kept, so two
+// identical undated certificates give two results.
+Status Reducer::SameTuple(const FiveTuple* a, const FiveTuple* b, bool* same) {
+  *same = false;
+  if (a->on_key_path != b->on_key_path || a->propagate != b->propagate ||
+      a->threshold_index != b->threshold_index || a->issuer != b->issuer ||
+      a->subject != b->subject || a->threshold != b->threshold) {
+    return SPKI_OK;
+  }
+  if (a->not_before == nullptr || a->not_after == nullptr || b->not_before == nullptr ||
+      b->not_after == nullptr || CompareAtoms(a->not_before, b->not_before) != kOrderEqual ||
+      CompareAtoms(a->not_after, b->not_after) != kOrderEqual) {
+    return SPKI_OK;
+  }
+  if (!SameBytes(a->issuer_name, b->issuer_name) || !SameBytes(a->subject_name, b->subject_name)) {
+    return SPKI_OK;
+  }
+  bool equal = false;
+  Status status = SameChain(a->subject_names_rest, b->subject_names_rest, 1, &equal);
+  if (status != SPKI_OK || !equal) return status;
+  status = SameChain(a->subject_node, b->subject_node, 1, &equal);
+  if (status != SPKI_OK || !equal) return status;
+  status = SameChain(a->tag, b->tag, 1, &equal);
+  if (status != SPKI_OK || !equal) return status;
+  *same = true;
+  return SPKI_OK;
+}
+
+// Structural equality: the same node kinds in the same order, equal keyword
+// ids and atoms, the same length. Every node compared is a work step.
+Status Reducer::SameChain(const EngineNode* a, const EngineNode* b, int depth, bool* same) {
+  *same = false;
+  if (depth > kMaxNesting) return SPKI_ERR_BAD_SEXP;
+  for (; a != nullptr && b != nullptr; a = a->next, b = b->next) {
+    if (a == b) {
+      *same = true;  // a shared rest of a chain
+      return SPKI_OK;
+    }
+    Status status = Step();
+    if (status != SPKI_OK) return status;
+    if (a->kind != b->kind) return SPKI_OK;
+    switch (a->kind) {
+      case kNodeKeywordHead:
+        if (a->keyword != b->keyword) return SPKI_OK;
+        break;
+      case kNodeAtomHead:
+      case kNodeAtom:
+        if (!SameBytes(a->atom, b->atom)) return SPKI_OK;
+        break;
+      case kNodeSublist: {
+        bool equal = false;
+        status = SameChain(a->sublist, b->sublist, depth + 1, &equal);
+        if (status != SPKI_OK || !equal) return status;
+        break;
+      }
+      default:
+        return SPKI_OK;
+    }
+  }
+  *same = a == b;
+  return SPKI_OK;
+}
+
+// ---- the result ------------------------------------------------------------
+
+Status Reducer::BuildResult(EngineNode** out) {
+  NodeRef head(engine_, NewKeywordHead(engine_, kKeywordAcl));
+  if (!head) return SPKI_ERR_NO_MEM;
+  EngineNode* tail = head.get();
+  // The root list holds the newest tuple first.
+  for (TupleEntry* entry = root_; entry != nullptr; entry = entry->next) {
+    const FiveTuple* tuple = entry->tuple;
+    if (!tuple->on_key_path) continue;
+    EngineNode* element = nullptr;
+    Status status = MakeEntry(tuple, &element);
+    if (status != SPKI_OK) return status;
+    tail->next = element;  // the chain owns the element's count
+    tail = element;
+    status = TraceResult(tuple);
+    if (status != SPKI_OK) return status;
+  }
+  *out = head.release();
+  return SPKI_OK;
+}
+
+Status Reducer::MakeEntry(const FiveTuple* tuple, EngineNode** out) {
+  NodeRef entry(engine_);
+  Status status = ParseTemplate(engine_, entry.out(), kEntryTemplate);
+  if (status != SPKI_OK) return status;
+  // entry -> (subject (public-key)) -> (propagate) -> (tag) -> (valid (not-before nb) (not-after
+  // na))
+  EngineNode* subject = entry->next;
+  EngineNode* propagate = subject->next;
+  EngineNode* tag = propagate->next;
+  EngineNode* valid = tag->next;
+  EngineNode* not_before = valid->sublist->next;
+  EngineNode* not_after = not_before->next;
+
+  AssignNode(engine_, &subject->sublist->next->sublist, tuple->subject->node);
+  // Without a tag of its own the entry keeps the bare (tag): everything.
+  if (tuple->tag != nullptr) AssignNode(engine_, &tag->sublist, tuple->tag);
+  if (tuple->not_before != nullptr) {
+    AssignAtom(engine_, &not_before->sublist->next->atom, tuple->not_before);
+  }
+  if (tuple->not_after != nullptr) {
+    AssignAtom(engine_, &not_after->sublist->next->atom, tuple->not_after);
+  }
+  if (tuple->not_before == nullptr && tuple->not_after == nullptr) {
+    AssignNode(engine_, &tag->next, nullptr);
+  } else if (tuple->not_before == nullptr) {
+    AssignNode(engine_, &valid->sublist->next, not_after);
+  } else if (tuple->not_after == nullptr) {
+    AssignNode(engine_, &not_before->next, nullptr);
+  }
+  if (!tuple->propagate) AssignNode(engine_, &subject->next, tag);
+
+  *out = NewSublistElement(engine_, entry.get());
+  return *out != nullptr ? SPKI_OK : SPKI_ERR_NO_MEM;
+}
+
+}  // namespace reduce
+
+Status Reduce(EngineContext& engine, uint32_t crypto_context, EngineNode* acl, EngineNode* sequence,
+              EngineNode* key, EngineNode* tag, EngineNode* validity, EngineNode** result,
+              const ReduceOptions& options) {
+  if (result == nullptr) return SPKI_ERR_NULL_PARAM;
+  *result = nullptr;
+  if (!engine.initialised()) return SPKI_ERR_NULL_PARAM;
+  Status status;
+  EngineNode* reduced = nullptr;
+  {
+    reduce::Reducer reducer(engine, crypto_context, options);
+    status = reducer.Run(acl, sequence, key, tag, validity, &reduced);
+  }
+  if (status != SPKI_OK) {
+    ReleaseNode(engine, reduced);
+    return status;
+  }
+  *result = reduced;
+  return SPKI_OK;
+}
+
+}  // namespace velk2::engine

@@ -1,0 +1,223 @@
+// The records and the working state of one five-tuple reduction. Private to
+// the reduction's own sources.
+#ifndef VELK2_ENGINE_REDUCE_INTERNAL_H_
+#define VELK2_ENGINE_REDUCE_INTERNAL_H_
+
+#include <cstdint>
+#include <initializer_list>
+#include <map>
+#include <vector>
+
+#include "engine/reduce.h"
+#include "engine/status.h"
+#include "engine/store.h"
+
+namespace velk2::engine::reduce {
+
+struct FiveTuple;
+struct Principal;
+struct ThresholdBlock;
+
+// Where a tuple came from, for the trace.
+enum TupleOrigin : uint8_t {
+  kFromAclEntry = 0,
+  kFromCertificate = 1,
+  kFromChaining = 2,
+  kFromName = 3,
+  kFromThreshold = 4,
+};
+
+// One entry of a tuple list (issued, subject, root, threshold slot, pending
+// work). The entry owns one count of its tuple.
+struct TupleEntry {
+  TupleEntry* free_link;
+  int32_t ref_count;
+  TupleEntry* next;
+  FiveTuple* tuple;
+};
+
+// One distinct principal of the reduction, interned by digest: two
+// principals are the same exactly when they are the same record.
+struct Principal {
+  Principal* free_link;
+  int32_t ref_count;
+  uint8_t digest[kPrincipalDigestSize];
+  // The public-key tree when the principal is known as a key, else the hash
+  // list it was first met as; printed as the subject of result entries.
+  EngineNode* node;
+  uint8_t is_key;
+  // Digests of the key's text in the other hash algorithms a hash principal
+  // may name, computed when first needed.
+  uint8_t has_sha1;
+  uint8_t has_rmd160;
+  uint8_t sha1[20];
+  uint8_t rmd160[20];
+  TupleEntry* issued;    // the tuples this principal issued
+  TupleEntry* subjects;  // the tuples whose subject is this principal
+  uint32_t issued_count;
+  uint32_t subject_count;
+  Principal* next_key;  // the chain of principals known as keys
+};
+
+struct FiveTuple {
+  FiveTuple* free_link;
+  int32_t ref_count;
+  uint8_t on_key_path;
+  uint8_t propagate;
+  uint8_t derived;                 // joined through chaining, resolution or combination
+  uint8_t origin;                  // TupleOrigin
+  int16_t threshold_index;         // 0 certificate, -1 ACL entry, 1..n member of a k-of-n
+  Principal* issuer;               // null for the ACL's tuples
+  EngineAtom* issuer_name;         // the local name a name certificate defines
+  Principal* subject;              // null for a k-of-n subject not yet expanded
+  EngineAtom* subject_name;        // the first name still to resolve
+  EngineNode* subject_names_rest;  // the names after it
+  ThresholdBlock* threshold;       // the k-of-n block the subject belongs to
+  // The credential's raw subject list (a k-of-n list for a threshold
+  // subject not yet expanded), kept for equality.
+  EngineNode* subject_node;
+  EngineNode* tag;  // the tag list's head; null: no tag (everything)
+  EngineAtom* not_before;
+  EngineAtom* not_after;
+  uint32_t serial;   // creation order
+  int32_t trace_id;  // 0 until the tuple joins the indexes of a traced reduction
+};
+
+// A k-of-n subject: n slots of arrivals (tuples reaching member i that end at
+// the key), and where the completed combination goes.
+struct ThresholdBlock {
+  ThresholdBlock* free_link;
+  int32_t ref_count;
+  int16_t k;
+  int32_t n;
+  TupleEntry** slots;            // n + 1 list heads; slot 0 unused
+  int16_t parent_index;          // the index the combination carries
+  ThresholdBlock* parent_block;  // the outer block of a nested k-of-n, else null
+  Principal* issuer;             // the issuer of the credential holding the block
+  EngineNode* node;              // the k-of-n list
+  ThresholdBlock* next_block;    // every block of the reduction
+};
+
+// An index entry: a principal (bucket array 1) or a tuple (arrays 2 and 3)
+// under a digest. The entry owns one count of its tuple.
+struct IndexEntry {
+  IndexEntry* free_link;
+  int32_t ref_count;
+  IndexEntry* next;
+  uint8_t digest[kPrincipalDigestSize];
+  Principal* principal;
+  FiveTuple* tuple;
+};
+
+inline constexpr int kBucketCount = 256;
+
+// The partial result of one path of the threshold search.
+struct Combination;
+
+class Reducer {
+ public:
+  Reducer(EngineContext& engine, uint32_t crypto_context, const ReduceOptions& options);
+  ~Reducer();
+  Reducer(const Reducer&) = delete;
+  Reducer& operator=(const Reducer&) = delete;
+
+  Status Run(EngineNode* acl, EngineNode* sequence, EngineNode* key, EngineNode* tag,
+             EngineNode* validity, EngineNode** result);
+
+  // ---- principals (reduce_principals.cc)
+  Status RegisterKeys(const EngineNode* list, int depth);
+  Status InternKey(EngineNode* key, Principal** out);
+  Status InternHash(EngineNode* hash, Principal** out);
+  // A `public-key` or `hash` list head, else SPKI_ERR_PRINCIPAL_EXPECTED.
+  Status PrincipalOf(EngineNode* head, Principal** out);
+  Status NameDigest(const Principal* principal, const EngineAtom* name,
+                    uint8_t digest[kPrincipalDigestSize]);
+
+  // ---- credentials and chaining (reduce.cc)
+  Status Walk(const EngineNode* list, int depth, bool certificates_only);
+  Status AddCredential(EngineNode* credential);
+  Status ReadIssuer(const EngineNode* issuer, FiveTuple* tuple);
+  Status ReadSubject(const EngineNode* subject, FiveTuple* tuple, bool* relative);
+  Status ReadNameSubject(const EngineNode* name, FiveTuple* tuple, bool* relative);
+  Status Insert(FiveTuple* tuple, bool derived);
+  Status Settle();
+  Status Process(FiveTuple* tuple);
+  Status AddAuthorization(FiveTuple* tuple);
+  Status Combine(FiveTuple* first, FiveTuple* second);
+  Status SameTuple(const FiveTuple* a, const FiveTuple* b, bool* same);
+  Status SameChain(const EngineNode* a, const EngineNode* b, int depth, bool* same);
+  Status IntersectTags(EngineNode* a, EngineNode* b, EngineNode** out, bool* empty);
+  Status BuildResult(EngineNode** out);
+  Status MakeEntry(const FiveTuple* tuple, EngineNode** out);
+
+  // ---- names (reduce_names.cc)
+  Status AddNameDefinition(FiveTuple* tuple);
+  Status AddNameReference(FiveTuple* tuple);
+  Status Resolve(FiveTuple* reference, FiveTuple* definition);
+
+  // ---- thresholds (reduce_threshold.cc)
+  Status ExpandThreshold(FiveTuple* tuple);
+  Status ThresholdArrival(FiveTuple* tuple);
+  Status Search(ThresholdBlock* block, int arrival_slot, Principal* subject, Combination* partial,
+                int next_slot, int chosen);
+  Status EmitCombination(ThresholdBlock* block, Principal* subject, const Combination& done);
+
+  // ---- records
+  FiveTuple* NewTuple();
+  FiveTuple* CopyTuple(const FiveTuple* tuple);
+  void RetainTuple(FiveTuple* tuple) { ++tuple->ref_count; }
+  void ReleaseTuple(FiveTuple* tuple);
+  Status PushTuple(TupleEntry** list, FiveTuple* tuple);
+  void ClearTupleList(TupleEntry** list);
+
+  // ---- limits
+  Status Step(uint64_t count = 1);
+  Status LimitReached(const char* which);
+
+  // ---- trace (all no-ops without a trace)
+  bool tracing() const { return options_.trace != nullptr; }
+  Status TraceCreated(const FiveTuple* tuple, std::initializer_list<const FiveTuple*> parents);
+  Status TraceCreatedFrom(const FiveTuple* tuple, const FiveTuple* const* parents, int count);
+  Status TraceAccepted(FiveTuple* tuple);
+  Status TraceResult(const FiveTuple* tuple);
+
+  EngineContext& engine() { return engine_; }
+
+ private:
+  void Cleanup();
+
+  EngineContext& engine_;
+  uint32_t crypto_;
+  const ReduceOptions& options_;
+  ReductionStats stats_;
+
+  RecordPool<FiveTuple> tuples_;
+  RecordPool<TupleEntry> entries_;
+  RecordPool<Principal> principals_;
+  RecordPool<IndexEntry> index_entries_;
+  RecordPool<ThresholdBlock> blocks_;
+
+  IndexEntry* principal_index_[kBucketCount] = {};
+  IndexEntry* definitions_[kBucketCount] = {};
+  IndexEntry* references_[kBucketCount] = {};
+  TupleEntry* root_ = nullptr;
+  uint32_t root_count_ = 0;
+  TupleEntry* pending_ = nullptr;  // derived tuples waiting to join, newest first
+  Principal* keys_ = nullptr;
+  ThresholdBlock* blocks_list_ = nullptr;
+
+  Principal* key_ = nullptr;
+  EngineNode* tag_ = nullptr;
+  EngineNode* validity_ = nullptr;
+
+  uint32_t next_serial_ = 0;
+  int32_t live_tuples_ = 0;
+  int next_trace_id_ = 1;
+  // The arrivals along the current path of the threshold search (k <= 255).
+  const FiveTuple* path_[256] = {};
+  std::map<uint32_t, std::vector<int>> trace_parents_;
+};
+
+}  // namespace velk2::engine::reduce
+
+#endif  // VELK2_ENGINE_REDUCE_INTERNAL_H_
