@@ -1,0 +1,93 @@
+#include "acl/authorize.h"
+
+#include <string_view>
+
+#include "acl/acl_entry.h"
+#include "engine/query.h"
+#include "frame/guard.h"
+
+namespace velk2 {
+
+namespace {
+
+constexpr std::string_view kEmptyAcl = "(3:acl)";
+
+// An engine status (0, a negative code or EngineInit's 16386) as the
+// library's 32-bit result, bits unchanged.
+Result FromEngine(int32_t status) {
+  return static_cast<Result>(status);
+}
+
+}  // namespace
+
+Result ConvertToEngine(const SexpList* object, std::string* text) {
+  if (object == nullptr || text == nullptr) return VELK2_ERR_PARAM_NULL;
+  return Guard([&]() -> Result {
+    CBuffer<uint8_t> buffer;
+    uint32_t size = 0;
+    Result result = ToCanonicalBuffer(object, &buffer, &size);
+    if (result != VELK2_SUCCESS) return result;
+    text->assign(reinterpret_cast<const char*>(buffer.get()), size);
+    return VELK2_SUCCESS;
+  });
+}
+
+Result AuthorizeKey(Velk2Context* context, const SexpList* acl, const SexpList* sequence,
+                    const SexpList* subject_key, const SexpList* requested_tag,
+                    const SexpList* validity, engine::ReductionTrace* trace,
+                    std::string* reduced_acl) {
+  if (acl == nullptr || sequence == nullptr || subject_key == nullptr) {
+    return VELK2_ERR_INVALID_PARAM;
+  }
+  return Guard([&]() -> Result {
+    // Every text, the result and the read-back tag are owned here and freed
+    // on every path when the frame ends.
+    std::string acl_text, sequence_text, key_text, tag_text, validity_text, result_text;
+    Result result = ConvertToEngine(acl, &acl_text);
+    if (result == VELK2_SUCCESS) result = ConvertToEngine(sequence, &sequence_text);
+    if (result == VELK2_SUCCESS) result = ConvertToEngine(subject_key, &key_text);
+    if (result == VELK2_SUCCESS && requested_tag != nullptr) {
+      result = ConvertToEngine(requested_tag, &tag_text);
+    }
+    if (result == VELK2_SUCCESS && validity != nullptr) {
+      result = ConvertToEngine(validity, &validity_text);
+    }
+    if (result != VELK2_SUCCESS) return result;
+
+    const std::string_view tag_view(tag_text);
+    const std::string_view validity_view(validity_text);
+    const int32_t status = engine::ReduceCanonical(
+        ContextWord(context), acl_text, sequence_text, key_text,
+        requested_tag != nullptr ? &tag_view : nullptr,
+        validity != nullptr ? &validity_view : nullptr, &result_text, trace);
+    // The engine's codes go to the caller as they are, deliberately not
+    // mapped to library codes.
+    if (status != 0) return FromEngine(status);
+    if (reduced_acl != nullptr) *reduced_acl = result_text;
+
+    if (result_text == kEmptyAcl) return VELK2_ERR_NOT_AUTHORIZED;
+    Ref<SexpList> granted;
+    result = ExtractEntryTag(&granted, result_text.data(), result_text.size(), context);
+    if (result != VELK2_SUCCESS) return result;
+    // Nothing was asked for, so nothing can be granted: a forgotten tag must
+    // not read as "authorized for whatever the ACL reaches".
+    if (requested_tag == nullptr) return VELK2_ERR_INVALID_PARAM;
+    return TagGranted(requested_tag, granted.get()) ? VELK2_SUCCESS : VELK2_ERR_NOT_GRANTED;
+  });
+}
+
+bool TagGranted(const SexpList* requested_tag, const SexpList* granted_tag) {
+  if (granted_tag == nullptr) return false;
+  if (SameCanonicalForm(requested_tag, granted_tag)) return true;
+  Result result = Guard([&]() -> Result {
+    // A tag that cannot be written stays empty, which the engine does not
+    // parse: it then implies nothing and is implied by nothing.
+    std::string requested, granted;
+    if (requested_tag != nullptr) (void)ConvertToEngine(requested_tag, &requested);
+    (void)ConvertToEngine(granted_tag, &granted);
+    return engine::TagImplies(requested, granted) == 1 ? VELK2_SUCCESS : VELK2_ERR_NOT_GRANTED;
+  });
+  return result == VELK2_SUCCESS;
+}
+
+}  // namespace velk2

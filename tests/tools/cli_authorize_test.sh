@@ -1,0 +1,169 @@
+#!/usr/bin/env bash
+# Writes ACL entries and asks authorization questions with the velk2 tool:
+# acl add / acl list, authorize with its exit codes, --explain and --json.
+set -u
+velk2=$1
+dir=$(mktemp -d)
+trap 'rm -rf "$dir"' EXIT
+cd "$dir"
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+check() {  # description, expected exit, command...
+  local what=$1 want=$2
+  shift 2
+  "$@" >out.txt 2>err.txt
+  local got=$?
+  if [ "$got" -ne "$want" ]; then
+    fail "$what: exit $got, expected $want"; cat out.txt err.txt
+  fi
+}
+has() {  # description, file, extended regex
+  grep -qE -- "$3" "$2" || { fail "$1: no /$3/ in $2"; cat "$2"; }
+}
+json() {  # description, python expression over the JSON object j
+  python3 -m json.tool out.txt >/dev/null || { fail "$1: not JSON"; cat out.txt; return; }
+  python3 -c "import json,sys; j=json.load(open('out.txt')); sys.exit(0 if ($2) else 1)" ||
+    { fail "$1: $2"; cat out.txt; }
+}
+
+for k in root dev pkg other; do
+  "$velk2" key new --type rsa --out $k >/dev/null || fail "key $k"
+done
+root_fp=$("$velk2" key show root.pub | sed -n 's/^sha256: //p')
+pkg_fp=$("$velk2" key show pkg.pub | sed -n 's/^sha256: //p')
+mkdir acl empty
+any_tag='(pkg (* set install remove))'
+
+# ---- acl add ----
+check "add" 0 "$velk2" acl add --subject root.pub --tag "$any_tag" --propagate \
+  --not-before 2026-01-01_00:00:00 --not-after 2036-01-01_00:00:00 --comment "release root" --out acl/root.acl
+has "add prints the file" out.txt '^acl/root.acl$'
+cp acl/root.acl root.before
+check "no overwrite" 2 "$velk2" acl add --subject pkg.pub --tag '(x)' --out acl/root.acl
+has "overwrite message" err.txt 'exists'
+cmp -s acl/root.acl root.before || fail "a refused add changed the file"
+check "force" 0 "$velk2" acl add --subject pkg.pub --tag '(x)' --out acl/root.acl --force
+cmp -s acl/root.acl root.before && fail "--force did not replace the file"
+cp root.before acl/root.acl
+check "by hash" 0 "$velk2" acl add --subject-hash other.pub --tag '(ftp)' --out empty/other.acl
+check "bad tag" 2 "$velk2" acl add --subject root.pub --tag '(pkg' --out acl/x.acl
+check "empty tag" 2 "$velk2" acl add --subject root.pub --tag '' --out acl/x.acl
+check "bad date" 2 "$velk2" acl add --subject root.pub --tag '(x)' --not-after 2026-02-30_00:00:00 --out acl/x.acl
+check "dates reversed" 2 "$velk2" acl add --subject root.pub --tag '(x)' \
+  --not-before 2027-01-01_00:00:00 --not-after 2026-01-01_00:00:00 --out acl/x.acl
+check "two subjects" 2 "$velk2" acl add --subject root.pub --subject-hash root.pub --tag '(x)' --out acl/x.acl
+check "no subject" 2 "$velk2" acl add --tag '(x)' --out acl/x.acl
+check "no tag" 2 "$velk2" acl add --subject root.pub --out acl/x.acl
+check "not a .acl name" 2 "$velk2" acl add --subject root.pub --tag '(x)' --out acl/x.txt
+check "missing directory" 2 "$velk2" acl add --subject root.pub --tag '(x)' --out nowhere/x.acl
+check "subject not a key" 2 "$velk2" acl add --subject acl/root.acl --tag '(x)' --out acl/x.acl
+check "missing subject" 2 "$velk2" acl add --subject none.pub --tag '(x)' --out acl/x.acl
+[ -e acl/x.acl ] && fail "a refused add wrote acl/x.acl"
+rm -f empty/other.acl
+
+# ---- acl list ----
+check "list" 0 "$velk2" acl list acl
+has "list subject" out.txt "subject: +rsa key $root_fp"
+has "list tag" out.txt 'tag: +\(pkg \(\* set install remove\)\)'
+has "list propagate" out.txt 'propagate: +yes'
+has "list dates" out.txt 'not-after: +2036-01-01_00:00:00'
+has "list comment" out.txt 'comment: +"release root"'
+check "list empty directory" 2 "$velk2" acl list empty
+check "list missing directory" 2 "$velk2" acl list nowhere
+check "list without DIR" 2 "$velk2" acl list
+mkdir mixed
+cp acl/root.acl mixed/a.acl
+printf '(5:entry(7:version1:2))' > mixed/b.acl
+check "list skips" 1 "$velk2" acl list mixed
+has "skip named" err.txt 'skipped mixed/b.acl: 7 '
+has "last-file note" err.txt 'the last file, mixed/b.acl, does not load'
+has "good entry still listed" out.txt "$root_fp"
+
+# ---- certificates ----
+"$velk2" cert issue --issuer root.pem --subject dev.pub --tag "$any_tag" --propagate --out chain.cert >/dev/null ||
+  fail "issue 1"
+"$velk2" cert issue --issuer dev.pem --subject pkg.pub --tag '(pkg install)' \
+  --not-before 2026-01-01_00:00:00 --not-after 2030-01-01_00:00:00 --out chain.cert >/dev/null || fail "issue 2"
+"$velk2" cert issue --issuer root.pem --subject dev.pub --tag "$any_tag" --out short.cert >/dev/null || fail "issue 3"
+"$velk2" cert issue --issuer dev.pem --subject pkg.pub --tag '(pkg install)' --out short.cert >/dev/null || fail "issue 4"
+printf '(8:sequence)' > none.cert
+ask=("$velk2" authorize --acl-dir acl --certs chain.cert --key pkg.pub)
+
+# ---- authorize: the answers ----
+check "authorized" 0 "${ask[@]}" --tag '(pkg install)'
+has "result 0" out.txt '^result: 0 '
+has "authorized yes" out.txt '^authorized: yes$'
+check "in the period" 0 "${ask[@]}" --tag '(pkg install)' --not-before 2027-01-01_00:00:00 --not-after 2027-02-01_00:00:00
+check "not authorized" 1 "${ask[@]}" --tag '(pkg remove)'
+has "result 31" out.txt '^result: 31 '
+has "authorized no" out.txt '^authorized: no$'
+check "narrower grant" 1 "${ask[@]}" --tag "$any_tag"
+has "result 67" out.txt '^result: 67 The specified package is not granted the specified authorization'
+check "outside the period" 1 "${ask[@]}" --tag '(pkg install)' --not-before 2031-01-01_00:00:00
+has "period 31" out.txt '^result: 31 '
+check "another key" 1 "$velk2" authorize --acl-dir acl --certs chain.cert --key other.pub --tag '(pkg install)'
+check "direct grant, no certificates" 0 "$velk2" authorize --acl-dir acl --certs none.cert --key root.pub --tag '(pkg install)'
+check "chain without propagate" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)'
+
+# ---- authorize: usage and unreadable input ----
+check "no tag" 2 "${ask[@]}"
+check "bad tag" 2 "${ask[@]}" --tag '(pkg'
+check "bad date" 2 "${ask[@]}" --tag '(x)' --not-before yesterday
+check "dates reversed" 2 "${ask[@]}" --tag '(x)' --not-before 2027-01-01_00:00:00 --not-after 2026-01-01_00:00:00
+check "missing key" 2 "$velk2" authorize --acl-dir acl --certs chain.cert --key none.pub --tag '(x)'
+check "missing certificates" 2 "$velk2" authorize --acl-dir acl --certs none-such.cert --key pkg.pub --tag '(x)'
+printf '(8:sequence' > broken.cert
+check "broken certificate file" 2 "$velk2" authorize --acl-dir acl --certs broken.cert --key pkg.pub --tag '(x)'
+check "empty ACL directory" 2 "$velk2" authorize --acl-dir empty --certs chain.cert --key pkg.pub --tag '(x)'
+check "missing ACL directory" 2 "$velk2" authorize --acl-dir nowhere --certs chain.cert --key pkg.pub --tag '(x)'
+check "bad last ACL file" 2 "$velk2" authorize --acl-dir mixed --certs chain.cert --key pkg.pub --tag '(pkg install)'
+has "bad last file named" err.txt 'skipped mixed/b.acl'
+has "bad last file refuses the ACL" err.txt ': 5 '
+check "unknown option" 2 "${ask[@]}" --tag '(x)' --frob
+
+# A certificate changed after signing: the signatures are checked first.
+python3 - <<'EOF'
+data = open('chain.cert', 'rb').read()
+at = data.index(b'(3:pkg7:install)')
+open('tampered.cert', 'wb').write(data[:at] + b'(3:pkg7:instalX)' + data[at + 16:])
+EOF
+check "tampered certificate" 1 "$velk2" authorize --acl-dir acl --certs tampered.cert --key pkg.pub --tag '(pkg install)'
+has "tampered entry named" err.txt 'certificate 2 of tampered.cert \(owner dev\): its signature does not verify: 22 '
+
+# ---- --explain ----
+check "explain yes" 0 "${ask[@]}" --tag '(pkg install)' --explain
+has "explain question" out.txt "^question: does pkg.pub \[${pkg_fp:0:16}\] hold \(pkg install\)\?"
+has "explain reduced entry" out.txt '1\. \[[0-9]+\] the ACL grants pkg.pub .* \(pkg install\), from 2026-01-01_00:00:00 until 2030-01-01_00:00:00'
+has "explain ACL entry" out.txt 'ACL entry root.acl, which states \(pkg \(\* set install remove\)\)'
+has "explain certificate" out.txt 'certificate chain.cert #2 \(owner dev\)'
+has "explain derivation" out.txt 'chained from \[[0-9]+\] and \[[0-9]+\]'
+has "explain issuer named" out.txt "root \[${root_fp:0:16}\] grants dev"
+check "explain no propagate" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)' --explain
+has "explain empty" out.txt 'reduced ACL: empty'
+has "explain why" out.txt 'dev \[[0-9a-f]+\] grants towards the key .* lack propagate, so it cannot pass authority on'
+check "explain period" 1 "${ask[@]}" --tag '(pkg install)' --not-before 2031-01-01_00:00:00 --explain
+has "explain left out" out.txt 'certificate chain.cert #2 \(owner dev\) names the key but was left out'
+check "explain narrower" 1 "${ask[@]}" --tag "$any_tag" --explain
+has "explain 67" out.txt 'grants \(pkg install\), which does not cover the requested \(pkg \(\* set install remove\)\)'
+
+# ---- --json ----
+check "json yes" 0 "${ask[@]}" --tag '(pkg install)' --json
+json "json yes" "j['result'] == 0 and j['authorized'] is True and len(j['entries']) == 1 and len(j['chain']) == 5"
+json "json entry" "j['entries'][0]['subject'] == '$pkg_fp' and j['entries'][0]['issuer'] is None and j['entries'][0]['tag'] == '(pkg install)'"
+json "json chain" "[t['kind'] for t in j['chain']].count('derived') == 2 and j['chain'][-1]['parents'] != []"
+json "json question" "j['question']['key'] == '$pkg_fp' and j['question']['not_before'] is None"
+check "json no" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)' --json
+json "json no" "j['result'] == 31 and j['authorized'] is False and j['entries'] == [] and len(j['reasons']) == 1 and len(j['considered']) == 3"
+check "json 67" 1 "${ask[@]}" --tag "$any_tag" --json
+json "json 67" "j['result'] == 67 and j['message'].startswith('The specified package') and len(j['entries']) == 1"
+check "json tampered" 1 "$velk2" authorize --acl-dir acl --certs tampered.cert --key pkg.pub --tag '(pkg install)' --json
+json "json tampered" "j['result'] == 22 and j['stage'] == 'signatures' and j['certificate'] == 2 and j['owner'] == 'dev'"
+mkdir first-bad
+printf 'not an entry' > first-bad/a.acl
+cp acl/root.acl first-bad/b.acl
+check "json with a skipped first file" 0 "$velk2" authorize --acl-dir first-bad --certs chain.cert --key pkg.pub --tag '(pkg install)' --json
+json "json skipped" "j['authorized'] is True and [s['file'] for s in j['skipped_files']] == ['first-bad/a.acl'] and j['skipped_files'][0]['result'] == 6"
+[ -z "$(ls acl | grep -v '\.acl$')" ] || fail "stray files in acl/"
+
+echo "cli authorize test: $failures failures"
+[ "$failures" -eq 0 ]

@@ -1,0 +1,75 @@
+#include "tools/issuing/acl_entry.h"
+
+#include <utility>
+#include <vector>
+
+#include "acl/acl_entry.h"
+#include "sexp/source.h"
+#include "tools/issuing/issuer.h"
+#include "tools/issuing/private_key.h"
+
+namespace velk2::issuing {
+namespace {
+
+Result AppendDate(SexpList* valid, const char* keyword, int64_t time) {
+  std::string text = FormatDate(time);
+  if (text.empty()) return VELK2_ERR_INVALID_PARAM;
+  Ref<SexpList> field;
+  Result r = NewKeywordListWithText(&field, keyword, text.c_str(), nullptr);
+  if (r == VELK2_SUCCESS) r = valid->Append(std::move(field));
+  return r;
+}
+
+}  // namespace
+
+Result MakeAclEntry(const AclEntryRequest& request, Ref<SexpList>* out) {
+  if (!request.subject || !request.tag) return VELK2_ERR_INVALID_PARAM;
+  Ref<SexpList> entry, version, subject, propagate, valid, comment;
+  Result r = NewKeywordList(&entry, "entry", nullptr);
+  if (r == VELK2_SUCCESS && request.version) {
+    r = NewKeywordListWithText(&version, "version", "1", nullptr);
+    if (r == VELK2_SUCCESS) r = entry->Append(std::move(version));
+  }
+  if (r == VELK2_SUCCESS) {
+    r = NewKeywordListWithChild(&subject, "subject", Ref<SexpObject>(request.subject), nullptr);
+  }
+  if (r == VELK2_SUCCESS) r = entry->Append(std::move(subject));
+  if (r == VELK2_SUCCESS && request.propagate) {
+    r = NewKeywordList(&propagate, "propagate", nullptr);
+    if (r == VELK2_SUCCESS) r = entry->Append(std::move(propagate));
+  }
+  if (r == VELK2_SUCCESS) r = entry->Append(Ref<SexpList>(request.tag));
+  if (r == VELK2_SUCCESS && (request.not_before || request.not_after)) {
+    r = NewKeywordList(&valid, "valid", nullptr);
+    if (r == VELK2_SUCCESS && request.not_before) {
+      r = AppendDate(valid.get(), "not-before", *request.not_before);
+    }
+    if (r == VELK2_SUCCESS && request.not_after) {
+      r = AppendDate(valid.get(), "not-after", *request.not_after);
+    }
+    if (r == VELK2_SUCCESS) r = entry->Append(std::move(valid));
+  }
+  if (r == VELK2_SUCCESS && request.comment) {
+    r = NewKeywordListWithText(&comment, "comment", request.comment->c_str(), nullptr);
+    if (r == VELK2_SUCCESS) r = entry->Append(std::move(comment));
+  }
+  if (r == VELK2_SUCCESS) *out = std::move(entry);
+  return r;
+}
+
+Result WriteAclEntry(const std::string& path, const SexpList& entry, bool overwrite) {
+  std::string bytes = StoredBytes(entry);
+  if (bytes.empty()) return VELK2_ERR_WRITE_FILE;
+  SexpMemorySource source;
+  Result r = source.Attach(std::vector<uint8_t>(bytes.begin(), bytes.end()));
+  if (r != VELK2_SUCCESS) return r;
+  Ref<AclEntry> check = AclEntry::New();
+  r = ReadAclEntry(check.get(), &source);
+  if (r != VELK2_SUCCESS) return r;
+  // The reader stops before the closing ")" of a minimal entry; anything
+  // else left over would be a field it does not know.
+  if (source.length() - source.position() > 1) return VELK2_ERR_INVALID_DATA;
+  return WriteFileAtomically(path, bytes, 0644, overwrite);
+}
+
+}  // namespace velk2::issuing

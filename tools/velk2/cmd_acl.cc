@@ -1,0 +1,176 @@
+// velk2 acl add / acl list: the entry files of an ACL directory.
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <string>
+
+#include "acl/acl_entry.h"
+#include "frame/paths.h"
+#include "platform/utf.h"
+#include "tools/issuing/acl_entry.h"
+#include "tools/issuing/issuer.h"
+#include "tools/velk2/commands.h"
+#include "tools/velk2/options.h"
+#include "tools/velk2/support.h"
+#include "tools/velk2/support_acl.h"
+
+namespace velk2::cli {
+namespace {
+
+bool IsDirectory(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool EndsWithAcl(const std::string& path) {
+  if (path.size() < 5) return false;
+  std::string tail = path.substr(path.size() - 4);
+  for (char& c : tail) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  const size_t slash = path.find_last_of('/');
+  const size_t name_start = slash == std::string::npos ? 0 : slash + 1;
+  return tail == ".acl" && path.size() - name_start > 4;
+}
+
+int RunAclAdd(const Args& args) {
+  const char* kName = "acl add";
+  Options options({"subject", "subject-hash", "tag", "not-before", "not-after", "comment", "out"},
+                  {"propagate", "force"});
+  if (!options.Parse(args)) return UsageError(kName, options.error());
+  std::optional<std::string> subject_path = options.Get("subject");
+  std::optional<std::string> subject_hash_path = options.Get("subject-hash");
+  std::optional<std::string> tag_text = options.Get("tag");
+  std::optional<std::string> out = options.Get("out");
+  if (!tag_text || !out) return UsageError(kName, "--tag and --out are required");
+  if (subject_path.has_value() == subject_hash_path.has_value()) {
+    return UsageError(kName, "give exactly one of --subject and --subject-hash");
+  }
+  // The ACL is read from the "*.acl" files of a directory; any other name would never be read.
+  if (!EndsWithAcl(*out)) return UsageError(kName, "--out must name a file NAME.acl");
+  const size_t slash = out->find_last_of('/');
+  const std::string parent = slash == std::string::npos ? "." : out->substr(0, slash + 1);
+  if (!IsDirectory(parent)) return Fail(kExitUsage, kName, "no directory " + parent);
+  const bool force = options.Has("force");
+  if (!force && FileExists(*out)) {
+    return Fail(kExitUsage, kName, *out + " exists (use --force to replace it)");
+  }
+
+  issuing::AclEntryRequest request;
+  request.propagate = options.Has("propagate");
+  if (std::optional<std::string> comment = options.Get("comment")) {
+    if (comment->empty()) return UsageError(kName, "--comment must not be empty");
+    request.comment = comment;
+  }
+  for (const char* field : {"not-before", "not-after"}) {
+    if (std::optional<std::string> text = options.Get(field)) {
+      int64_t time = 0;
+      if (issuing::ParseDate(*text, &time) != VELK2_SUCCESS) {
+        return UsageError(kName, "--" + std::string(field) + " '" + *text +
+                                     "' is not a date YYYY-MM-DD_hh:mm:ss");
+      }
+      (field[4] == 'b' ? request.not_before : request.not_after) = time;
+    }
+  }
+  if (request.not_before && request.not_after && *request.not_before > *request.not_after) {
+    return UsageError(kName, "--not-before is after --not-after");
+  }
+  Result r = issuing::ParseTag(*tag_text, &request.tag);
+  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read the tag", r);
+
+  Ref<SexpList> subject;
+  if (subject_path) {
+    r = LoadPublicKey(*subject_path, &subject);
+    if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read " + *subject_path, r);
+  } else {
+    Ref<SexpList> named;
+    r = issuing::ReadObjectFile(*subject_hash_path, &named);
+    if (r == VELK2_SUCCESS) r = issuing::MakeHashPrincipal(*named, &subject);
+    if (r != VELK2_SUCCESS) {
+      return FailWith(kExitUsage, kName, "cannot read " + *subject_hash_path, r);
+    }
+  }
+  request.subject = std::move(subject);
+
+  Ref<SexpList> entry;
+  r = issuing::MakeAclEntry(request, &entry);
+  if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot build the entry", r);
+  r = issuing::WriteAclEntry(*out, *entry, force);
+  if (r == VELK2_ERR_PARAM_NOT_NULL) {
+    return Fail(kExitUsage, kName, *out + " exists (use --force to replace it)");
+  }
+  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot write " + *out, r);
+  std::printf("%s\n", out->c_str());
+  return kExitOk;
+}
+
+void PrintEntry(const AclEntry& entry, const std::string& file) {
+  std::printf("%s\n", file.c_str());
+  std::printf("  subject:    %s\n",
+              entry.subject() ? DescribePrincipal(*entry.subject()).c_str() : "(none)");
+  std::printf("  propagate:  %s\n", entry.propagate() ? "yes (may delegate)" : "no");
+  std::printf("  tag:        %s\n", ReadableTag(entry.tag()).c_str());
+  if (entry.not_before() == nullptr && entry.not_after() == nullptr) {
+    std::printf("  valid:      always\n");
+  } else {
+    if (entry.not_before()) std::printf("  not-before: %s\n", AtomText(entry.not_before()).c_str());
+    if (entry.not_after()) std::printf("  not-after:  %s\n", AtomText(entry.not_after()).c_str());
+  }
+  if (entry.generation() != 0) std::printf("  generation: %u\n", entry.generation());
+  if (entry.comment()) std::printf("  comment:    %s\n", ReadableText(*entry.comment()).c_str());
+}
+
+int RunAclList(const Args& args) {
+  const char* kName = "acl list";
+  if (args.size() != 1) return UsageError(kName, "expected one DIR");
+  const std::u16string directory = Utf8ToUtf16(args[0]);
+  DirectoryEnumerator files;
+  if (!IsDirectory(args[0])) return Fail(kExitUsage, kName, "no directory " + args[0]);
+  Result r = files.Open(directory.c_str(), u"*.acl");
+  if (r != VELK2_SUCCESS) return Fail(kExitUsage, kName, args[0] + " holds no *.acl file");
+  int loaded = 0, skipped = 0;
+  Result last = VELK2_SUCCESS;
+  std::string last_file;
+  bool first = true;
+  for (const char16_t* path = files.Next(true); path != nullptr; path = files.Next(true)) {
+    const std::string file = Utf16ToUtf8(path);
+    Ref<AclEntry> entry = AclEntry::New();
+    last = LoadAclEntryFile(entry.get(), path);
+    last_file = file;
+    if (last != VELK2_SUCCESS) {
+      std::fprintf(stderr, "velk2 acl list: skipped %s: %s\n", file.c_str(),
+                   StatusText(last).c_str());
+      ++skipped;
+      continue;
+    }
+    if (!first) std::printf("\n");
+    first = false;
+    PrintEntry(*entry, file);
+    ++loaded;
+  }
+  std::fflush(stdout);
+  if (last != VELK2_SUCCESS) {
+    // The library keeps the result of the last file: without an extra
+    // directory, a bad last file discards the whole ACL.
+    std::fprintf(stderr,
+                 "velk2 acl list: the last file, %s, does not load, so the library refuses this "
+                 "ACL as a whole when it is the only ACL directory (%s)\n",
+                 last_file.c_str(), StatusText(VELK2_ERR_FILE_NOT_FOUND).c_str());
+  }
+  std::fprintf(stderr, "velk2 acl list: %d %s loaded, %d skipped\n", loaded,
+               loaded == 1 ? "entry" : "entries", skipped);
+  return skipped == 0 ? kExitOk : kExitFailure;
+}
+
+VELK2_COMMAND(
+    "acl add",
+    "--subject FILE.pub|--subject-hash FILE --tag TEXT [--propagate] "
+    "[--not-before DATE] [--not-after DATE] [--comment TEXT] --out DIR/NAME.acl [--force]",
+    "write an ACL entry granting the subject TEXT (a tag such as '(pkg install)'); DATE "
+    "is YYYY-MM-DD_hh:mm:ss in UTC; an existing file is kept unless --force",
+    RunAclAdd);
+VELK2_COMMAND("acl list", "DIR",
+              "print every entry of the *.acl files of DIR and say which files are skipped and "
+              "why (exit 1 when any is)",
+              RunAclList);
+
+}  // namespace
+}  // namespace velk2::cli

@@ -1,0 +1,234 @@
+#include "tools/velk2/support_acl.h"
+
+#include <cstdio>
+
+#include "credentials/hash_value.h"
+#include "engine/status.h"
+#include "platform/zcry.h"
+#include "sexp/reader.h"
+#include "sexp/source.h"
+#include "tools/velk2/messages.h"
+#include "tools/velk2/support.h"
+
+namespace velk2::cli {
+namespace {
+
+bool IsTokenByte(unsigned char c) {
+  return c > 0x20 && c < 0x7f && c != '(' && c != ')' && c != '[' && c != ']' && c != '"' &&
+         c != '\\';
+}
+
+void AppendQuoted(std::string_view bytes, std::string* out) {
+  out->push_back('"');
+  for (unsigned char c : bytes) {
+    switch (c) {
+      case '"':
+        out->append("\\\"");
+        break;
+      case '\\':
+        out->append("\\\\");
+        break;
+      case '\n':
+        out->append("\\n");
+        break;
+      case '\r':
+        out->append("\\r");
+        break;
+      case '\t':
+        out->append("\\t");
+        break;
+      default:
+        if (c >= 0x20 && c < 0x7f) {
+          out->push_back(static_cast<char>(c));
+        } else {
+          char escape[5];
+          std::snprintf(escape, sizeof(escape), "\\x%02x", c);
+          out->append(escape);
+        }
+    }
+  }
+  out->push_back('"');
+}
+
+void AppendAtom(const SexpAtom& atom, std::string* out) {
+  static const char* const kHints[] = {"", "[bin]", "[utf-8]", "[num]"};
+  if (atom.hint() != kHintNone && atom.hint() <= kHintNum) out->append(kHints[atom.hint()]);
+  std::string_view bytes = atom.bytes();
+  bool token = !bytes.empty();
+  for (unsigned char c : bytes) token = token && IsTokenByte(c);
+  if (token) {
+    out->append(bytes);
+  } else {
+    AppendQuoted(bytes, out);
+  }
+}
+
+// Lists nested past the writers' limit are shown as "(...)".
+void AppendReadable(const SexpObject& object, uint32_t depth, std::string* out) {
+  if (const SexpAtom* atom = object.AsAtom()) {
+    AppendAtom(*atom, out);
+    return;
+  }
+  if (depth >= kMaxWriteDepth) {
+    out->append("(...)");
+    return;
+  }
+  out->push_back('(');
+  bool first = true;
+  for (const Ref<SexpObject>& child : object.AsList()->children()) {
+    if (!first) out->push_back(' ');
+    first = false;
+    AppendReadable(*child, depth + 1, out);
+  }
+  out->push_back(')');
+}
+
+bool AtomIs(const SexpObject* object, const char* text) {
+  return object != nullptr && !object->IsList() && object->AsAtom()->AtomEqualsText(text);
+}
+
+std::string DigestHex(const SexpObject& object, uint32_t hash_id) {
+  CBuffer<uint8_t> digest;
+  uint32_t length = 0;
+  if (ComputeHash(&object, &digest, &length, hash_id, true) != VELK2_SUCCESS) return {};
+  return Hex(digest.get(), length);
+}
+
+}  // namespace
+
+std::string ReadableText(const SexpObject& object) {
+  std::string out;
+  AppendReadable(object, 0, &out);
+  return out;
+}
+
+std::string ReadableTag(const SexpList* tag) {
+  if (tag == nullptr) return "(none)";
+  if (!AtomIs(tag->FirstChild(), "tag")) return ReadableText(*tag);
+  std::string out;
+  for (size_t i = 1; i < tag->ChildCount(); ++i) {
+    if (i > 1) out.push_back(' ');
+    AppendReadable(*tag->ChildAt(i), 1, &out);
+  }
+  return out;
+}
+
+std::string ReadableTagFromCanonical(std::string_view canonical) {
+  SexpMemorySource source;
+  Ref<SexpList> tag;
+  if (source.AttachCopy(canonical.data(), canonical.size()) != VELK2_SUCCESS ||
+      ParseCanonicalList(&tag, &source, nullptr) != VELK2_SUCCESS) {
+    return std::string(canonical);
+  }
+  return ReadableTag(tag.get());
+}
+
+std::string Fingerprint(const SexpObject& object) {
+  return DigestHex(object, ZCRY_HASH_SHA256);
+}
+
+std::string PrincipalFingerprint(const SexpObject& principal,
+                                 const std::vector<const SexpObject*>& known_keys) {
+  const SexpList* list = principal.AsList();
+  if (list == nullptr || !AtomIs(list->FirstChild(), "hash") || list->ChildCount() != 3 ||
+      list->ChildAt(1)->IsList() || list->ChildAt(2)->IsList()) {
+    return Fingerprint(principal);
+  }
+  const HashAlgorithm* algorithm = FindHashAlgorithm(list->ChildAt(1)->AsAtom()->bytes());
+  std::string_view digest = list->ChildAt(2)->AsAtom()->bytes();
+  if (algorithm == nullptr) return Fingerprint(principal);
+  const std::string hex = Hex(reinterpret_cast<const uint8_t*>(digest.data()), digest.size());
+  if (algorithm->id == ZCRY_HASH_SHA256 && digest.size() == 32) return hex;
+  for (const SexpObject* key : known_keys) {
+    if (key != nullptr && DigestHex(*key, algorithm->id) == hex) return Fingerprint(*key);
+  }
+  return Fingerprint(principal);
+}
+
+std::string DescribePrincipal(const SexpObject& principal) {
+  const SexpList* list = principal.AsList();
+  if (list == nullptr) return ReadableText(principal);
+  const SexpObject* head = list->FirstChild();
+  if (AtomIs(head, "public-key")) {
+    const SexpList* algorithm = list->ChildAt(1) ? list->ChildAt(1)->AsList() : nullptr;
+    std::string type = algorithm && algorithm->FirstChild() && !algorithm->FirstChild()->IsList()
+                           ? std::string(algorithm->FirstChild()->AsAtom()->bytes())
+                           : std::string("?");
+    return type + " key " + Fingerprint(principal);
+  }
+  if (AtomIs(head, "hash") && list->ChildCount() == 3 && !list->ChildAt(1)->IsList() &&
+      !list->ChildAt(2)->IsList()) {
+    std::string_view digest = list->ChildAt(2)->AsAtom()->bytes();
+    return "hash " + std::string(list->ChildAt(1)->AsAtom()->bytes()) + " " +
+           Hex(reinterpret_cast<const uint8_t*>(digest.data()), digest.size());
+  }
+  if (AtomIs(head, "k-of-n") && list->ChildCount() >= 3 && !list->ChildAt(1)->IsList() &&
+      !list->ChildAt(2)->IsList()) {
+    const SexpAtom* k = list->ChildAt(1)->AsAtom();
+    const SexpAtom* n = list->ChildAt(2)->AsAtom();
+    std::string out = std::to_string(k->length() ? k->data()[0] : 0) + " of " +
+                      std::to_string(n->length() ? n->data()[0] : 0) + ":";
+    for (size_t i = 3; i < list->ChildCount(); ++i) {
+      out += (i > 3 ? ", " : " ") + DescribePrincipal(*list->ChildAt(i));
+    }
+    return out;
+  }
+  return ReadableText(principal);
+}
+
+std::string AtomText(const SexpAtom* atom) {
+  return atom != nullptr ? std::string(atom->bytes()) : std::string();
+}
+
+std::string JsonString(std::string_view text) {
+  std::string out = "\"";
+  size_t i = 0;
+  while (i < text.size()) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    // A well-formed UTF-8 sequence goes through as it is.
+    size_t length = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
+    bool valid = length != 0 && i + length <= text.size() && (length == 1 || c >= 0xc2);
+    for (size_t j = 1; valid && j < length; ++j) {
+      valid = (static_cast<unsigned char>(text[i + j]) & 0xc0) == 0x80;
+    }
+    if (valid && length >= 3) {
+      // No overlong forms, surrogates or values past U+10FFFF.
+      unsigned char second = static_cast<unsigned char>(text[i + 1]);
+      valid = !(c == 0xe0 && second < 0xa0) && !(c == 0xed && second >= 0xa0) &&
+              !(c == 0xf0 && second < 0x90) && !(c == 0xf4 && second >= 0x90) && c <= 0xf4;
+    }
+    if (!valid) {
+      out += "\\ufffd";
+      ++i;
+      continue;
+    }
+    if (c == '"' || c == '\\') {
+      out.push_back('\\');
+      out.push_back(static_cast<char>(c));
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c < 0x20 || c == 0x7f) {
+      char escape[8];
+      std::snprintf(escape, sizeof(escape), "\\u%04x", c);
+      out += escape;
+    } else {
+      out.append(text.substr(i, length));
+    }
+    i += length;
+  }
+  out.push_back('"');
+  return out;
+}
+
+std::string StatusMessage(Result code) {
+  if (static_cast<int32_t>(code) == engine::kEngineArenaUnavailable) {
+    return "the authorization engine could not get memory to start";
+  }
+  return MessageOf(static_cast<int32_t>(code));
+}
+
+std::string StatusText(Result code) {
+  return std::to_string(static_cast<int32_t>(code)) + " " + StatusMessage(code);
+}
+
+}  // namespace velk2::cli
