@@ -3,7 +3,7 @@ execute_process(COMMAND nm -D --defined-only ${LIBRARY} OUTPUT_VARIABLE nm_out R
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIBRARY}")
 endif()
-string(REGEX MATCHALL "[0-9a-f]+ [TDBRVW] [A-Za-z_][A-Za-z0-9_]*" lines "${nm_out}")
+string(REGEX MATCHALL "[0-9a-f]+ [TDBRVWiu] [A-Za-z_][A-Za-z0-9_]*" lines "${nm_out}")
 set(actual "")
 foreach(line IN LISTS lines)
   string(REGEX REPLACE "^[0-9a-f]+ [A-Z] " "" name "${line}")
