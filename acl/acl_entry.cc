@@ -12,22 +12,6 @@ namespace velk2 {
 
 namespace {
 
-// Appends (keyword child) to |list|, or (keyword) for a null child.
-template <typename T>
-Result AppendField(SexpList* list, const char* keyword, Ref<T> child) {
-  Ref<SexpList> field;
-  Result result = NewKeywordListWithChild(&field, keyword, std::move(child), list->context());
-  if (result != VELK2_SUCCESS) return result;
-  return list->Append(std::move(field));
-}
-
-// Reads one atom and the ")" that closes the field holding it.
-Result ReadFieldAtom(SexpSource* source, Ref<SexpAtom>* atom, Velk2Context* context) {
-  Result result = ReadCanonicalAtom(atom, source, context);
-  if (result != VELK2_SUCCESS) return result;
-  return source->Expect(")");
-}
-
 bool IsBareName(const char16_t* name) {
   for (const char16_t* p = name; *p != 0; ++p) {
     if (*p == u'/' || *p == u'\\') return false;
@@ -100,31 +84,8 @@ Result ReadAclEntry(AclEntry* entry, SexpSource* source) {
     // Subject and tag alone make a complete entry.
     if (MatchLiteral(source, ")", kExpectPeek)) return VELK2_SUCCESS;
 
-    if (MatchLiteral(source, "(5:valid", kExpectOptional)) {
-      Ref<SexpList> valid;
-      result = NewKeywordList(&valid, "valid", context);
-      if (result != VELK2_SUCCESS) return result;
-      if (MatchLiteral(source, "(10:not-before", kExpectOptional)) {
-        Ref<SexpAtom> date;
-        result = ReadFieldAtom(source, &date, context);
-        if (result != VELK2_SUCCESS) return result;
-        e.not_before_ = date;
-        result = AppendField(valid.get(), "not-before", std::move(date));
-        if (result != VELK2_SUCCESS) return result;
-      }
-      if (MatchLiteral(source, "(9:not-after", kExpectOptional)) {
-        Ref<SexpAtom> date;
-        result = ReadFieldAtom(source, &date, context);
-        if (result != VELK2_SUCCESS) return result;
-        e.not_after_ = date;
-        result = AppendField(valid.get(), "not-after", std::move(date));
-        if (result != VELK2_SUCCESS) return result;
-      }
-      result = source->Expect(")");
-      if (result != VELK2_SUCCESS) return result;
-      result = e.Append(std::move(valid));
-      if (result != VELK2_SUCCESS) return result;
-    }
+    result = ReadOptionalValidField(source, &e, &e.not_before_, &e.not_after_);
+    if (result != VELK2_SUCCESS) return result;
 
     if (MatchLiteral(source, "(10:generation", kExpectOptional)) {
       Ref<SexpAtom> generation;
@@ -136,14 +97,8 @@ Result ReadAclEntry(AclEntry* entry, SexpSource* source) {
       if (result != VELK2_SUCCESS) return result;
     }
 
-    if (MatchLiteral(source, "(7:comment", kExpectOptional)) {
-      Ref<SexpAtom> comment;
-      result = ReadFieldAtom(source, &comment, context);
-      if (result != VELK2_SUCCESS) return result;
-      e.comment_ = comment;
-      result = AppendField(&e, "comment", std::move(comment));
-      if (result != VELK2_SUCCESS) return result;
-    }
+    result = ReadOptionalAtomField(source, &e, "(7:comment", "comment", &e.comment_);
+    if (result != VELK2_SUCCESS) return result;
 
     return source->Expect(")");
   });

@@ -9,22 +9,6 @@ namespace velk2 {
 
 namespace {
 
-// Appends (keyword child) to |body| and returns 0, or the failing code.
-template <typename T>
-Result AppendField(SexpList* body, const char* keyword, Ref<T> child) {
-  Ref<SexpList> field;
-  Result result = NewKeywordListWithChild(&field, keyword, std::move(child), body->context());
-  if (result != VELK2_SUCCESS) return result;
-  return body->Append(std::move(field));
-}
-
-// Reads one atom and the ")" that closes the field holding it.
-Result ReadFieldAtom(SexpSource* source, Ref<SexpAtom>* atom, Velk2Context* context) {
-  Result result = ReadCanonicalAtom(atom, source, context);
-  if (result != VELK2_SUCCESS) return result;
-  return source->Expect(")");
-}
-
 // Reads a principal (or subject) and the ")" that closes its field.
 Result ReadFieldPrincipal(SexpSource* source, bool subject, Ref<Principal>* principal,
                           Velk2Context* context) {
@@ -165,40 +149,10 @@ Result ParseCertificate(Certificate* certificate, SexpSource* source) {
       if (result != VELK2_SUCCESS) return result;
     }
 
-    if (MatchLiteral(source, "(5:valid", kExpectOptional)) {
-      Ref<SexpList> valid;
-      result = NewKeywordList(&valid, "valid", context);
-      if (result != VELK2_SUCCESS) return result;
-      if (MatchLiteral(source, "(10:not-before", kExpectOptional)) {
-        Ref<SexpAtom> date;
-        result = ReadFieldAtom(source, &date, context);
-        if (result != VELK2_SUCCESS) return result;
-        c.not_before_ = date;
-        result = AppendField(valid.get(), "not-before", std::move(date));
-        if (result != VELK2_SUCCESS) return result;
-      }
-      if (MatchLiteral(source, "(9:not-after", kExpectOptional)) {
-        Ref<SexpAtom> date;
-        result = ReadFieldAtom(source, &date, context);
-        if (result != VELK2_SUCCESS) return result;
-        c.not_after_ = date;
-        result = AppendField(valid.get(), "not-after", std::move(date));
-        if (result != VELK2_SUCCESS) return result;
-      }
-      result = source->Expect(")");
-      if (result != VELK2_SUCCESS) return result;
-      result = c.Append(std::move(valid));
-      if (result != VELK2_SUCCESS) return result;
-    }
-
-    if (MatchLiteral(source, "(7:comment", kExpectOptional)) {
-      Ref<SexpAtom> comment;
-      result = ReadFieldAtom(source, &comment, context);
-      if (result != VELK2_SUCCESS) return result;
-      c.comment_ = comment;
-      result = AppendField(&c, "comment", std::move(comment));
-      if (result != VELK2_SUCCESS) return result;
-    }
+    result = ReadOptionalValidField(source, &c, &c.not_before_, &c.not_after_);
+    if (result != VELK2_SUCCESS) return result;
+    result = ReadOptionalAtomField(source, &c, "(7:comment", "comment", &c.comment_);
+    if (result != VELK2_SUCCESS) return result;
 
     if (MatchLiteral(source, "(1", kExpectPeek)) {
       Ref<SexpList> revocation;

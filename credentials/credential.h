@@ -77,6 +77,34 @@ class Principal : public Credential {
 // leaves the position where it was.
 bool MatchLiteral(SexpSource* source, const char* literal, uint32_t mode);
 
+// AppendField appends (keyword child) to |list|, or (keyword) for a null
+// child; the child's reference moves into the list on success.
+template <typename T>
+Result AppendField(SexpList* list, const char* keyword, Ref<T> child) {
+  Ref<SexpList> field;
+  Result result = NewKeywordListWithChild(&field, keyword, std::move(child), list->context());
+  if (result != VELK2_SUCCESS) return result;
+  return list->Append(std::move(field));
+}
+
+// ReadFieldAtom reads one atom and the ")" that closes the field holding it.
+Result ReadFieldAtom(SexpSource* source, Ref<SexpAtom>* atom, Velk2Context* context);
+
+// ReadOptionalAtomField reads the optional field "(N:name" atom ")" whose
+// opening is |literal| (for example "(7:comment") and appends (|keyword| atom)
+// to |holder|; *atom then borrows the field's atom. An absent field leaves
+// *atom null and gives 0.
+Result ReadOptionalAtomField(SexpSource* source, SexpList* holder, const char* literal,
+                             const char* keyword, Ref<SexpAtom>* atom);
+
+// ReadOptionalValidField reads the optional period
+// "(5:valid" ["(10:not-before" date ")"] ["(9:not-after" date ")"] ")"
+// and appends (valid (not-before d)? (not-after d)?) to |holder|. The date
+// atoms are handed back through |not_before| and |not_after| (null when
+// absent); the dates are not checked here. An absent field gives 0.
+Result ReadOptionalValidField(SexpSource* source, SexpList* holder, Ref<SexpAtom>* not_before,
+                              Ref<SexpAtom>* not_after);
+
 }  // namespace velk2
 
 #endif  // VELK2_CREDENTIALS_CREDENTIAL_H_
