@@ -9,22 +9,9 @@
 #include "tools/issuing/private_key.h"
 
 namespace velk2::issuing {
-namespace {
-
-Result AppendDate(SexpList* valid, const char* keyword, int64_t time) {
-  std::string text = FormatDate(time);
-  if (text.empty()) return VELK2_ERR_INVALID_PARAM;
-  Ref<SexpList> field;
-  Result r = NewKeywordListWithText(&field, keyword, text.c_str(), nullptr);
-  if (r == VELK2_SUCCESS) r = valid->Append(std::move(field));
-  return r;
-}
-
-}  // namespace
-
 Result MakeAclEntry(const AclEntryRequest& request, Ref<SexpList>* out) {
   if (!request.subject || !request.tag) return VELK2_ERR_INVALID_PARAM;
-  Ref<SexpList> entry, version, subject, propagate, valid, comment;
+  Ref<SexpList> entry, version, subject;
   Result r = NewKeywordList(&entry, "entry", nullptr);
   if (r == VELK2_SUCCESS && request.version) {
     r = NewKeywordListWithText(&version, "version", "1", nullptr);
@@ -34,25 +21,7 @@ Result MakeAclEntry(const AclEntryRequest& request, Ref<SexpList>* out) {
     r = NewKeywordListWithChild(&subject, "subject", Ref<SexpObject>(request.subject), nullptr);
   }
   if (r == VELK2_SUCCESS) r = entry->Append(std::move(subject));
-  if (r == VELK2_SUCCESS && request.propagate) {
-    r = NewKeywordList(&propagate, "propagate", nullptr);
-    if (r == VELK2_SUCCESS) r = entry->Append(std::move(propagate));
-  }
-  if (r == VELK2_SUCCESS) r = entry->Append(Ref<SexpList>(request.tag));
-  if (r == VELK2_SUCCESS && (request.not_before || request.not_after)) {
-    r = NewKeywordList(&valid, "valid", nullptr);
-    if (r == VELK2_SUCCESS && request.not_before) {
-      r = AppendDate(valid.get(), "not-before", *request.not_before);
-    }
-    if (r == VELK2_SUCCESS && request.not_after) {
-      r = AppendDate(valid.get(), "not-after", *request.not_after);
-    }
-    if (r == VELK2_SUCCESS) r = entry->Append(std::move(valid));
-  }
-  if (r == VELK2_SUCCESS && request.comment) {
-    r = NewKeywordListWithText(&comment, "comment", request.comment->c_str(), nullptr);
-    if (r == VELK2_SUCCESS) r = entry->Append(std::move(comment));
-  }
+  if (r == VELK2_SUCCESS) r = AppendGrantFields(entry.get(), request);
   if (r == VELK2_SUCCESS) *out = std::move(entry);
   return r;
 }

@@ -11,18 +11,15 @@
 #include "frame/ref.h"
 #include "frame/result.h"
 #include "sexp/object.h"
+#include "tools/issuing/issuer.h"
 
 namespace velk2::issuing {
 
 // The fields of an ACL entry to be written; absent optional fields stay unset.
-struct AclEntryRequest {
+// The tag is required.
+struct AclEntryRequest : GrantFields {
   Ref<SexpObject> subject;  // a public key, hash principal or k-of-n group
-  bool propagate = false;
-  Ref<SexpList> tag;  // (tag ...), required
-  std::optional<int64_t> not_before;
-  std::optional<int64_t> not_after;
-  std::optional<std::string> comment;
-  bool version = true;  // write (7:version1:1)
+  bool version = true;      // write (7:version1:1)
 };
 
 // MakeAclEntry builds the entry in the field order the ACL reader expects.

@@ -33,6 +33,7 @@ Result AppendParameter(SexpList* list, const char* name, const std::vector<uint8
 
 Result AppendDate(SexpList* valid, const char* keyword, int64_t time) {
   std::string text = FormatDate(time);
+  if (text.empty()) return VELK2_ERR_INVALID_PARAM;
   Ref<SexpList> field;
   Result r = NewKeywordListWithText(&field, keyword, text.c_str(), valid->context());
   if (r == VELK2_SUCCESS) r = valid->Append(std::move(field));
@@ -180,9 +181,34 @@ std::string StoredBytes(const SexpObject& object) {
   return bytes;
 }
 
+Result AppendGrantFields(SexpList* list, const GrantFields& grant) {
+  Ref<SexpList> propagate, valid, comment;
+  Result r = VELK2_SUCCESS;
+  if (grant.propagate) {
+    r = NewKeywordList(&propagate, "propagate", list->context());
+    if (r == VELK2_SUCCESS) r = list->Append(std::move(propagate));
+  }
+  if (r == VELK2_SUCCESS && grant.tag) r = list->Append(Ref<SexpList>(grant.tag));
+  if (r == VELK2_SUCCESS && (grant.not_before || grant.not_after)) {
+    r = NewKeywordList(&valid, "valid", list->context());
+    if (r == VELK2_SUCCESS && grant.not_before) {
+      r = AppendDate(valid.get(), "not-before", *grant.not_before);
+    }
+    if (r == VELK2_SUCCESS && grant.not_after) {
+      r = AppendDate(valid.get(), "not-after", *grant.not_after);
+    }
+    if (r == VELK2_SUCCESS) r = list->Append(std::move(valid));
+  }
+  if (r == VELK2_SUCCESS && grant.comment) {
+    r = NewKeywordListWithText(&comment, "comment", grant.comment->c_str(), list->context());
+    if (r == VELK2_SUCCESS) r = list->Append(std::move(comment));
+  }
+  return r;
+}
+
 Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out) {
   if (!request.issuer || !request.subject) return VELK2_ERR_INVALID_PARAM;
-  Ref<SexpList> body, version, issuer, subject, propagate, valid, comment;
+  Ref<SexpList> body, version, issuer, subject;
   Result r = NewKeywordList(&body, "cert", nullptr);
   if (r == VELK2_SUCCESS) r = NewKeywordListWithText(&version, "version", "1", nullptr);
   if (r == VELK2_SUCCESS) r = body->Append(std::move(version));
@@ -194,25 +220,7 @@ Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out
     r = NewKeywordListWithChild(&subject, "subject", Ref<SexpObject>(request.subject), nullptr);
   }
   if (r == VELK2_SUCCESS) r = body->Append(std::move(subject));
-  if (r == VELK2_SUCCESS && request.propagate) {
-    r = NewKeywordList(&propagate, "propagate", nullptr);
-    if (r == VELK2_SUCCESS) r = body->Append(std::move(propagate));
-  }
-  if (r == VELK2_SUCCESS && request.tag) r = body->Append(Ref<SexpList>(request.tag));
-  if (r == VELK2_SUCCESS && (request.not_before || request.not_after)) {
-    r = NewKeywordList(&valid, "valid", nullptr);
-    if (r == VELK2_SUCCESS && request.not_before) {
-      r = AppendDate(valid.get(), "not-before", *request.not_before);
-    }
-    if (r == VELK2_SUCCESS && request.not_after) {
-      r = AppendDate(valid.get(), "not-after", *request.not_after);
-    }
-    if (r == VELK2_SUCCESS) r = body->Append(std::move(valid));
-  }
-  if (r == VELK2_SUCCESS && request.comment) {
-    r = NewKeywordListWithText(&comment, "comment", request.comment->c_str(), nullptr);
-    if (r == VELK2_SUCCESS) r = body->Append(std::move(comment));
-  }
+  if (r == VELK2_SUCCESS) r = AppendGrantFields(body.get(), request);
   if (r == VELK2_SUCCESS) *out = std::move(body);
   return r;
 }

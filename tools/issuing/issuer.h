@@ -50,15 +50,24 @@ Result ReadObjectFile(const std::string& path, Ref<SexpList>* out);
 // included). Empty when it cannot be written.
 std::string StoredBytes(const SexpObject& object);
 
-// The fields of a certificate to be issued; absent optional fields stay unset.
-struct CertificateRequest {
-  Ref<SexpObject> issuer;   // a public key or hash principal
-  Ref<SexpObject> subject;  // a public key, hash principal or k-of-n group
+// What a certificate or an ACL entry grants; absent optional fields stay unset.
+struct GrantFields {
   bool propagate = false;
   Ref<SexpList> tag;  // (tag ...), or null for none
   std::optional<int64_t> not_before;
   std::optional<int64_t> not_after;
   std::optional<std::string> comment;
+};
+
+// AppendGrantFields appends, in the order both credentials keep them,
+// [(9:propagate)] [tag] [(5:valid [(10:not-before d)] [(9:not-after d)])]
+// [(7:comment c)]. VELK2_ERR_INVALID_PARAM (2) for a time with no date.
+Result AppendGrantFields(SexpList* list, const GrantFields& grant);
+
+// The fields of a certificate to be issued.
+struct CertificateRequest : GrantFields {
+  Ref<SexpObject> issuer;   // a public key or hash principal
+  Ref<SexpObject> subject;  // a public key, hash principal or k-of-n group
 };
 
 // MakeCertificateBody builds (4:cert (7:version 1:1) (6:issuer ..) (7:subject ..)

@@ -36,14 +36,8 @@ int RunAclAdd(const Args& args) {
   Options options({"subject", "subject-hash", "tag", "not-before", "not-after", "comment", "out"},
                   {"propagate", "force"});
   if (!options.Parse(args)) return UsageError(kName, options.error());
-  std::optional<std::string> subject_path = options.Get("subject");
-  std::optional<std::string> subject_hash_path = options.Get("subject-hash");
-  std::optional<std::string> tag_text = options.Get("tag");
   std::optional<std::string> out = options.Get("out");
-  if (!tag_text || !out) return UsageError(kName, "--tag and --out are required");
-  if (subject_path.has_value() == subject_hash_path.has_value()) {
-    return UsageError(kName, "give exactly one of --subject and --subject-hash");
-  }
+  if (!options.Get("tag") || !out) return UsageError(kName, "--tag and --out are required");
   // The ACL is read from the "*.acl" files of a directory; any other name would never be read.
   if (!EndsWithAcl(*out)) return UsageError(kName, "--out must name a file NAME.acl");
   const size_t slash = out->find_last_of('/');
@@ -55,43 +49,11 @@ int RunAclAdd(const Args& args) {
   }
 
   issuing::AclEntryRequest request;
-  request.propagate = options.Has("propagate");
-  if (std::optional<std::string> comment = options.Get("comment")) {
-    if (comment->empty()) return UsageError(kName, "--comment must not be empty");
-    request.comment = comment;
-  }
-  for (const char* field : {"not-before", "not-after"}) {
-    if (std::optional<std::string> text = options.Get(field)) {
-      int64_t time = 0;
-      if (issuing::ParseDate(*text, &time) != VELK2_SUCCESS) {
-        return UsageError(kName, "--" + std::string(field) + " '" + *text +
-                                     "' is not a date YYYY-MM-DD_hh:mm:ss");
-      }
-      (field[4] == 'b' ? request.not_before : request.not_after) = time;
-    }
-  }
-  if (request.not_before && request.not_after && *request.not_before > *request.not_after) {
-    return UsageError(kName, "--not-before is after --not-after");
-  }
-  Result r = issuing::ParseTag(*tag_text, &request.tag);
-  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read the tag", r);
-
-  Ref<SexpList> subject;
-  if (subject_path) {
-    r = LoadPublicKey(*subject_path, &subject);
-    if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read " + *subject_path, r);
-  } else {
-    Ref<SexpList> named;
-    r = issuing::ReadObjectFile(*subject_hash_path, &named);
-    if (r == VELK2_SUCCESS) r = issuing::MakeHashPrincipal(*named, &subject);
-    if (r != VELK2_SUCCESS) {
-      return FailWith(kExitUsage, kName, "cannot read " + *subject_hash_path, r);
-    }
-  }
-  request.subject = std::move(subject);
+  if (int exit = ReadGrantOptions(options, kName, &request); exit != kExitOk) return exit;
+  if (int exit = ReadSubjectOption(options, kName, &request.subject); exit != kExitOk) return exit;
 
   Ref<SexpList> entry;
-  r = issuing::MakeAclEntry(request, &entry);
+  Result r = issuing::MakeAclEntry(request, &entry);
   if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot build the entry", r);
   r = issuing::WriteAclEntry(*out, *entry, force);
   if (r == VELK2_ERR_PARAM_NOT_NULL) {

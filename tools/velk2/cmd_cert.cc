@@ -30,37 +30,14 @@ int RunCertIssue(const Args& args) {
                   {"propagate"});
   if (!options.Parse(args)) return UsageError(kName, options.error());
   std::optional<std::string> issuer_path = options.Get("issuer");
-  std::optional<std::string> subject_path = options.Get("subject");
-  std::optional<std::string> subject_hash_path = options.Get("subject-hash");
-  std::optional<std::string> tag_text = options.Get("tag");
   std::optional<std::string> out = options.Get("out");
-  if (!issuer_path || !tag_text || !out) {
-    return UsageError(kName, "--issuer, --tag and --out are required");
-  }
-  if (subject_path.has_value() == subject_hash_path.has_value()) {
-    return UsageError(kName, "give exactly one of --subject and --subject-hash");
-  }
+  if (!issuer_path || !out) return UsageError(kName, "--issuer, --tag and --out are required");
   issuing::CertificateRequest request;
-  request.propagate = options.Has("propagate");
-  request.comment = options.Get("comment");
-  for (const char* field : {"not-before", "not-after"}) {
-    if (std::optional<std::string> text = options.Get(field)) {
-      int64_t time = 0;
-      if (issuing::ParseDate(*text, &time) != VELK2_SUCCESS) {
-        return UsageError(kName, "--" + std::string(field) + " '" + *text +
-                                     "' is not a date YYYY-MM-DD_hh:mm:ss");
-      }
-      (field[4] == 'b' ? request.not_before : request.not_after) = time;
-    }
-  }
-  if (request.not_before && request.not_after && *request.not_before > *request.not_after) {
-    return UsageError(kName, "--not-before is after --not-after");
-  }
-  Result r = issuing::ParseTag(*tag_text, &request.tag);
-  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read the tag", r);
+  if (int exit = ReadGrantOptions(options, kName, &request); exit != kExitOk) return exit;
+  if (int exit = ReadSubjectOption(options, kName, &request.subject); exit != kExitOk) return exit;
 
   PrivateKey key;
-  r = PrivateKey::LoadPem(*issuer_path, &key);
+  Result r = PrivateKey::LoadPem(*issuer_path, &key);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read " + *issuer_path, r);
   std::string algorithm = key.type() == KeyType::kRsa ? issuing::kRsaPss : issuing::kDsaSha1;
   if (std::optional<std::string> alg = options.Get("alg")) algorithm = *alg;
@@ -81,19 +58,6 @@ int RunCertIssue(const Args& args) {
   r = issuing::MakePublicKey(key, &issuer);
   if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot build the issuer", r);
   request.issuer = std::move(issuer);
-  Ref<SexpList> subject;
-  if (subject_path) {
-    r = LoadPublicKey(*subject_path, &subject);
-    if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read " + *subject_path, r);
-  } else {
-    Ref<SexpList> named;
-    r = issuing::ReadObjectFile(*subject_hash_path, &named);
-    if (r == VELK2_SUCCESS) r = issuing::MakeHashPrincipal(*named, &subject);
-    if (r != VELK2_SUCCESS) {
-      return FailWith(kExitUsage, kName, "cannot read " + *subject_hash_path, r);
-    }
-  }
-  request.subject = std::move(subject);
 
   Ref<SexpList> body, signature;
   r = issuing::MakeCertificateBody(request, &body);

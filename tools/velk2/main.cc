@@ -105,7 +105,8 @@ int main(int argc, char** argv) {
   const Command* command = FindCommand(argc, argv, &words);
   if (command == nullptr) {
     // "velk2 key" or "velk2 tag --help": the family's commands.
-    bool help = argc > 2 && (std::strcmp(argv[2], "--help") == 0 || std::strcmp(argv[2], "-h") == 0);
+    bool help =
+        argc > 2 && (std::strcmp(argv[2], "--help") == 0 || std::strcmp(argv[2], "-h") == 0);
     if (PrintFamily(help ? stdout : stderr, argv[1])) return help ? kExitOk : kExitUsage;
     std::fprintf(stderr, "velk2: unknown command '%s' (see velk2 --help)\n", argv[1]);
     return kExitUsage;

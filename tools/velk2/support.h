@@ -8,6 +8,8 @@
 #include "frame/ref.h"
 #include "frame/result.h"
 #include "sexp/object.h"
+#include "tools/issuing/issuer.h"
+#include "tools/velk2/options.h"
 
 namespace velk2::cli {
 
@@ -31,6 +33,16 @@ struct KeyInfo {
 // .pem private key. The reader's or the key's code when it is not one.
 Result LoadPublicKey(const std::string& path, Ref<SexpList>* out);
 Result ReadKeyInfo(const std::string& path, KeyInfo* info);
+
+// ReadGrantOptions fills |grant| from --propagate, --tag (required),
+// --not-before, --not-after and --comment. Returns kExitOk, or prints the
+// problem and returns kExitUsage.
+int ReadGrantOptions(const Options& options, const char* command, issuing::GrantFields* grant);
+// ReadSubjectOption reads the principal named by exactly one of --subject
+// FILE.pub (a key) and --subject-hash FILE (the SHA-256 hash principal of the
+// file's canonical contents). Returns kExitOk, or prints the problem and
+// returns kExitUsage.
+int ReadSubjectOption(const Options& options, const char* command, Ref<SexpObject>* subject);
 
 }  // namespace velk2::cli
 
