@@ -33,10 +33,6 @@
 
 namespace velk2 {
 
-// The ClassFlag() answer of an ACL entry (the credential classes' numbering
-// continued; a certificate sequence takes 6).
-inline constexpr uint32_t kClassAclEntry = 7;
-
 class AclEntry final : public Credential {
  public:
   // A new entry has the store location Global, so that a bare file name

@@ -21,10 +21,6 @@
 
 namespace velk2 {
 
-// The ClassFlag() answer of a certificate sequence (the credential classes'
-// numbering continued).
-inline constexpr uint32_t kClassCertificateSequence = 6;
-
 // One entry of a sequence, borrowed from it.
 struct CertificateEntry {
   const Certificate* certificate = nullptr;

@@ -30,6 +30,8 @@ enum CredentialClass : uint32_t {
   kClassKOfN = 3,
   kClassSignature = 4,
   kClassCertificate = 5,
+  kClassCertificateSequence = 6,
+  kClassAclEntry = 7,
 };
 
 class Credential : public SexpList {
