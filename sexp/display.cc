@@ -114,6 +114,24 @@ bool AppendInline(const SexpObject& object, size_t limit, std::string* out) {
   return out->size() <= limit;
 }
 
+void AppendLine(const SexpObject& object, uint32_t depth, std::string* out) {
+  if (const SexpAtom* atom = object.AsAtom()) {
+    AppendAtom(*atom, out);
+    return;
+  }
+  if (depth >= kMaxWriteDepth) {
+    out->append("(...)");
+    return;
+  }
+  const SexpList* list = object.AsList();
+  out->push_back('(');
+  for (size_t i = 0; i < list->ChildCount(); ++i) {
+    if (i > 0) out->push_back(' ');
+    AppendLine(*list->ChildAt(i), depth + 1, out);
+  }
+  out->push_back(')');
+}
+
 void AppendIndent(uint32_t depth, std::string* out) {
   out->append(size_t{depth} * 2, ' ');
 }
@@ -176,6 +194,12 @@ std::string FormatReadable(const SexpObject& object) {
   std::string out;
   AppendElement(object, 0, &out);
   out.push_back('\n');
+  return out;
+}
+
+std::string FormatReadableLine(const SexpObject& object) {
+  std::string out;
+  AppendLine(object, 0, &out);
   return out;
 }
 

@@ -31,6 +31,11 @@ Result ReadCanonicalElements(SexpSource* source, Velk2Context* context,
 // Lists nested past kMaxWriteDepth are shown as "(...)". Ends with a newline.
 std::string FormatReadable(const SexpObject& object);
 
+// FormatReadableLine renders |object| on one line, list elements separated by
+// one space, with the atom rules of FormatReadable; the form in which a person
+// types a tag. No newline at the end.
+std::string FormatReadableLine(const SexpObject& object);
+
 }  // namespace velk2
 
 #endif  // VELK2_SEXP_DISPLAY_H_

@@ -97,6 +97,35 @@ TEST(SexpDisplay, ShortListsStayOnOneLine) {
   }
 }
 
+TEST(SexpDisplay, OneLineFormIsHowATagIsTyped) {
+  struct Case {
+    std::string text;
+    std::string want;
+  };
+  const Case kCases[] = {
+      {"(3:tag(3:ftp(1:*3:set4:read5:write)))", "(tag (ftp (* set read write)))"},
+      {"(1:a61:" + std::string(61, 'y') + ")", "(a " + std::string(61, 'y') + ")"},
+      {"(7:comment12:device owner)", "(comment \"device owner\")"},
+      {"(1:k[num]1:\x02)", "(k [num]#02#)"},
+      {"()", "()"},
+  };
+  for (const Case& c : kCases) {
+    Ref<SexpList> list = ParseList(c.text);
+    ASSERT_NE(list, nullptr) << c.text;
+    EXPECT_EQ(FormatReadableLine(*list), c.want) << c.text;
+  }
+  // Nesting past the writers' limit is cut, not followed.
+  Ref<SexpList> deep = SexpList::New();
+  SexpList* inner = deep.get();
+  for (uint32_t i = 0; i < kMaxWriteDepth + 5; ++i) {
+    Ref<SexpList> next = SexpList::New();
+    SexpList* raw = next.get();
+    ASSERT_EQ(inner->Append(std::move(next)), VELK2_SUCCESS);
+    inner = raw;
+  }
+  EXPECT_NE(FormatReadableLine(*deep).find("(...)"), std::string::npos);
+}
+
 TEST(SexpDisplay, ReadCanonicalElements) {
   struct Case {
     std::string text;

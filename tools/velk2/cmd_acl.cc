@@ -7,6 +7,7 @@
 #include "acl/acl_entry.h"
 #include "frame/paths.h"
 #include "platform/utf.h"
+#include "sexp/display.h"
 #include "tools/issuing/acl_entry.h"
 #include "tools/issuing/issuer.h"
 #include "tools/velk2/commands.h"
@@ -77,7 +78,8 @@ void PrintEntry(const AclEntry& entry, const std::string& file) {
     if (entry.not_after()) std::printf("  not-after:  %s\n", AtomText(entry.not_after()).c_str());
   }
   if (entry.generation() != 0) std::printf("  generation: %u\n", entry.generation());
-  if (entry.comment()) std::printf("  comment:    %s\n", ReadableText(*entry.comment()).c_str());
+  if (entry.comment())
+    std::printf("  comment:    %s\n", FormatReadableLine(*entry.comment()).c_str());
 }
 
 int RunAclList(const Args& args) {

@@ -18,6 +18,7 @@
 #include "engine/reduce.h"
 #include "frame/paths.h"
 #include "platform/utf.h"
+#include "sexp/display.h"
 #include "tools/issuing/issuer.h"
 #include "tools/velk2/commands.h"
 #include "tools/velk2/options.h"
@@ -44,7 +45,7 @@ std::string OwnerText(const SexpList* owner) {
     return {};
   }
   const SexpObject* value = owner->ChildAt(1);
-  return value->IsList() ? ReadableText(*value) : std::string(value->AsAtom()->bytes());
+  return value->IsList() ? FormatReadableLine(*value) : std::string(value->AsAtom()->bytes());
 }
 
 // A grant as the file states it, before the reduction narrows it.

@@ -5,6 +5,7 @@
 #include "credentials/hash_value.h"
 #include "engine/status.h"
 #include "platform/zcry.h"
+#include "sexp/display.h"
 #include "sexp/reader.h"
 #include "sexp/source.h"
 #include "tools/velk2/messages.h"
@@ -12,76 +13,6 @@
 
 namespace velk2::cli {
 namespace {
-
-bool IsTokenByte(unsigned char c) {
-  return c > 0x20 && c < 0x7f && c != '(' && c != ')' && c != '[' && c != ']' && c != '"' &&
-         c != '\\';
-}
-
-void AppendQuoted(std::string_view bytes, std::string* out) {
-  out->push_back('"');
-  for (unsigned char c : bytes) {
-    switch (c) {
-      case '"':
-        out->append("\\\"");
-        break;
-      case '\\':
-        out->append("\\\\");
-        break;
-      case '\n':
-        out->append("\\n");
-        break;
-      case '\r':
-        out->append("\\r");
-        break;
-      case '\t':
-        out->append("\\t");
-        break;
-      default:
-        if (c >= 0x20 && c < 0x7f) {
-          out->push_back(static_cast<char>(c));
-        } else {
-          char escape[5];
-          std::snprintf(escape, sizeof(escape), "\\x%02x", c);
-          out->append(escape);
-        }
-    }
-  }
-  out->push_back('"');
-}
-
-void AppendAtom(const SexpAtom& atom, std::string* out) {
-  static const char* const kHints[] = {"", "[bin]", "[utf-8]", "[num]"};
-  if (atom.hint() != kHintNone && atom.hint() <= kHintNum) out->append(kHints[atom.hint()]);
-  std::string_view bytes = atom.bytes();
-  bool token = !bytes.empty();
-  for (unsigned char c : bytes) token = token && IsTokenByte(c);
-  if (token) {
-    out->append(bytes);
-  } else {
-    AppendQuoted(bytes, out);
-  }
-}
-
-// Lists nested past the writers' limit are shown as "(...)".
-void AppendReadable(const SexpObject& object, uint32_t depth, std::string* out) {
-  if (const SexpAtom* atom = object.AsAtom()) {
-    AppendAtom(*atom, out);
-    return;
-  }
-  if (depth >= kMaxWriteDepth) {
-    out->append("(...)");
-    return;
-  }
-  out->push_back('(');
-  bool first = true;
-  for (const Ref<SexpObject>& child : object.AsList()->children()) {
-    if (!first) out->push_back(' ');
-    first = false;
-    AppendReadable(*child, depth + 1, out);
-  }
-  out->push_back(')');
-}
 
 bool AtomIs(const SexpObject* object, const char* text) {
   return object != nullptr && !object->IsList() && object->AsAtom()->AtomEqualsText(text);
@@ -96,19 +27,13 @@ std::string DigestHex(const SexpObject& object, uint32_t hash_id) {
 
 }  // namespace
 
-std::string ReadableText(const SexpObject& object) {
-  std::string out;
-  AppendReadable(object, 0, &out);
-  return out;
-}
-
 std::string ReadableTag(const SexpList* tag) {
   if (tag == nullptr) return "(none)";
-  if (!AtomIs(tag->FirstChild(), "tag")) return ReadableText(*tag);
+  if (!AtomIs(tag->FirstChild(), "tag")) return FormatReadableLine(*tag);
   std::string out;
   for (size_t i = 1; i < tag->ChildCount(); ++i) {
     if (i > 1) out.push_back(' ');
-    AppendReadable(*tag->ChildAt(i), 1, &out);
+    out.append(FormatReadableLine(*tag->ChildAt(i)));
   }
   return out;
 }
@@ -147,7 +72,7 @@ std::string PrincipalFingerprint(const SexpObject& principal,
 
 std::string DescribePrincipal(const SexpObject& principal) {
   const SexpList* list = principal.AsList();
-  if (list == nullptr) return ReadableText(principal);
+  if (list == nullptr) return FormatReadableLine(principal);
   const SexpObject* head = list->FirstChild();
   if (AtomIs(head, "public-key")) {
     const SexpList* algorithm = list->ChildAt(1) ? list->ChildAt(1)->AsList() : nullptr;
@@ -173,7 +98,7 @@ std::string DescribePrincipal(const SexpObject& principal) {
     }
     return out;
   }
-  return ReadableText(principal);
+  return FormatReadableLine(principal);
 }
 
 std::string AtomText(const SexpAtom* atom) {

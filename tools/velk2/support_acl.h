@@ -13,10 +13,6 @@
 
 namespace velk2::cli {
 
-// ReadableText: |object| on one line in the form a tag is typed: tokens as
-// they are, other atoms quoted ("a b", "\x00"), a display hint in brackets
-// before its atom, list elements separated by one blank.
-std::string ReadableText(const SexpObject& object);
 // ReadableTag: the elements after the keyword of a (tag ...) list, as typed
 // with --tag: (tag (pkg install)) gives "(pkg install)". "(none)" for null.
 std::string ReadableTag(const SexpList* tag);
