@@ -154,6 +154,8 @@ class Reducer {
   Status AddNameDefinition(FiveTuple* tuple);
   Status AddNameReference(FiveTuple* tuple);
   Status Resolve(FiveTuple* reference, FiveTuple* definition);
+  Status IndexName(IndexEntry** bucket, const uint8_t digest[kPrincipalDigestSize],
+                   FiveTuple* tuple);
 
   // ---- thresholds (reduce_threshold.cc)
   Status ExpandThreshold(FiveTuple* tuple);

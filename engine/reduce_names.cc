@@ -16,6 +16,20 @@ bool SameDate(const EngineAtom* a, const EngineAtom* b) {
 
 }  // namespace
 
+// Files |tuple| under |digest| at the head of |bucket| (the index keeps a
+// reference) and records it as accepted.
+Status Reducer::IndexName(IndexEntry** bucket, const uint8_t digest[kPrincipalDigestSize],
+                          FiveTuple* tuple) {
+  IndexEntry* added = index_entries_.Take(engine_.arena());
+  if (added == nullptr) return SPKI_ERR_NO_MEM;
+  std::memcpy(added->digest, digest, kPrincipalDigestSize);
+  RetainTuple(tuple);
+  added->tuple = tuple;
+  added->next = *bucket;
+  *bucket = added;
+  return TraceAccepted(tuple);
+}
+
 Status Reducer::AddNameDefinition(FiveTuple* tuple) {
   uint8_t digest[kPrincipalDigestSize];
   Status status = NameDigest(tuple->issuer, tuple->issuer_name, digest);
@@ -35,14 +49,7 @@ Status Reducer::AddNameDefinition(FiveTuple* tuple) {
       return SPKI_OK;
     }
   }
-  IndexEntry* added = index_entries_.Take(engine_.arena());
-  if (added == nullptr) return SPKI_ERR_NO_MEM;
-  std::memcpy(added->digest, digest, kPrincipalDigestSize);
-  RetainTuple(tuple);
-  added->tuple = tuple;
-  added->next = *bucket;
-  *bucket = added;
-  status = TraceAccepted(tuple);
+  status = IndexName(bucket, digest, tuple);
   if (status != SPKI_OK) return status;
 
   for (IndexEntry* entry = references_[digest[0]]; entry != nullptr; entry = entry->next) {
@@ -69,14 +76,7 @@ Status Reducer::AddNameReference(FiveTuple* tuple) {
     if (status != SPKI_OK) return status;
     if (same) return SPKI_OK;
   }
-  IndexEntry* added = index_entries_.Take(engine_.arena());
-  if (added == nullptr) return SPKI_ERR_NO_MEM;
-  std::memcpy(added->digest, digest, kPrincipalDigestSize);
-  RetainTuple(tuple);
-  added->tuple = tuple;
-  added->next = *bucket;
-  *bucket = added;
-  status = TraceAccepted(tuple);
+  status = IndexName(bucket, digest, tuple);
   if (status != SPKI_OK) return status;
 
   for (IndexEntry* entry = definitions_[digest[0]]; entry != nullptr; entry = entry->next) {
