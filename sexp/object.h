@@ -293,6 +293,10 @@ bool SameCanonicalForm(const SexpObject* a, const SexpObject* b);
 // exactly CanonicalLength() bytes (not NUL-terminated). *buffer_out must be
 // null on entry (else 2); 38 for null arguments; 29 when nested too deep.
 Result ToCanonicalBuffer(const SexpList* list, CBuffer<uint8_t>* buffer_out, uint32_t* size_out);
+// StoredForm: the stored form of |object|, the bytes WriteToFile writes (hint
+// markers included). Empty when it cannot be written (nested too deep, no
+// memory): every object's stored form has at least two bytes.
+std::string StoredForm(const SexpObject& object);
 // ToAdvancedText: the object's text form as a new NUL-terminated string.
 // With a |keyword|, the text must be "(" |keyword| " " ... ")" (just "(" ...
 // ")" for an empty keyword) and only the middle is returned: the tag list

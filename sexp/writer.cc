@@ -2,7 +2,10 @@
 // form in files and hashes, and the token stream. The byte layouts are binding:
 // signatures and digests are computed over them.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <new>
+#include <string>
 
 #include "platform/files.h"
 #include "sexp/char_class.h"
@@ -249,6 +252,25 @@ Result SexpList::WriteToFile(std::FILE* stream) const {
   }
   if (WriteBytes(stream, ")", 1) != 1) return VELK2_ERR_WRITE_FILE;
   return VELK2_SUCCESS;
+}
+
+std::string StoredForm(const SexpObject& object) {
+  char* bytes = nullptr;
+  size_t size = 0;
+  std::FILE* stream = open_memstream(&bytes, &size);
+  if (stream == nullptr) return {};
+  const bool written = object.WriteToFile(stream) == VELK2_SUCCESS;
+  const bool closed = std::fclose(stream) == 0;
+  std::string stored;
+  if (written && closed) {
+    try {
+      stored.assign(bytes, size);
+    } catch (const std::bad_alloc&) {
+      stored.clear();
+    }
+  }
+  std::free(bytes);
+  return stored;
 }
 
 }  // namespace velk2

@@ -29,15 +29,9 @@ void Check(bool condition, const char* what) {
 }
 
 std::string StoredOf(const SexpObject& object) {
-  char* bytes = nullptr;
-  size_t size = 0;
-  std::FILE* stream = open_memstream(&bytes, &size);
-  Check(stream != nullptr, "open_memstream");
-  Check(object.WriteToFile(stream) == VELK2_SUCCESS, "WriteToFile succeeds");
-  std::fclose(stream);
-  std::string result(bytes, size);
-  std::free(bytes);
-  return result;
+  std::string stored = StoredForm(object);
+  Check(!stored.empty(), "the stored form can be written");
+  return stored;
 }
 
 Ref<Credential> NewOfKind(uint8_t kind) {

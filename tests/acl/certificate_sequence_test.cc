@@ -29,7 +29,7 @@ std::string SignedEntry(size_t issuer, size_t subject, const std::string& tag,
   EXPECT_EQ(issuing::SignObject(testing::TestKey(issuer), *body, issuing::kRsaPss, ZCRY_HASH_SHA256,
                                 &signature),
             VELK2_SUCCESS);
-  return issuing::StoredBytes(*body) + issuing::StoredBytes(*signature) + owner_list;
+  return StoredForm(*body) + StoredForm(*signature) + owner_list;
 }
 
 struct Read {

@@ -63,14 +63,8 @@ inline std::string CanonicalOf(const SexpObject& object) {
 
 // The stored form (hint markers kept), as a file holds it.
 inline std::string StoredOf(const SexpObject& object) {
-  char* bytes = nullptr;
-  size_t size = 0;
-  std::FILE* stream = open_memstream(&bytes, &size);
-  EXPECT_NE(stream, nullptr);
-  EXPECT_EQ(object.WriteToFile(stream), VELK2_SUCCESS);
-  std::fclose(stream);
-  std::string stored(bytes, size);
-  std::free(bytes);
+  std::string stored = StoredForm(object);
+  EXPECT_FALSE(stored.empty());
   return stored;
 }
 

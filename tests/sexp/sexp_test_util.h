@@ -47,15 +47,9 @@ inline std::string CanonicalOf(const SexpObject& object) {
 
 // The stored form, as WriteToFile writes it.
 inline std::string StoredOf(const SexpObject& object) {
-  char* bytes = nullptr;
-  size_t size = 0;
-  std::FILE* stream = open_memstream(&bytes, &size);
-  EXPECT_NE(stream, nullptr);
-  EXPECT_EQ(object.WriteToFile(stream), VELK2_SUCCESS);
-  std::fclose(stream);
-  std::string result(bytes, size);
-  std::free(bytes);
-  return result;
+  std::string stored = StoredForm(object);
+  EXPECT_FALSE(stored.empty());
+  return stored;
 }
 
 // The text form up to the writer's final position (binary bytes included).

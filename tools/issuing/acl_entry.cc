@@ -27,7 +27,7 @@ Result MakeAclEntry(const AclEntryRequest& request, Ref<SexpList>* out) {
 }
 
 Result WriteAclEntry(const std::string& path, const SexpList& entry, bool overwrite) {
-  std::string bytes = StoredBytes(entry);
+  std::string bytes = StoredForm(entry);
   if (bytes.empty()) return VELK2_ERR_WRITE_FILE;
   SexpMemorySource source;
   Result r = source.Attach(std::vector<uint8_t>(bytes.begin(), bytes.end()));

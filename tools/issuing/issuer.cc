@@ -169,18 +169,6 @@ Result ReadObjectFile(const std::string& path, Ref<SexpList>* out) {
   return VELK2_SUCCESS;
 }
 
-std::string StoredBytes(const SexpObject& object) {
-  char* data = nullptr;
-  size_t size = 0;
-  std::FILE* stream = open_memstream(&data, &size);
-  if (stream == nullptr) return {};
-  Result r = object.WriteToFile(stream);
-  std::fclose(stream);
-  std::string bytes = r == VELK2_SUCCESS ? std::string(data, size) : std::string();
-  std::free(data);
-  return bytes;
-}
-
 Result AppendGrantFields(SexpList* list, const GrantFields& grant) {
   Ref<SexpList> propagate, valid, comment;
   Result r = VELK2_SUCCESS;
@@ -248,7 +236,7 @@ Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpLi
   if (r == VELK2_SUCCESS) r = sequence->Append(std::move(signature));
   if (r == VELK2_SUCCESS) r = sequence->Append(std::move(owner_list));
   if (r != VELK2_SUCCESS) return r;
-  std::string bytes = StoredBytes(*sequence);
+  std::string bytes = StoredForm(*sequence);
   if (bytes.empty()) return VELK2_ERR_WRITE_FILE;
   return WriteFileAtomically(path, bytes, 0644, true);
 }

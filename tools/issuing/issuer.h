@@ -46,10 +46,6 @@ std::string FormatDate(int64_t time);
 // sequence, any credential) as a plain list. The reader's codes on failure.
 Result ReadObjectFile(const std::string& path, Ref<SexpList>* out);
 
-// StoredBytes: the stored form of |object| (its file bytes, hint markers
-// included). Empty when it cannot be written.
-std::string StoredBytes(const SexpObject& object);
-
 // What a certificate or an ACL entry grants; absent optional fields stay unset.
 struct GrantFields {
   bool propagate = false;

@@ -48,7 +48,7 @@ int RunKeyNew(const Args& args) {
     return FailWith(kExitFailure, "key new", "cannot build the public key", r);
   r = key.SavePem(pem, force);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, "key new", "cannot write " + pem, r);
-  r = issuing::WriteFileAtomically(pub, issuing::StoredBytes(*public_key), 0644, force);
+  r = issuing::WriteFileAtomically(pub, StoredForm(*public_key), 0644, force);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, "key new", "cannot write " + pub, r);
   std::printf("%s\n%s\n", pem.c_str(), pub.c_str());
   return kExitOk;
