@@ -130,6 +130,8 @@ class Reducer {
   Status InternHash(EngineNode* hash, Principal** out);
   // A `public-key` or `hash` list head, else SPKI_ERR_PRINCIPAL_EXPECTED.
   Status PrincipalOf(EngineNode* head, Principal** out);
+  Status NewPrincipal(const uint8_t digest[kPrincipalDigestSize], EngineNode* node,
+                      Principal** out);
   Status NameDigest(const Principal* principal, const EngineAtom* name,
                     uint8_t digest[kPrincipalDigestSize]);
 

@@ -203,23 +203,11 @@ Status Reducer::InternKey(EngineNode* key, Principal** out) {
     *out = principal;
     return SPKI_OK;
   }
-  IndexEntry* entry = index_entries_.Take(engine_.arena());
-  principal = principals_.Take(engine_.arena());
-  if (entry == nullptr || principal == nullptr) {
-    if (entry != nullptr) index_entries_.Give(entry);
-    if (principal != nullptr) principals_.Give(principal);
-    return SPKI_ERR_NO_MEM;
-  }
-  std::memcpy(principal->digest, digest, kPrincipalDigestSize);
-  AssignNode(engine_, &principal->node, key);
+  status = NewPrincipal(digest, key, &principal);
+  if (status != SPKI_OK) return status;
   principal->is_key = 1;
   principal->next_key = keys_;
   keys_ = principal;
-  std::memcpy(entry->digest, digest, kPrincipalDigestSize);
-  entry->principal = principal;
-  entry->next = principal_index_[digest[0]];
-  principal_index_[digest[0]] = entry;
-  ++stats_.principals;
   *out = principal;
   return SPKI_OK;
 }
@@ -281,15 +269,22 @@ Status Reducer::InternHash(EngineNode* hash, Principal** out) {
     *out = principal;
     return SPKI_OK;
   }
+  return NewPrincipal(digest, hash, out);
+}
+
+// Interns a new principal under |digest|, holding |node| (its key or hash
+// list), at the head of its bucket.
+Status Reducer::NewPrincipal(const uint8_t digest[kPrincipalDigestSize], EngineNode* node,
+                             Principal** out) {
   IndexEntry* entry = index_entries_.Take(engine_.arena());
-  principal = principals_.Take(engine_.arena());
+  Principal* principal = principals_.Take(engine_.arena());
   if (entry == nullptr || principal == nullptr) {
     if (entry != nullptr) index_entries_.Give(entry);
     if (principal != nullptr) principals_.Give(principal);
     return SPKI_ERR_NO_MEM;
   }
   std::memcpy(principal->digest, digest, kPrincipalDigestSize);
-  AssignNode(engine_, &principal->node, hash);
+  AssignNode(engine_, &principal->node, node);
   std::memcpy(entry->digest, digest, kPrincipalDigestSize);
   entry->principal = principal;
   entry->next = principal_index_[digest[0]];

@@ -14,25 +14,15 @@
 #include "credentials/certificate_sequence.h"
 #include "credentials/public_key.h"
 #include "credentials/signature.h"
+#include "fuzz/fuzz_support.h"
 #include "sexp/object.h"
 #include "sexp/source.h"
 
 namespace {
 
 using namespace velk2;
-
-void Check(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "property violated: %s\n", what);
-    std::abort();
-  }
-}
-
-std::string StoredOf(const SexpObject& object) {
-  std::string stored = StoredForm(object);
-  Check(!stored.empty(), "the stored form can be written");
-  return stored;
-}
+using fuzz::Check;
+using fuzz::StoredOf;
 
 Ref<Credential> NewOfKind(uint8_t kind) {
   switch (kind % 5) {

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz/fuzz_support.h"
 #include "sexp/object.h"
 #include "sexp/reader.h"
 #include "sexp/source.h"
@@ -17,19 +18,8 @@
 namespace {
 
 using namespace velk2;
-
-void Check(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "property violated: %s\n", what);
-    std::abort();
-  }
-}
-
-std::string StoredOf(const SexpObject& object) {
-  std::string stored = StoredForm(object);
-  Check(!stored.empty(), "the stored form can be written");
-  return stored;
-}
+using fuzz::Check;
+using fuzz::StoredOf;
 
 // True when every atom of the accepted input |data| wrote its length without
 // leading zeros and with at least one digit: then writing it back must give

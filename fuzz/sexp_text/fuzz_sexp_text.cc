@@ -8,19 +8,14 @@
 #include <memory>
 #include <string>
 
+#include "fuzz/fuzz_support.h"
 #include "sexp/object.h"
 #include "sexp/reader.h"
 
 namespace {
 
 using namespace velk2;
-
-void Check(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "property violated: %s\n", what);
-    std::abort();
-  }
-}
+using fuzz::Check;
 
 std::string TextOf(const SexpObject& object, const char* keyword) {
   CBuffer<char> text = ToAdvancedText(&object, keyword);
