@@ -145,25 +145,17 @@ TEST(ReadAclEntry, RejectsBadEntries) {
   const std::vector<Case> cases = {
       {"version 2", "(5:entry(7:version1:2)(7:subject" + key + ")" + Tag() + ")",
        VELK2_ERR_INVALID_DATA},
-      {"version with a longer value", "(5:entry(7:version2:10)(7:subject" + key + ")" + Tag() + ")",
-       VELK2_ERR_INVALID_DATA},
       {"not an entry", "(4:cert(7:subject" + key + ")" + Tag() + ")", VELK2_ERR_INVALID_DATA},
       {"issuer field", "(5:entry(6:issuer" + key + ")(7:subject" + key + ")" + Tag() + ")",
        VELK2_ERR_INVALID_DATA},
       {"other seven-byte field", "(5:entry(7:comment" + key + ")" + Tag() + ")",
        VELK2_ERR_INVALID_DATA},
       {"subject of another kind", "(5:entry(7:subject(3:foo))" + Tag() + ")", VELK2_ERR_PRINCIPAL},
-      {"subject an atom", "(5:entry(7:subject3:foo)" + Tag() + ")", VELK2_ERR_PRINCIPAL},
       {"no tag", "(5:entry(7:subject" + key + "))", VELK2_ERR_INVALID_DATA},
-      {"tag an atom", "(5:entry(7:subject" + key + ")3:tag)", VELK2_ERR_INVALID_DATA},
-      {"propagate after the tag", "(5:entry(7:subject" + key + ")" + Tag() + "(9:propagate))",
-       VELK2_ERR_INVALID_DATA},
       {"comment before valid",
        "(5:entry(7:subject" + key + ")" + Tag() + "(7:comment1:c)(5:valid))",
        VELK2_ERR_INVALID_DATA},
       {"unknown field", "(5:entry(7:subject" + key + ")" + Tag() + "(5:extra1:x))",
-       VELK2_ERR_INVALID_DATA},
-      {"two comments", "(5:entry(7:subject" + key + ")" + Tag() + "(7:comment1:a)(7:comment1:b))",
        VELK2_ERR_INVALID_DATA},
       {"valid not closed", "(5:entry(7:subject" + key + ")" + Tag() + "(5:valid(3:foo)))",
        VELK2_ERR_INVALID_DATA},
@@ -174,10 +166,8 @@ TEST(ReadAclEntry, RejectsBadEntries) {
        VELK2_ERR_MAX_BYTE_STRING},
       {"empty", "", VELK2_ERR_FILE_OPEN},
       {"truncated in the head", "(5:ent", VELK2_ERR_FILE_OPEN},
-      {"truncated after the head", "(5:entry", VELK2_ERR_FILE_OPEN},
       {"truncated in the subject's key", "(5:entry(7:subject" + key.substr(0, 40),
        VELK2_ERR_PARSE_FILE},
-      {"truncated after the subject's key", "(5:entry(7:subject" + key, VELK2_ERR_FILE_OPEN},
       {"truncated in the tag", "(5:entry(7:subject" + key + ")(3:tag(3:pkg", VELK2_ERR_FILE_OPEN},
       {"truncated after the tag", "(5:entry(7:subject" + key + ")" + Tag(), VELK2_ERR_FILE_OPEN},
       {"truncated in a date",
@@ -233,8 +223,6 @@ TEST_F(GlobalDirectory, EntryFileBareNameOrPath) {
   const std::vector<Case> cases = {
       {"bare name", u"user", VELK2_SUCCESS, "global", global_user},
       {"bare name with its extension", u"user.acl", VELK2_SUCCESS, "global", global_user},
-      {"bare name in upper case extension", u"user.ACL", VELK2_ERR_FILE_OPEN, "",
-       global_.Wide("acl/user.ACL")},
       {"path", global_.Wide("elsewhere/user.acl"), VELK2_SUCCESS, "path",
        global_.Wide("elsewhere/user.acl")},
       // A path gets no extension: it is opened as it stands.
@@ -243,7 +231,6 @@ TEST_F(GlobalDirectory, EntryFileBareNameOrPath) {
       // A backslash makes a path too, so the Global store is not looked at.
       {"backslash", u"elsewhere\\user", VELK2_ERR_FILE_OPEN, "", u"elsewhere\\user"},
       {"missing", u"nobody", VELK2_ERR_FILE_OPEN, "", global_.Wide("acl/nobody.acl")},
-      {"a directory", global_.Wide("acl"), VELK2_ERR_FILE_OPEN, "", global_.Wide("acl")},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -267,161 +254,105 @@ TEST_F(GlobalDirectory, EntryFileBareNameOrPath) {
   EXPECT_EQ(LoadAclEntryFile(bad.get(), u"bad"), VELK2_ERR_INVALID_DATA);
 }
 
-std::vector<std::string> Comments(const SexpList& acl) {
-  std::vector<std::string> comments;
+// Directories are written one character per "*.acl" file, in name order:
+// a, b or c a complete entry with that comment, t one cut before its last
+// ")", 2 an entry of version 2. The comments of the entries loaded, in
+// order, are a string of the same letters.
+void WriteDirectory(const std::string& path, const std::string& files) {
+  std::filesystem::create_directories(path);
+  const std::string good = EntryWithComment("a");
+  for (size_t i = 0; i < files.size(); ++i) {
+    const char f = files[i];
+    const std::string bytes = f == 't' ? good.substr(0, good.size() - 2)
+                              : f == '2'
+                                  ? "(5:entry(7:version1:2)(7:subject" + Key() + ")" + Tag() + ")"
+                                  : EntryWithComment(std::string(1, f));
+    WriteFile(path + "/" + std::to_string(10 + i) + ".acl", bytes);
+  }
+}
+
+std::string Comments(const SexpList& acl) {
+  std::string comments;
   for (size_t i = 0; i < acl.ChildCount(); ++i) {
     const AclEntry* entry = AclEntry::From(acl.ChildAt(i));
     // A loaded ACL starts with its name; everything else is an entry.
     EXPECT_TRUE(entry != nullptr || (i == 0 && !acl.ChildAt(0)->IsList()));
-    if (entry != nullptr && entry->comment() != nullptr) {
-      comments.emplace_back(entry->comment()->bytes());
-    }
+    if (entry != nullptr && entry->comment() != nullptr) comments += entry->comment()->bytes();
   }
   return comments;
 }
 
 TEST_F(GlobalDirectory, DirectoryScanKeepsTheLastFilesResult) {
-  const std::string good_a = EntryWithComment("a"), good_b = EntryWithComment("b");
-  const std::string version2 = "(5:entry(7:version1:2)(7:subject" + Key() + ")" + Tag() + ")";
-  // Cut before the entry's last ")": the end of the data where ")" is required.
-  const std::string truncated = good_a.substr(0, good_a.size() - 2);
-  struct File {
-    std::string name, bytes;
-  };
   struct Case {
-    const char* name;
-    std::vector<File> files;
+    const char* files;
     Result want;
-    std::vector<std::string> comments;
+    const char* comments;
   };
-  const std::vector<Case> cases = {
-      {"two good files, in name order",
-       {{"b.acl", good_b}, {"a.acl", good_a}},
-       VELK2_SUCCESS,
-       {"a", "b"}},
-      {"names sorted without regard to case",
-       {{"B.acl", good_b}, {"a.ACL", good_a}},
-       VELK2_SUCCESS,
-       {"a", "b"}},
-      {"version 2 skipped", {{"a.acl", version2}, {"b.acl", good_b}}, VELK2_SUCCESS, {"b"}},
-      {"bad last file", {{"a.acl", good_a}, {"b.acl", truncated}}, VELK2_ERR_FILE_OPEN, {"a"}},
-      {"bad first file", {{"a.acl", truncated}, {"b.acl", good_b}}, VELK2_SUCCESS, {"b"}},
-      {"version 2 last", {{"a.acl", good_a}, {"b.acl", version2}}, VELK2_ERR_INVALID_DATA, {"a"}},
-      {"other files ignored",
-       {{"a.acl", good_a}, {"z.txt", "junk"}, {"zz.acl.bak", "junk"}},
-       VELK2_SUCCESS,
-       {"a"}},
-      {"no entry file", {{"a.txt", good_a}}, VELK2_ERR_FILE_OPEN, {}},
+  const Case cases[] = {
+      {"ab", VELK2_SUCCESS, "ab"},         {"2b", VELK2_SUCCESS, "b"},  // version 2 skipped
+      {"at", VELK2_ERR_FILE_OPEN, "a"},    {"tb", VELK2_SUCCESS, "b"},
+      {"a2", VELK2_ERR_INVALID_DATA, "a"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.files);
     TempDir dir;
-    for (const File& f : c.files) WriteFile(dir.Sub(f.name), f.bytes);
+    WriteDirectory(dir.path(), c.files);
     Ref<SexpList> acl = SexpList::New();
     uint32_t count = 0;
     EXPECT_EQ(ReadAclDirectory(acl.get(), dir.Wide().c_str(), &count), c.want);
-    EXPECT_EQ(count, c.comments.size());
+    EXPECT_EQ(count, std::string(c.comments).size());
     EXPECT_EQ(Comments(*acl), c.comments);
     for (size_t i = 0; i < acl->ChildCount(); ++i) {
       // Each entry was opened by its full path.
-      const AclEntry* entry = AclEntry::From(acl->ChildAt(i));
-      ASSERT_NE(entry, nullptr);
-      EXPECT_EQ(entry->path().rfind(dir.Wide(), 0), 0u);
+      EXPECT_EQ(AclEntry::From(acl->ChildAt(i))->path().rfind(dir.Wide(), 0), 0u);
     }
   }
+  // Only "*.acl" files count; with none there is nothing to scan.
+  TempDir dir;
+  WriteFile(dir.Sub("a.acl"), EntryWithComment("a"));
+  WriteFile(dir.Sub("z.txt"), EntryWithComment("z"));
+  WriteFile(dir.Sub("zz.acl.bak"), EntryWithComment("z"));
   Ref<SexpList> acl = SexpList::New();
+  EXPECT_EQ(ReadAclDirectory(acl.get(), dir.Wide().c_str(), nullptr), VELK2_SUCCESS);
+  EXPECT_EQ(Comments(*acl), "a");
+  std::filesystem::remove(dir.Sub("a.acl"));
+  EXPECT_EQ(ReadAclDirectory(acl.get(), dir.Wide().c_str(), nullptr), VELK2_ERR_FILE_OPEN);
   EXPECT_EQ(ReadAclDirectory(acl.get(), nullptr, nullptr), VELK2_ERR_INVALID_PARAM);
   EXPECT_EQ(ReadAclDirectory(nullptr, global_.Wide().c_str(), nullptr), VELK2_ERR_INVALID_PARAM);
   EXPECT_EQ(ReadAclDirectory(acl.get(), global_.Wide("missing").c_str(), nullptr),
             VELK2_ERR_FILE_OPEN);
 }
 
+// Without an extra directory a bad last file discards the good entries
+// before it; with one, a good entry in either directory is enough.
 TEST_F(GlobalDirectory, LoadAclRules) {
-  const std::string good_a = EntryWithComment("a"), good_b = EntryWithComment("b");
-  const std::string truncated = good_a.substr(0, good_a.size() / 2);
-  struct File {
-    std::string name, bytes;
-  };
   struct Case {
     const char* name;
-    std::vector<File> global_files;  // under Global/acl
-    bool make_global_acl;
-    bool with_extra;
-    std::vector<File> extra_files;
+    const char* global;  // the files of Global/acl
+    const char* extra;   // null: no extra directory
     Result want;
-    std::vector<std::string> comments;
+    const char* comments;
   };
-  const std::vector<Case> cases = {
-      {"one good entry", {{"a.acl", good_a}}, true, false, {}, VELK2_SUCCESS, {"a"}},
-      {"valid then truncated",
-       {{"a.acl", good_a}, {"b.acl", truncated}},
-       true,
-       false,
-       {},
-       VELK2_ERR_FILE_NOT_FOUND,
-       {}},
-      {"truncated then valid",
-       {{"a.acl", truncated}, {"b.acl", good_b}},
-       true,
-       false,
-       {},
-       VELK2_SUCCESS,
-       {"b"}},
-      {"empty directory", {}, true, false, {}, VELK2_ERR_FILE_NOT_FOUND, {}},
-      {"missing directory", {}, false, false, {}, VELK2_ERR_FILE_NOT_FOUND, {}},
-      {"empty directory, extra with one entry",
-       {},
-       true,
-       true,
-       {{"x.acl", good_b}},
-       VELK2_SUCCESS,
-       {"b"}},
-      {"missing directory, extra with one entry",
-       {},
-       false,
-       true,
-       {{"x.acl", good_b}},
-       VELK2_SUCCESS,
-       {"b"}},
-      {"bad last file, extra good",
-       {{"a.acl", good_a}, {"b.acl", truncated}},
-       true,
-       true,
-       {{"x.acl", good_b}},
-       VELK2_SUCCESS,
-       {"a", "b"}},
-      {"bad last file, extra empty",
-       {{"a.acl", good_a}, {"b.acl", truncated}},
-       true,
-       true,
-       {},
-       VELK2_SUCCESS,
-       {"a"}},
-      {"extra's own last file bad",
-       {{"a.acl", good_a}},
-       true,
-       true,
-       {{"x.acl", good_b}, {"y.acl", truncated}},
-       VELK2_SUCCESS,
-       {"a", "b"}},
-      {"nothing good anywhere",
-       {{"a.acl", truncated}},
-       true,
-       true,
-       {{"x.acl", truncated}},
-       VELK2_ERR_FILE_NOT_FOUND,
-       {}},
+  const Case cases[] = {
+      {"one good entry", "a", nullptr, VELK2_SUCCESS, "a"},
+      {"valid then truncated", "at", nullptr, VELK2_ERR_FILE_NOT_FOUND, ""},
+      {"truncated then valid", "tb", nullptr, VELK2_SUCCESS, "b"},
+      {"empty directory", "", nullptr, VELK2_ERR_FILE_NOT_FOUND, ""},
+      {"empty directory, extra with one entry", "", "b", VELK2_SUCCESS, "b"},
+      {"bad last file, extra good", "at", "b", VELK2_SUCCESS, "ab"},
+      {"bad last file, extra empty", "at", "", VELK2_SUCCESS, "a"},
+      {"extra's own last file bad", "a", "bt", VELK2_SUCCESS, "ab"},
+      {"nothing good anywhere", "t", "t", VELK2_ERR_FILE_NOT_FOUND, ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir global, extra;
     ASSERT_EQ(SetGlobalDirectory(global.Wide().c_str()), VELK2_SUCCESS);
-    if (c.make_global_acl) std::filesystem::create_directories(global.Sub("acl"));
-    for (const File& f : c.global_files) WriteFile(global.Sub("acl/" + f.name), f.bytes);
-    for (const File& f : c.extra_files) WriteFile(extra.Sub(f.name), f.bytes);
+    WriteDirectory(global.Sub("acl"), c.global);
+    if (c.extra != nullptr) WriteDirectory(extra.path(), c.extra);
     Ref<SexpList> acl;
     const std::u16string extra_path = extra.Wide();
-    EXPECT_EQ(LoadAcl(&acl, nullptr, c.with_extra ? extra_path.c_str() : nullptr), c.want);
+    EXPECT_EQ(LoadAcl(&acl, nullptr, c.extra ? extra_path.c_str() : nullptr), c.want);
     EXPECT_EQ(acl == nullptr, c.want != VELK2_SUCCESS);
     if (acl) {
       ASSERT_GE(acl->ChildCount(), 1u);
@@ -430,10 +361,13 @@ TEST_F(GlobalDirectory, LoadAclRules) {
       EXPECT_EQ(acl->ref_count(), 1);
     }
   }
+  // A missing Global directory is no different from an empty one.
+  ASSERT_EQ(SetGlobalDirectory(global_.Wide("missing").c_str()), VELK2_SUCCESS);
+  Ref<SexpList> none;
+  EXPECT_EQ(LoadAcl(&none, nullptr, nullptr), VELK2_ERR_FILE_NOT_FOUND);
   Ref<SexpList> taken = SexpList::New();
   EXPECT_EQ(LoadAcl(&taken, nullptr, nullptr), VELK2_ERR_INVALID_PARAM);
   EXPECT_EQ(LoadAcl(nullptr, nullptr, nullptr), VELK2_ERR_INVALID_PARAM);
-  Ref<SexpList> none;
   EXPECT_EQ(LoadAclFromDirectory(&none, nullptr, nullptr, nullptr), VELK2_ERR_INVALID_PARAM);
 }
 
@@ -455,9 +389,6 @@ TEST(ExtractEntryTag, ReadsTheFirstEntrysTag) {
       {"first of two entries",
        "(3:acl(5:entry" + subject + tag + ")(5:entry" + subject + "(3:tag(1:x))))", VELK2_SUCCESS,
        tag},
-      {"dates after the tag",
-       "(3:acl(5:entry" + subject + tag + "(5:valid(10:not-before19:2026-01-01_00:00:00))))",
-       VELK2_SUCCESS, tag},
       // Kept: no version is expected, so a version field shifts every element by one.
       {"version quirk", "(3:acl(5:entry(7:version1:1)" + subject + tag + "))", VELK2_SUCCESS,
        subject},

@@ -1,21 +1,19 @@
 // Helpers of the credential tests: canonical text builders, sources over
-// text, the output forms as strings, and toolkit keys made once per run.
+// text, and toolkit keys made once per run (the output forms as strings come
+// from the S-expression tests' helpers).
 #ifndef VELK2_TESTS_CREDENTIALS_CREDENTIALS_TEST_UTIL_H_
 #define VELK2_TESTS_CREDENTIALS_CREDENTIALS_TEST_UTIL_H_
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "credentials/credential.h"
-#include "platform/zcry.h"
-#include "sexp/object.h"
-#include "sexp/source.h"
+#include "sexp/sexp_test_util.h"
 #include "tools/issuing/private_key.h"
 
 namespace velk2::testing {
@@ -52,20 +50,14 @@ Ref<T> MustParse(std::string_view text) {
   return result == VELK2_SUCCESS ? object : nullptr;
 }
 
-// The canonical form (hints left out).
-inline std::string CanonicalOf(const SexpObject& object) {
-  const uint32_t size = object.CanonicalLength();
-  std::vector<uint8_t> buffer(size + 1);
-  uint32_t position = 0;
-  EXPECT_EQ(object.WriteCanonical(buffer.data(), &position, size + 1), VELK2_SUCCESS);
-  return std::string(buffer.begin(), buffer.begin() + position);
-}
-
-// The stored form (hint markers kept), as a file holds it.
-inline std::string StoredOf(const SexpObject& object) {
-  std::string stored = StoredForm(object);
-  EXPECT_FALSE(stored.empty());
-  return stored;
+// Reads every text as a T and expects its result code.
+template <typename T>
+void ExpectParseResults(const std::vector<std::pair<std::string, Result>>& cases) {
+  for (const auto& [text, want] : cases) {
+    Result result = VELK2_SUCCESS;
+    ParseAs<T>(text, &result);
+    EXPECT_EQ(result, want) << text.substr(0, 60);
+  }
 }
 
 // The digest of |object|'s stored form, as a signer computes it.
@@ -75,19 +67,6 @@ inline std::vector<uint8_t> StoredDigest(const SexpObject& object, uint32_t hash
   EXPECT_EQ(ComputeHash(&object, &digest, &length, hash_id, false), VELK2_SUCCESS);
   return digest ? std::vector<uint8_t>(digest.get(), digest.get() + length)
                 : std::vector<uint8_t>();
-}
-
-inline std::vector<uint8_t> DigestOf(uint32_t hash_id, std::string_view bytes) {
-  zcry_HashInfoRecord info{};
-  info.words[0] = sizeof(info);
-  EXPECT_EQ(zcry_HashInfo(hash_id, &info), 0u);
-  std::vector<uint8_t> digest(info.words[6]);
-  ZCRY_HASH hash = nullptr;
-  EXPECT_EQ(zcry_HashAlloc(&hash, hash_id, 0), 0u);
-  EXPECT_EQ(zcry_HashUpdate(hash, bytes.data(), bytes.size(), 0), 0u);
-  EXPECT_EQ(zcry_HashFinal(hash, digest.data(), 0), 0u);
-  zcry_HashFree(hash, 0);
-  return digest;
 }
 
 // The canonical public key of a toolkit key.
@@ -106,34 +85,22 @@ inline std::string HashText(std::string_view name, const std::vector<uint8_t>& d
 }
 
 // Toolkit keys, generated once per test binary (DSA parameters are slow).
+inline issuing::PrivateKey Generated(issuing::KeyType type) {
+  issuing::PrivateKey key;
+  EXPECT_EQ(issuing::PrivateKey::Generate(type, 2048, &key), VELK2_SUCCESS);
+  return key;
+}
 inline const issuing::PrivateKey& RsaKey() {
-  static const issuing::PrivateKey key = [] {
-    issuing::PrivateKey k;
-    EXPECT_EQ(issuing::PrivateKey::Generate(issuing::KeyType::kRsa, 2048, &k), VELK2_SUCCESS);
-    return k;
-  }();
+  static const issuing::PrivateKey key = Generated(issuing::KeyType::kRsa);
   return key;
 }
 inline const issuing::PrivateKey& OtherRsaKey() {
-  static const issuing::PrivateKey key = [] {
-    issuing::PrivateKey k;
-    EXPECT_EQ(issuing::PrivateKey::Generate(issuing::KeyType::kRsa, 2048, &k), VELK2_SUCCESS);
-    return k;
-  }();
+  static const issuing::PrivateKey key = Generated(issuing::KeyType::kRsa);
   return key;
 }
 inline const issuing::PrivateKey& DsaKey() {
-  static const issuing::PrivateKey key = [] {
-    issuing::PrivateKey k;
-    EXPECT_EQ(issuing::PrivateKey::Generate(issuing::KeyType::kDsa, 1024, &k), VELK2_SUCCESS);
-    return k;
-  }();
+  static const issuing::PrivateKey key = Generated(issuing::KeyType::kDsa);
   return key;
-}
-
-// "/tmp/..." as a library path.
-inline std::u16string WidePath(const std::string& path) {
-  return std::u16string(path.begin(), path.end());
 }
 
 }  // namespace velk2::testing

@@ -12,12 +12,6 @@
 namespace velk2::testing {
 namespace {
 
-Ref<SexpAtom> DateAtom(std::string_view text) {
-  Ref<SexpAtom> atom = SexpAtom::New();
-  EXPECT_EQ(atom->AssignBytes(text.data(), static_cast<uint32_t>(text.size())), VELK2_SUCCESS);
-  return atom;
-}
-
 struct DatePair {
   const char* text;
   int64_t time;
@@ -41,11 +35,7 @@ class ScopedTimeZone {
     tzset();
   }
   ~ScopedTimeZone() {
-    if (old_) {
-      setenv("TZ", old_->c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
+    old_ ? setenv("TZ", old_->c_str(), 1) : unsetenv("TZ");
     tzset();
   }
 
@@ -53,24 +43,18 @@ class ScopedTimeZone {
   std::optional<std::string> old_;
 };
 
-// The offset of local time from UTC at |time|, to show that a zone is in force.
-long LocalOffset(std::time_t time) {
-  std::tm local{};
-  localtime_r(&time, &local);
-  return local.tm_gmtoff;
-}
-
 TEST(DateTest, WritesAndReadsUtcInEveryTimeZone) {
   const char* const kZones[] = {"UTC", "America/New_York", "Asia/Kolkata", "EST5EDT,M3.2.0,M11.1.0",
                                 "IST-5:30"};
   for (const char* zone : kZones) {
     SCOPED_TRACE(zone);
     ScopedTimeZone scoped(zone);
-    if (std::string(zone) != "UTC") {
-      EXPECT_NE(LocalOffset(1141214400), 0) << "the zone is not in force";
-    }
+    const std::time_t noon = 1141214400;
+    std::tm local{};
+    localtime_r(&noon, &local);
+    EXPECT_EQ(local.tm_gmtoff != 0, std::string(zone) != "UTC") << "the zone is not in force";
     for (const DatePair& d : kDates) {
-      EXPECT_EQ(ReadDate(DateAtom(d.text).get()), d.time) << d.text;
+      EXPECT_EQ(ReadDate(MakeAtom(d.text).get()), d.time) << d.text;
       Ref<SexpAtom> atom = SexpAtom::New();
       ASSERT_EQ(WriteDate(atom.get(), d.time), VELK2_SUCCESS);
       EXPECT_EQ(atom->bytes(), d.text);
@@ -80,25 +64,24 @@ TEST(DateTest, WritesAndReadsUtcInEveryTimeZone) {
 
 TEST(DateTest, ReadingDoesNotExamineSeparatorsOrDigits) {
   const int64_t noon = 1141214400;
-  const char* const kSameAsNoon[] = {"2006/03/01 12:00:00", "2006x03x01x12x00x00",
-                                     "2006-03-01T12:00:00", "2006-03-01_12:00:00 and more"};
+  const char* const kSameAsNoon[] = {
+      "2006/03/01 12:00:00", "2006x03x01x12x00x00", "2006-03-01T12:00:00",
+      "2006-03-01_12:00:00 and more",
+      // Out-of-range fields are carried over as a calendar conversion does.
+      "2006-02-29_12:00:00", "2006-03-01_11:60:00",
+      // A short atom reads its missing bytes as "0": the same as zero fields.
+      "2006-03-01_12", "2006-03-01_12:00:0"};
   for (const char* text : kSameAsNoon) {
-    EXPECT_EQ(ReadDate(DateAtom(text).get()), noon) << text;
+    EXPECT_EQ(ReadDate(MakeAtom(text).get()), noon) << text;
   }
-  // Out-of-range fields are carried over as a calendar conversion does.
-  EXPECT_EQ(ReadDate(DateAtom("2006-02-29_12:00:00").get()), noon);
-  EXPECT_EQ(ReadDate(DateAtom("2006-03-01_11:60:00").get()), noon);
-  // A short atom reads its missing bytes as "0": the same as zero fields.
-  EXPECT_EQ(ReadDate(DateAtom("2006-03-01_12").get()), noon);
-  EXPECT_EQ(ReadDate(DateAtom("2006-03-01_12:00:0").get()), noon);
   // Non-digits give a defined, if meaningless, time; the same one each time.
-  const int64_t junk = ReadDate(DateAtom("abcd-ef-gh_ij:kl:mn").get());
-  EXPECT_EQ(ReadDate(DateAtom("abcd-ef-gh_ij:kl:mn").get()), junk);
+  const int64_t junk = ReadDate(MakeAtom("abcd-ef-gh_ij:kl:mn").get());
+  EXPECT_EQ(ReadDate(MakeAtom("abcd-ef-gh_ij:kl:mn").get()), junk);
   EXPECT_EQ(ReadDate(nullptr), 0);
 }
 
 TEST(DateTest, WriteDateKeepsHintsAndReportsWhatItCannotWrite) {
-  Ref<SexpAtom> atom = DateAtom("a much longer text than a date");
+  Ref<SexpAtom> atom = MakeAtom("a much longer text than a date");
   atom->set_hint(kHintUtf8);
   ASSERT_EQ(WriteDate(atom.get(), 86399), VELK2_SUCCESS);
   EXPECT_EQ(atom->bytes(), "1970-01-01_23:59:59");
@@ -112,7 +95,7 @@ TEST(DateTest, WriteDateKeepsHintsAndReportsWhatItCannotWrite) {
   EXPECT_EQ(atom->bytes(), "-001-12-31_23:59:59");
 
   // A time without a calendar date leaves the atom as it was.
-  Ref<SexpAtom> kept = DateAtom("2006-03-01_12:00:00");
+  Ref<SexpAtom> kept = MakeAtom("2006-03-01_12:00:00");
   EXPECT_EQ(WriteDate(kept.get(), INT64_MAX), kDateUnrepresentable);
   EXPECT_EQ(WriteDate(kept.get(), INT64_MIN), kDateUnrepresentable);
   EXPECT_EQ(kept->bytes(), "2006-03-01_12:00:00");
@@ -138,14 +121,14 @@ TEST(DateTest, OrderingTestsCompareTheTexts) {
       {"2006", "2006-03-01_12:00:00", true, true, false, false},
   };
   for (const Case& c : kCases) {
-    Ref<SexpAtom> a = DateAtom(c.a), b = DateAtom(c.b);
+    Ref<SexpAtom> a = MakeAtom(c.a), b = MakeAtom(c.b);
     EXPECT_EQ(DateBefore(a.get(), b.get()), c.before) << c.a << " " << c.b;
     EXPECT_EQ(DateNotAfter(a.get(), b.get()), c.not_after) << c.a << " " << c.b;
     EXPECT_EQ(DateAfter(a.get(), b.get()), c.after) << c.a << " " << c.b;
     EXPECT_EQ(DateNotBefore(a.get(), b.get()), c.not_before) << c.a << " " << c.b;
   }
   // Every test with a missing b (or a) is false.
-  Ref<SexpAtom> a = DateAtom("2006-03-01_12:00:00");
+  Ref<SexpAtom> a = MakeAtom("2006-03-01_12:00:00");
   for (auto test : {&DateBefore, &DateNotAfter, &DateAfter, &DateNotBefore}) {
     EXPECT_FALSE(test(a.get(), nullptr));
     EXPECT_FALSE(test(nullptr, a.get()));

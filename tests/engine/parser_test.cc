@@ -20,7 +20,6 @@ TEST_F(ParserTest, EveryParseErrorOnAMinimalInput) {
   };
   const Case kCases[] = {
       {"(2147483650:x)", SPKI_ERR_LTH_TOO_BIG},
-      {"(99999999999:x)", SPKI_ERR_LTH_TOO_BIG},
       {"(0:)", SPKI_ERR_BAD_LTH_FORMAT},
       {"(03:abc)", SPKI_ERR_BAD_LTH_FORMAT},
       {"(", SPKI_ERR_BAD_LTH_FORMAT},
@@ -30,7 +29,6 @@ TEST_F(ParserTest, EveryParseErrorOnAMinimalInput) {
       {"(3abc)", SPKI_ERR_COLON_EXPECTED},
       {"(3", SPKI_ERR_COLON_EXPECTED},
       {"([4:textx1:a)", SPKI_ERR_DISP_HINT_NOT_CLOSED},
-      {"([4:text1:a)", SPKI_ERR_DISP_HINT_NOT_CLOSED},
       {"([4:text]", SPKI_ERR_DISP_HINT_TOO_LONG},
       {"([9:text]1:a)", SPKI_ERR_DISP_HINT_TOO_LONG},
       {"(5:abc)", SPKI_ERR_STRING_TOO_LONG},
@@ -42,7 +40,6 @@ TEST_F(ParserTest, EveryParseErrorOnAMinimalInput) {
       {"(3:acl)x", SPKI_ERR_BAD_SEXP_FORMAT},  // ParseText: bytes after the list
       {"(3:acl", SPKI_ERR_SEXP_NOT_CLOSED},
       {"(3:acl(3:tag)", SPKI_ERR_SEXP_NOT_CLOSED},
-      {"(3:acl(3:tag", SPKI_ERR_SEXP_NOT_CLOSED},
   };
   for (const Case& c : kCases) {
     std::string text = c.text;
@@ -67,11 +64,6 @@ TEST_F(ParserTest, LengthsAndCursors) {
       {"1:", SPKI_OK, 1, 2},
       {"214748364:", SPKI_OK, 214748364, 10},
       {"2147483649:", SPKI_OK, 2147483649u, 11},
-      {"2147483650:", SPKI_ERR_LTH_TOO_BIG, 0, 0},
-      {"0:", SPKI_ERR_BAD_LTH_FORMAT, 0, 0},
-      {":", SPKI_ERR_BAD_LTH_FORMAT, 0, 0},
-      {"12", SPKI_ERR_COLON_EXPECTED, 0, 0},
-      {"12x", SPKI_ERR_COLON_EXPECTED, 0, 0},
   };
   for (const Case& c : kCases) {
     std::string text = c.text;
@@ -200,14 +192,7 @@ TEST_F(ParserTest, NestingIsBounded) {
 
 TEST_F(ParserTest, PrinterOnBuiltTreesAndSmallBuffers) {
   // A tree built by hand, deeper than the parser allows, is refused too.
-  EngineNode* deep = NewKeywordHead(engine_, kKeywordTag);
-  for (int i = 0; i < kMaxNesting + 1; ++i) {
-    EngineNode* outer = NewKeywordHead(engine_, kKeywordTag);
-    outer->next = NewSublistElement(engine_, deep);
-    ReleaseNode(engine_, deep);
-    deep = outer;
-  }
-  Keep(deep);
+  EngineNode* deep = Nested(kKeywordTag, kMaxNesting + 1);
   size_t length = 0;
   EXPECT_EQ(PrintedLength(deep, &length), SPKI_ERR_BAD_SEXP);
   std::string text;
@@ -230,6 +215,10 @@ TEST_F(ParserTest, PrinterOnBuiltTreesAndSmallBuffers) {
   EXPECT_EQ(PrintCanonical(tree, &exact), SPKI_OK);
   EXPECT_EQ(std::string(buffer, exact.Written()), "(3:tag(3:ftp4:host))");
   EXPECT_EQ(PrintCanonical(tree, nullptr), SPKI_ERR_NULL_PARAM);
+  for (const auto& [value, digits] :
+       {std::pair<uint64_t, uint32_t>{0, 1}, {9, 1}, {10, 2}, {4294967295u, 10}}) {
+    EXPECT_EQ(DecimalDigits(value), digits) << value;
+  }
 }
 
 TEST_F(ParserTest, TemplatesForgetTheirSource) {
@@ -245,13 +234,6 @@ TEST_F(ParserTest, TemplatesForgetTheirSource) {
   EngineNode* bad = nullptr;
   EXPECT_EQ(ParseTemplate(engine_, &bad, "(1:*"), SPKI_ERR_SEXP_NOT_CLOSED);
   EXPECT_EQ(ParseTemplate(engine_, &bad, nullptr), SPKI_ERR_NULL_PARAM);
-}
-
-TEST(DecimalDigits, Values) {
-  EXPECT_EQ(DecimalDigits(0), 1u);
-  EXPECT_EQ(DecimalDigits(9), 1u);
-  EXPECT_EQ(DecimalDigits(10), 2u);
-  EXPECT_EQ(DecimalDigits(4294967295u), 10u);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "engine/parser.h"
 #include "engine/query.h"
@@ -35,10 +36,9 @@ TEST(ReduceCanonical, ParserCodesPassThroughUnchanged) {
     const std::string_view* validity;
     Status want;
   };
+  // One for each text: the first bad one's code comes back as it is.
   const Case cases[] = {
       {"ACL not closed", "(3:acl", seq, K1, nullptr, nullptr, SPKI_ERR_SEXP_NOT_CLOSED},
-      {"empty ACL text", "", seq, K1, nullptr, nullptr, SPKI_ERR_BAD_SEXP_START},
-      {"bytes after the ACL", acl + "x", seq, K1, nullptr, nullptr, SPKI_ERR_BAD_SEXP_FORMAT},
       {"sequence with a zero length", acl, "(8:sequence0:)", K1, nullptr, nullptr,
        SPKI_ERR_BAD_SEXP_FORMAT},
       {"key with a length past the end", acl, seq, "(10:public-key9:x)", nullptr, nullptr,
@@ -81,18 +81,15 @@ TEST(TagImplies, GrantedImpliesRequested) {
     const char* granted;
     int want;
   };
+  // The tag algebra itself is pinned by the tag tests; here, the question
+  // asked of it: is the intersection the requested tag itself?
   const Case cases[] = {
       {"(tag (ftp))", "(tag (ftp))", 1},
       {"(tag (ftp host))", "(tag (ftp))", 1},  // a broader grant covers it
       {"(tag (ftp))", "(tag (ftp host))", 0},  // a narrower grant does not
       {"(tag (ftp))", "(tag (http))", 0},      // disjoint
-      {"(tag (file read))", "(tag (file (* set read write)))", 1},
-      {"(tag (file (* set read write)))", "(tag (file read))", 0},
       {"(tag (file (* set read write)))", "(tag (file (* set write read exec)))", 1},
-      {"(tag (file (* prefix /pub/a)))", "(tag (file (* prefix /pub/)))", 1},
-      {"(tag (file (* prefix /pub/)))", "(tag (file (* prefix /pub/a)))", 0},
-      {"(tag (size 5))", "(tag (size (* range numeric (ge 1) (le 10))))", 1},
-      {"(tag (size 50))", "(tag (size (* range numeric (ge 1) (le 10))))", 0},
+      {"(tag (file (* set read write)))", "(tag (file read))", 0},
       {"(tag (size (* range numeric (ge 1) (le 10))))",
        "(tag (size (* range numeric (ge 1) (le 10))))", 1},
       {"(tag (ftp))", "(tag (*))", 1},
@@ -110,25 +107,18 @@ TEST(TagImplies, GrantedImpliesRequested) {
 }
 
 TEST(ReduceCrypto, StatusMapping) {
-  const std::pair<uint32_t, Status> cases[] = {
-      {ZCRY_OK, 0},
-      {ZCRY_E_NULL_ARGUMENT, SPKI_ERR_NULL_PARAM},
-      {ZCRY_E_BAD_RECORD, 0},
-      {ZCRY_E_UNKNOWN_ALGORITHM, SPKI_ERR_UNKNOWN_HASH},
-      {ZCRY_E_NO_MEMORY, SPKI_ERR_NO_MEM},
-      {ZCRY_E_BAD_KEY, SPKI_ERR_UNKNOWN},
-      {ZCRY_E_BAD_SCHEME, SPKI_ERR_UNKNOWN},
-      {ZCRY_E_BAD_PARAMETERS, SPKI_ERR_UNKNOWN},
-      {ZCRY_E_BAD_DIGEST_LENGTH, SPKI_ERR_UNKNOWN},
-      {ZCRY_E_UNKNOWN_HASH, SPKI_ERR_UNKNOWN_HASH},
-      {ZCRY_E_HASH_FINISHED, 0},
-      {ZCRY_E_INTERNAL, 0},
-      {ZCRY_E_BUFFER_TOO_SMALL, 0},
-      {1016, 0},
-      {7, 0},
+  // Grouped by the engine code each crypto status becomes.
+  const std::pair<Status, std::vector<uint32_t>> groups[] = {
+      {0, {ZCRY_OK, ZCRY_E_BAD_RECORD, ZCRY_E_HASH_FINISHED, ZCRY_E_INTERNAL}},
+      {0, {ZCRY_E_BUFFER_TOO_SMALL, 1016, 7}},
+      {SPKI_ERR_NULL_PARAM, {ZCRY_E_NULL_ARGUMENT}},
+      {SPKI_ERR_NO_MEM, {ZCRY_E_NO_MEMORY}},
+      {SPKI_ERR_UNKNOWN_HASH, {ZCRY_E_UNKNOWN_ALGORITHM, ZCRY_E_UNKNOWN_HASH}},
+      {SPKI_ERR_UNKNOWN, {ZCRY_E_BAD_KEY, ZCRY_E_BAD_SCHEME, ZCRY_E_BAD_PARAMETERS}},
+      {SPKI_ERR_UNKNOWN, {ZCRY_E_BAD_DIGEST_LENGTH}},
   };
-  for (const auto& [crypto, engine] : cases) {
-    EXPECT_EQ(MapCryptoStatus(crypto), engine) << crypto;
+  for (const auto& [engine, crypto_statuses] : groups) {
+    for (uint32_t crypto : crypto_statuses) EXPECT_EQ(MapCryptoStatus(crypto), engine) << crypto;
   }
 }
 

@@ -21,12 +21,6 @@ inline std::string Atom(std::string_view bytes) {
   return std::to_string(bytes.size()) + ":" + std::string(bytes);
 }
 
-inline std::string List(std::string_view head, std::initializer_list<std::string> parts = {}) {
-  std::string text = "(" + Atom(head);
-  for (const std::string& part : parts) text += part;
-  return text + ")";
-}
-
 inline std::string Key(std::string_view name) {
   return "(10:public-key(3:rsa(1:e1:\x03)(1:n" + Atom(name) + ")))";
 }

@@ -40,7 +40,7 @@ size_t RoundUp(size_t size) {
 
 constexpr size_t kFirstUsable = kArenaChunkSize - kArenaChunkHeader;
 
-TEST(Arena, FirstChunkAndRounding) {
+TEST(Arena, RoundingAndChunkGrowth) {
   CountingAllocator counting;
   Arena arena;
   ASSERT_EQ(arena.Init(&counting.record), SPKI_OK);
@@ -51,15 +51,7 @@ TEST(Arena, FirstChunkAndRounding) {
   EXPECT_EQ(second - first, static_cast<ptrdiff_t>(kArenaAlignment));
   EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % kArenaAlignment, 0u);
   EXPECT_EQ(arena.used(), 2 * kArenaAlignment);
-  arena.Destroy();
-  EXPECT_EQ(counting.live, 0);
-  EXPECT_EQ(arena.Allocate(1), nullptr);  // destroyed arenas hand out nothing
-}
-
-TEST(Arena, ChunkGrowthRules) {
-  CountingAllocator counting;
-  Arena arena;
-  ASSERT_EQ(arena.Init(&counting.record), SPKI_OK);
+  arena.Reset();
 
   // The whole usable part of the first chunk fits; one more byte needs a new
   // ordinary chunk.
@@ -80,6 +72,7 @@ TEST(Arena, ChunkGrowthRules) {
   EXPECT_EQ(arena.chunk_count(), 5u);
   arena.Destroy();
   EXPECT_EQ(counting.live, 0);
+  EXPECT_EQ(arena.Allocate(1), nullptr);  // destroyed arenas hand out nothing
 }
 
 TEST(Arena, ResetRewindsAndReusesLargeEnoughChunks) {
@@ -137,7 +130,7 @@ TEST(Arena, FailuresAreReported) {
   EXPECT_EQ(counting.live, 0);
 }
 
-TEST(EngineContext, InitFailuresGiveEverythingBack) {
+TEST(EngineContext, InitReleaseAndDestructionGiveEverythingBack) {
   for (int successes : {0, 1}) {  // the control block, then the first chunk
     CountingAllocator counting;
     counting.successes_left = successes;
@@ -148,9 +141,7 @@ TEST(EngineContext, InitFailuresGiveEverythingBack) {
     EXPECT_EQ(NewNode(engine), nullptr);
   }
   EXPECT_EQ(EngineInit(nullptr, HeapAllocator()), SPKI_ERR_NULL_PARAM);
-}
 
-TEST(EngineContext, ReleaseAndDestructionReturnAllChunks) {
   CountingAllocator counting;
   {
     EngineContext engine;
@@ -227,6 +218,12 @@ TEST_F(StoreTest, FreedRecordsAreReusedLastFirstAndZeroed) {
   ReleaseNode(engine_, again);
   ReleaseNode(engine_, then);
   ReleaseAtom(engine_, atom_again);
+
+  // A reset forgets the free lists and rewinds the arena.
+  EXPECT_EQ(engine_.nodes().free_count(), 2u);
+  engine_.Reset();
+  EXPECT_EQ(engine_.nodes().free_count(), 0u);
+  EXPECT_EQ(NewNode(engine_), first);  // the arena's first record again
 }
 
 TEST_F(StoreTest, AssignTakesAndDropsCounts) {
@@ -259,6 +256,19 @@ TEST_F(StoreTest, AssignTakesAndDropsCounts) {
   ReleaseAtom(engine_, hinted);
   EXPECT_EQ(atom_slot->ref_count, 1);
   AssignAtom(engine_, nullptr, atom_slot);
+
+  // A tail shared by two chains lives until its last owner goes.
+  EngineNode* tail = NewKeywordHead(engine_, 106);
+  EngineNode* a = NewKeywordHead(engine_, 1);
+  EngineNode* b = NewKeywordHead(engine_, 2);
+  AssignNode(engine_, &a->next, tail);
+  AssignNode(engine_, &b->next, tail);
+  ReleaseNode(engine_, tail);
+  ReleaseNode(engine_, a);
+  EXPECT_EQ(tail->ref_count, 1);
+  EXPECT_EQ(tail->keyword, 106);
+  ReleaseNode(engine_, b);
+  EXPECT_EQ(engine_.nodes().free_count(), 3u);
 }
 
 TEST_F(StoreTest, ReleasingLongAndDeepChainsUsesNoRecursion) {
@@ -283,20 +293,6 @@ TEST_F(StoreTest, ReleasingLongAndDeepChainsUsesNoRecursion) {
   EXPECT_EQ(engine_.nodes().free_count(), 200001u + 1u + 100001u + 100000u);
 }
 
-TEST_F(StoreTest, SharedTailsSurviveUntilTheLastOwner) {
-  EngineNode* tail = NewKeywordHead(engine_, 106);
-  EngineNode* a = NewKeywordHead(engine_, 1);
-  EngineNode* b = NewKeywordHead(engine_, 2);
-  AssignNode(engine_, &a->next, tail);
-  AssignNode(engine_, &b->next, tail);
-  ReleaseNode(engine_, tail);
-  ReleaseNode(engine_, a);
-  EXPECT_EQ(tail->ref_count, 1);
-  EXPECT_EQ(tail->keyword, 106);
-  ReleaseNode(engine_, b);
-  EXPECT_EQ(engine_.nodes().free_count(), 3u);
-}
-
 TEST_F(StoreTest, CopyElementSharesTheValueOnly) {
   EngineNode* list = nullptr;
   const char text[] = "(3:ftp4:host)";
@@ -316,29 +312,19 @@ TEST_F(StoreTest, CopyElementSharesTheValueOnly) {
   ReleaseNode(engine_, copy);
   ReleaseNode(engine_, sub);
   EXPECT_EQ(engine_.nodes().free_count(), 6u);
-}
 
-TEST_F(StoreTest, EngineRefReleasesOnScopeExitAndOut) {
+  // EngineRef: out() releases what it held first; release() gives the count up.
   {
     NodeRef held(engine_, NewKeywordHead(engine_, 3));
-    EngineNode** slot = held.out();  // releases what it held first
-    EXPECT_EQ(engine_.nodes().free_count(), 1u);
+    EngineNode** slot = held.out();
+    EXPECT_EQ(engine_.nodes().free_count(), 6u);
     *slot = NewKeywordHead(engine_, 4);
   }
-  EXPECT_EQ(engine_.nodes().free_count(), 1u);  // reused, then released again
+  EXPECT_EQ(engine_.nodes().free_count(), 6u);  // reused, then released again
   NodeRef kept(engine_, NewKeywordHead(engine_, 5));
   EngineNode* raw = kept.release();
   EXPECT_FALSE(kept);
   ReleaseNode(engine_, raw);
-}
-
-TEST_F(StoreTest, ResetForgetsFreeListsAndRewinds) {
-  EngineNode* node = NewNode(engine_);
-  ReleaseNode(engine_, node);
-  EXPECT_EQ(engine_.nodes().free_count(), 1u);
-  engine_.Reset();
-  EXPECT_EQ(engine_.nodes().free_count(), 0u);
-  EXPECT_EQ(NewNode(engine_), node);  // the arena's first record again
 }
 
 }  // namespace

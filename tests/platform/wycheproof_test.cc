@@ -17,7 +17,7 @@
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include "platform/json.h"
@@ -28,25 +28,17 @@ namespace velk2::testing {
 namespace {
 
 struct VectorFile {
+  const char* label;
   const char* name;
   uint32_t scheme;
 };
 
 const VectorFile kFiles[] = {
-    {"rsa_signature_2048_sha256_test.json", ZCRY_SCHEME_RSA_PKCS1_V15},
-    {"rsa_pss_2048_sha256_mgf1_32_test.json", ZCRY_SCHEME_RSA_PSS},
-    {"rsa_pss_2048_sha1_mgf1_20_test.json", ZCRY_SCHEME_RSA_PSS},
-    {"dsa_1024_160_sha1_test.json", ZCRY_SCHEME_DSA_SHA1},
+    {"RsaPkcs1Sha256", "rsa_signature_2048_sha256_test.json", ZCRY_SCHEME_RSA_PKCS1_V15},
+    {"RsaPssSha256", "rsa_pss_2048_sha256_mgf1_32_test.json", ZCRY_SCHEME_RSA_PSS},
+    {"RsaPssSha1", "rsa_pss_2048_sha1_mgf1_20_test.json", ZCRY_SCHEME_RSA_PSS},
+    {"DsaSha1", "dsa_1024_160_sha1_test.json", ZCRY_SCHEME_DSA_SHA1},
 };
-
-bool ReadFile(const std::string& path, std::string* text) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::ostringstream buffer;
-  buffer << in.rdbuf();
-  *text = buffer.str();
-  return true;
-}
 
 // The string member |key| of |object| as bytes; fails the test if absent.
 Bytes HexMember(const JsonValue& object, const char* key) {
@@ -72,21 +64,16 @@ uint32_t HashId(const std::string& name) {
 
 // The key of a group, defined through the key records; |der| receives the
 // group's DER SubjectPublicKeyInfo.
-ZCRY_STATUS DefineGroupKey(const JsonValue& group, uint32_t scheme, KeyHandle* key, Bytes* der,
+ZCRY_STATUS DefineGroupKey(const JsonValue& group, bool dsa, KeyHandle* key, Bytes* der,
                            uint32_t* data_word) {
-  if (scheme == ZCRY_SCHEME_DSA_SHA1) {
-    const JsonValue* k = group.Find("key");
-    if (k == nullptr || !k->IsObject()) return ZCRY_E_BAD_KEY;
-    *der = HexMember(group, "keyDer");
-    return DefineDsaKey(HexMember(*k, "p"), HexMember(*k, "q"), HexMember(*k, "g"),
-                        HexMember(*k, "y"), key, data_word);
-  }
-  *der = HexMember(group, "publicKeyDer");
-  const JsonValue* k = group.Find("publicKey");
-  if (k != nullptr && k->IsObject()) {
+  const JsonValue* k = group.Find(dsa ? "key" : "publicKey");
+  if (k == nullptr || !k->IsObject()) return ZCRY_E_BAD_KEY;
+  *der = HexMember(group, dsa ? "keyDer" : "publicKeyDer");
+  if (!dsa) {
     return DefineRsaKey(HexMember(*k, "publicExponent"), HexMember(*k, "modulus"), key, data_word);
   }
-  return DefineRsaKey(HexMember(group, "e"), HexMember(group, "n"), key, data_word);
+  return DefineDsaKey(HexMember(*k, "p"), HexMember(*k, "q"), HexMember(*k, "g"),
+                      HexMember(*k, "y"), key, data_word);
 }
 
 struct Counts {
@@ -117,9 +104,10 @@ class Wycheproof : public ::testing::TestWithParam<VectorFile> {};
 
 TEST_P(Wycheproof, EveryVectorHasItsExpectedOutcome) {
   const VectorFile& file = GetParam();
-  std::string text, error;
-  ASSERT_TRUE(ReadFile(std::string(VELK2_TESTDATA) + "/wycheproof/" + file.name, &text))
-      << file.name;
+  std::ifstream in(std::string(VELK2_TESTDATA) + "/wycheproof/" + file.name, std::ios::binary);
+  ASSERT_TRUE(in) << file.name;
+  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string error;
   JsonValue root;
   ASSERT_TRUE(ParseJson(text, &root, &error)) << error;
   const JsonValue* groups = root.Find("testGroups");
@@ -136,8 +124,9 @@ TEST_P(Wycheproof, EveryVectorHasItsExpectedOutcome) {
     KeyHandle key;
     Bytes der;
     uint32_t data_word = 0;
-    ASSERT_EQ(DefineGroupKey(group, file.scheme, &key, &der, &data_word), ZCRY_OK);
-    EXPECT_EQ(data_word, file.scheme == ZCRY_SCHEME_DSA_SHA1 ? 1024u : 2048u);
+    const bool dsa = file.scheme == ZCRY_SCHEME_DSA_SHA1;
+    ASSERT_EQ(DefineGroupKey(group, dsa, &key, &der, &data_word), ZCRY_OK);
+    EXPECT_EQ(data_word, dsa ? 1024u : 2048u);
 
     // The export is the group's own DER key, byte for byte.
     uint32_t length = 0;
@@ -150,9 +139,7 @@ TEST_P(Wycheproof, EveryVectorHasItsExpectedOutcome) {
 
     const zcry_RSAParams rsa_params = RsaParams(hash_id);
     const zcry_DSAParams dsa_params = DsaParams();
-    const void* params = file.scheme == ZCRY_SCHEME_DSA_SHA1
-                             ? static_cast<const void*>(&dsa_params)
-                             : static_cast<const void*>(&rsa_params);
+    const void* params = dsa ? static_cast<const void*>(&dsa_params) : &rsa_params;
     const JsonValue* tests = group.Find("tests");
     ASSERT_TRUE(tests != nullptr && tests->IsArray());
     for (const JsonValue& test : tests->items) {
@@ -169,7 +156,7 @@ TEST_P(Wycheproof, EveryVectorHasItsExpectedOutcome) {
       const Bytes digest = Digest(
           hash_id, std::string_view(reinterpret_cast<const char*>(message.data()), message.size()));
       Bytes signature = HexMember(test, "sig");
-      if (file.scheme == ZCRY_SCHEME_DSA_SHA1) {
+      if (dsa) {
         std::optional<Bytes> raw = DsaDerToRaw(signature);
         if (!raw) {
           // A DER signature that does not decode strictly cannot even be
@@ -207,35 +194,25 @@ TEST_P(Wycheproof, EveryVectorHasItsExpectedOutcome) {
       "%d signatures not strict DER; %d PSS with another salt length accepted\n",
       file.name, counts.valid, counts.invalid, counts.acceptable, counts.acceptable_accepted,
       counts.undecodable, counts.other_salt);
-  RecordProperty("valid", counts.valid);
-  RecordProperty("invalid", counts.invalid);
-  RecordProperty("acceptable", counts.acceptable);
   RecordProperty("acceptable_accepted", counts.acceptable_accepted);
-  RecordProperty("pss_other_salt_length", counts.other_salt);
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, Wycheproof, ::testing::ValuesIn(kFiles),
-                         [](const ::testing::TestParamInfo<VectorFile>& info) {
-                           std::string name = info.param.name;
-                           name = name.substr(0, name.find('.'));
-                           for (char& c : name) {
-                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                           }
-                           return name;
-                         });
+                         [](const auto& info) { return std::string(info.param.label); });
 
 // The test reader refuses what the vectors must never contain, without
 // crashing on deep nesting.
 TEST(TestJsonReader, ReadsDocumentsAndRefusesMalformedOnes) {
   JsonValue value;
   std::string error;
-  ASSERT_TRUE(
-      ParseJson(R"({"a": [1, -2.5e1, true, null], "s": "x\"\u00e9\ud83d\ude00"})", &value, &error))
+  ASSERT_TRUE(ParseJson(R"({"a": [1, -2.5e1, true, null], "s": "x\"\u00e9\u20ac\ud83d\n"})", &value,
+                        &error))
       << error;
   ASSERT_NE(value.Find("a"), nullptr);
   EXPECT_EQ(value.Find("a")->items.size(), 4u);
   EXPECT_EQ(value.Find("a")->items[1].number, -25.0);
-  EXPECT_EQ(value.Find("s")->text, "x\"\xC3\xA9\xF0\x9F\x98\x80");
+  EXPECT_TRUE(value.Find("a")->items[2].boolean);
+  EXPECT_EQ(value.Find("s")->text, "x\"\xC3\xA9\xE2\x82\xAC\xEF\xBF\xBD\n");
   EXPECT_EQ(value.Find("missing"), nullptr);
 
   const std::string kBad[] = {"",

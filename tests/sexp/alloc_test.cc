@@ -71,6 +71,12 @@ void operator delete[](void* memory, size_t) noexcept {
 namespace velk2 {
 namespace {
 
+// |result|, or 999 when the out-pointer does not agree with it.
+template <typename T>
+Result Agreeing(Result result, const T& out) {
+  return (result == VELK2_SUCCESS) == (out != nullptr) ? result : Result{999};
+}
+
 struct Operation {
   const char* name;
   // Runs the operation and releases whatever it made; returns its result.
@@ -87,9 +93,7 @@ TEST(SexpAllocation, EveryFailureIsReportedAndNothingLeaks) {
          Result result = source.AttachCopy(canonical.data(), canonical.size());
          if (result != VELK2_SUCCESS) return result;
          Ref<SexpList> list;
-         result = ParseCanonicalList(&list, &source, nullptr);
-         if ((result == VELK2_SUCCESS) != (list != nullptr)) return Result{999};
-         return result;
+         return Agreeing(ParseCanonicalList(&list, &source, nullptr), list);
        }},
       {"ReadCanonicalElements",
        [&] {
@@ -102,33 +106,27 @@ TEST(SexpAllocation, EveryFailureIsReportedAndNothingLeaks) {
       {"ParseTextSequence",
        [] {
          Ref<SexpList> list;
-         Result result = ParseTextSequence(&list, "(ftp (* set read write)) x", "tag", nullptr);
-         if ((result == VELK2_SUCCESS) != (list != nullptr)) return Result{999};
-         return result;
+         return Agreeing(ParseTextSequence(&list, "(ftp (* set read write)) x", "tag", nullptr),
+                         list);
        }},
       {"ParseTextList",
        [] {
          Ref<SexpList> list;
          size_t position = 0;
-         Result result = ParseTextList(&list, "(a (b c) d)", &position, nullptr);
-         if ((result == VELK2_SUCCESS) != (list != nullptr)) return Result{999};
-         return result;
+         return Agreeing(ParseTextList(&list, "(a (b c) d)", &position, nullptr), list);
        }},
       {"ParseLengthPrefixedList",
        [&] {
          Ref<SexpList> list;
          size_t position = 0;
-         Result result =
-             ParseLengthPrefixedList(&list, prefixed.data(), prefixed.size(), &position, nullptr);
-         if ((result == VELK2_SUCCESS) != (list != nullptr)) return Result{999};
-         return result;
+         return Agreeing(
+             ParseLengthPrefixedList(&list, prefixed.data(), prefixed.size(), &position, nullptr),
+             list);
        }},
       {"NewKeywordListWithText",
        [] {
          Ref<SexpList> list;
-         Result result = NewKeywordListWithText(&list, "version", "1", nullptr);
-         if ((result == VELK2_SUCCESS) != (list != nullptr)) return Result{999};
-         return result;
+         return Agreeing(NewKeywordListWithText(&list, "version", "1", nullptr), list);
        }},
       // Making an object throws std::bad_alloc, which the exports' Guard
       // turns into 3; these run under a Guard as an export would.
@@ -137,9 +135,8 @@ TEST(SexpAllocation, EveryFailureIsReportedAndNothingLeaks) {
          return Guard([]() -> Result {
            Ref<SexpList> list = SexpList::New();
            list->SetLocation(kStoreVerbatim);
-           Result result = list->SetFilePath(u"some/file/name/long/enough/to/need/a/buffer");
-           if ((result == VELK2_SUCCESS) != (list->file_path() != nullptr)) return 999;
-           return result;
+           const Result result = list->SetFilePath(u"some/file/name/long/enough/to/need/a/buffer");
+           return Agreeing(result, list->file_path());
          });
        }},
       {"AppendTextAtom and ToAdvancedText",
@@ -184,7 +181,9 @@ TEST(SexpAllocation, EveryFailureIsReportedAndNothingLeaks) {
   }
 }
 
-TEST(SexpAllocation, FailedAppendLeavesTheReferenceWithTheCaller) {
+// A failed Append leaves the reference with the caller; a failed
+// SetAtomValue leaves the atom empty.
+TEST(SexpAllocation, FailedAppendAndSetAtomValue) {
   Ref<SexpList> list = SexpList::New();
   Ref<SexpAtom> atom = testing::MakeAtom("kept");
   fail_countdown = 0;  // the list's first node
@@ -193,12 +192,9 @@ TEST(SexpAllocation, FailedAppendLeavesTheReferenceWithTheCaller) {
   ASSERT_NE(atom, nullptr);
   EXPECT_EQ(atom->bytes(), "kept");
   EXPECT_EQ(list->ChildCount(), 0u);
-  EXPECT_EQ(list->Append(std::move(atom)), VELK2_SUCCESS);
+  EXPECT_EQ(list->Append(Ref<SexpAtom>(atom)), VELK2_SUCCESS);
   EXPECT_EQ(list->ChildCount(), 1u);
-}
 
-TEST(SexpAllocation, FailedSetAtomValueLeavesTheAtomEmpty) {
-  Ref<SexpAtom> atom = testing::MakeAtom("old");
   std::string bytes(100, 'n');
   fail_countdown = 0;
   EXPECT_EQ(atom->SetAtomValue(bytes.data(), 100), VELK2_ERR_MEM_ALLOC);

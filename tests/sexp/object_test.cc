@@ -1,15 +1,17 @@
 // The object model: reference counting, list operations, atom values,
 // keyword lists, digests, equality and the whole-object writers.
 #include <gtest/gtest.h>
-#include <openssl/sha.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <tuple>
 
 #include "frame/paths.h"
 #include "platform/utf.h"
+#include "platform/zcry_test_util.h"
 #include "sexp/object.h"
 #include "sexp_test_util.h"
 
@@ -21,76 +23,45 @@ using testing::MakeAtom;
 using testing::ParseList;
 using testing::StoredOf;
 
-// An atom that counts how many of its kind are alive, so that the tests see
-// destruction happen (or not) without looking at reference counts.
-class CountedAtom : public SexpAtom {
+// An atom or list that counts how many of its kind are alive, so that the
+// tests see destruction happen (or not) without looking at reference counts.
+template <typename Base>
+class Counted : public Base {
  public:
-  CountedAtom() { ++live; }
+  Counted() { ++live; }
   static inline int live = 0;
 
  protected:
-  ~CountedAtom() override { --live; }
+  ~Counted() override { --live; }
 };
+using CountedAtom = Counted<SexpAtom>;
+using CountedList = Counted<SexpList>;
 
-class CountedList : public SexpList {
- public:
-  CountedList() { ++live; }
-  static inline int live = 0;
-
- protected:
-  ~CountedList() override { --live; }
-};
-
-TEST(SexpRefCount, AppendHandsTheReferenceToTheList) {
-  CountedAtom::live = 0;
-  {
-    Ref<SexpList> list = SexpList::New();
-    Ref<CountedAtom> atom = MakeRef<CountedAtom>();
-    ASSERT_EQ(list->Append(std::move(atom)), VELK2_SUCCESS);
-    EXPECT_EQ(atom, nullptr);
-    EXPECT_EQ(CountedAtom::live, 1);
-  }
-  // Had Append added a reference of its own, the atom would outlive the list.
-  EXPECT_EQ(CountedAtom::live, 0);
-}
-
-TEST(SexpRefCount, RemoveHandsTheReferenceBack) {
-  CountedAtom::live = 0;
+TEST(SexpRefCount, AppendHandsTheReferenceToTheListAndRemoveHandsItBack) {
   Ref<SexpObject> taken;
   {
     Ref<SexpList> list = SexpList::New();
-    Ref<CountedAtom> atom = MakeRef<CountedAtom>();
+    Ref<CountedAtom> atom = MakeRef<CountedAtom>(), dropped = MakeRef<CountedAtom>();
     SexpObject* raw = atom.get();
+    SexpObject* raw_dropped = dropped.get();
     ASSERT_EQ(list->Append(std::move(atom)), VELK2_SUCCESS);
+    ASSERT_EQ(list->Append(std::move(dropped)), VELK2_SUCCESS);
+    EXPECT_EQ(atom, nullptr);
+    EXPECT_EQ(CountedAtom::live, 2);
     ASSERT_EQ(list->RemoveChild(raw, &taken), VELK2_SUCCESS);
+    // Without a receiver the removed reference is dropped.
+    ASSERT_EQ(list->RemoveChild(raw_dropped), VELK2_SUCCESS);
+    EXPECT_EQ(CountedAtom::live, 1);
     EXPECT_EQ(list->ChildCount(), 0u);
+    ASSERT_EQ(list->Append(MakeRef<CountedAtom>()), VELK2_SUCCESS);
   }
+  // Had Append added a reference of its own, the atom would outlive the list.
   EXPECT_EQ(CountedAtom::live, 1);  // the list is gone, the removed child lives on
   taken.reset();
   EXPECT_EQ(CountedAtom::live, 0);
-
-  // Without a receiver the removed reference is dropped.
-  Ref<SexpList> list = SexpList::New();
-  Ref<CountedAtom> atom = MakeRef<CountedAtom>();
-  SexpObject* raw = atom.get();
-  ASSERT_EQ(list->Append(std::move(atom)), VELK2_SUCCESS);
-  ASSERT_EQ(list->RemoveChild(raw), VELK2_SUCCESS);
-  EXPECT_EQ(CountedAtom::live, 0);
-}
-
-TEST(SexpRefCount, ReleaseDestroysOnlyAtTheLastReference) {
-  CountedList::live = 0;
-  Ref<CountedList> first = MakeRef<CountedList>();
-  Ref<CountedList> second = first;  // count 2
-  first.reset();
-  EXPECT_EQ(CountedList::live, 1);
-  second.reset();
-  EXPECT_EQ(CountedList::live, 0);
 }
 
 TEST(SexpRefCount, DestroyingAListReleasesEveryChildOnce) {
-  CountedAtom::live = 0;
-  CountedList::live = 0;
   Ref<CountedAtom> shared = MakeRef<CountedAtom>();
   {
     Ref<CountedList> outer = MakeRef<CountedList>();
@@ -105,44 +76,32 @@ TEST(SexpRefCount, DestroyingAListReleasesEveryChildOnce) {
     ASSERT_EQ(outer->Append(MakeRef<CountedList>()), VELK2_SUCCESS);
   }
   EXPECT_EQ(CountedList::live, 0);
-  EXPECT_EQ(CountedAtom::live, 1);  // still held here
+  EXPECT_EQ(CountedAtom::live, 1);  // still held here: released only at the last reference
   shared.reset();
   EXPECT_EQ(CountedAtom::live, 0);
 }
 
-TEST(SexpList, AppendAndRemoveFailures) {
+TEST(SexpList, AppendAndRemoveFailuresAndTheFirstOccurrence) {
   Ref<SexpList> list = SexpList::New();
   Ref<SexpAtom> none;
   EXPECT_EQ(list->Append(std::move(none)), VELK2_ERR_PARAM_NULL);
+  EXPECT_EQ(list->AppendTextAtom(nullptr), VELK2_ERR_INVALID_PARAM);
+  EXPECT_EQ(list->AppendTextAtom(""), VELK2_ERR_INVALID_PARAM);
+  EXPECT_EQ(list->AppendTextAtom(std::string(kMaxAtomLength + 1, 'x').c_str()),
+            VELK2_ERR_MAX_BYTE_STRING);
   EXPECT_EQ(list->ChildCount(), 0u);
 
-  Ref<SexpAtom> stranger = MakeAtom("x");
-  EXPECT_EQ(list->RemoveChild(nullptr), VELK2_ERR_PARAM_NULL);
-  EXPECT_EQ(list->RemoveChild(stranger.get()), VELK2_ERR_NOT_IN_LIST);  // empty list
-  ASSERT_EQ(list->AppendTextAtom("a"), VELK2_SUCCESS);
-  EXPECT_EQ(list->RemoveChild(stranger.get()), VELK2_ERR_NOT_IN_LIST);  // not a child
-  EXPECT_EQ(list->ChildCount(), 1u);
-}
-
-TEST(SexpList, RemoveTakesTheFirstOccurrenceOnly) {
-  Ref<SexpList> list = SexpList::New();
   Ref<SexpAtom> twice = MakeAtom("t");
+  EXPECT_EQ(list->RemoveChild(nullptr), VELK2_ERR_PARAM_NULL);
+  EXPECT_EQ(list->RemoveChild(twice.get()), VELK2_ERR_NOT_IN_LIST);  // empty list
   ASSERT_EQ(list->AppendTextAtom("a"), VELK2_SUCCESS);
+  EXPECT_EQ(list->RemoveChild(twice.get()), VELK2_ERR_NOT_IN_LIST);  // not a child
   ASSERT_EQ(list->Append(Ref<SexpAtom>(twice)), VELK2_SUCCESS);
   ASSERT_EQ(list->AppendTextAtom("b"), VELK2_SUCCESS);
   ASSERT_EQ(list->Append(Ref<SexpAtom>(twice)), VELK2_SUCCESS);
   ASSERT_EQ(list->RemoveChild(twice.get()), VELK2_SUCCESS);
   EXPECT_EQ(CanonicalOf(*list), "(1:a1:b1:t)");
   EXPECT_EQ(list->LastChild(), twice.get());
-}
-
-TEST(SexpList, AppendTextAtomRejects) {
-  Ref<SexpList> list = SexpList::New();
-  EXPECT_EQ(list->AppendTextAtom(nullptr), VELK2_ERR_INVALID_PARAM);
-  EXPECT_EQ(list->AppendTextAtom(""), VELK2_ERR_INVALID_PARAM);
-  std::string long_text(kMaxAtomLength + 1, 'x');
-  EXPECT_EQ(list->AppendTextAtom(long_text.c_str()), VELK2_ERR_MAX_BYTE_STRING);
-  EXPECT_EQ(list->ChildCount(), 0u);
 }
 
 TEST(SexpAtom, SetAtomValueLimits) {
@@ -161,55 +120,40 @@ TEST(SexpAtom, SetAtomValueLimits) {
   std::string bytes(kMaxAtomLength + 1, 'q');
   for (const Case& c : kCases) {
     Ref<SexpAtom> atom = MakeAtom("old");
-    Result got = atom->SetAtomValue(c.null_data ? nullptr : bytes.data(), c.length, kHintUtf8);
-    EXPECT_EQ(got, c.want) << c.length;
-    if (got == VELK2_SUCCESS) {
-      EXPECT_EQ(atom->bytes(), std::string_view(bytes.data(), c.length));
-      EXPECT_EQ(atom->hint(), kHintUtf8);
-    } else {
-      EXPECT_EQ(atom->bytes(), "old");  // a refused value leaves the atom alone
-    }
+    EXPECT_EQ(atom->SetAtomValue(c.null_data ? nullptr : bytes.data(), c.length, kHintUtf8), c.want)
+        << c.length;
+    // A refused value leaves the atom alone.
+    const bool set = c.want == VELK2_SUCCESS;
+    EXPECT_EQ(atom->bytes(), set ? std::string_view(bytes.data(), c.length) : "old");
+    EXPECT_EQ(atom->hint(), set ? kHintUtf8 : kHintNone);
+  }
+  // A close buffer is kept (10 < 3 + 8), a larger or a far smaller value gets a
+  // fresh one; the bytes follow either way.
+  Ref<SexpAtom> atom = MakeAtom("abcdefghij");
+  const uint8_t* kept = atom->data();
+  for (std::string_view value : {"xyz", "abcdefghijklmnopqrst", "uv"}) {
+    ASSERT_EQ(atom->SetAtomValue(value.data(), static_cast<uint32_t>(value.size())), VELK2_SUCCESS);
+    EXPECT_EQ(atom->bytes(), value);
+    EXPECT_TRUE(value != "xyz" || atom->data() == kept);
   }
 }
 
-TEST(SexpAtom, SetAtomValueReusesACloseBuffer) {
-  Ref<SexpAtom> atom = MakeAtom("abcdefghij");  // 10 bytes
-  const uint8_t* kept = atom->data();
-  ASSERT_EQ(atom->SetAtomValue("xyz", 3), VELK2_SUCCESS);  // 10 < 3 + 8: kept
-  EXPECT_EQ(atom->data(), kept);
-  EXPECT_EQ(atom->bytes(), "xyz");
-  ASSERT_EQ(atom->SetAtomValue("abcdefghijklmnopqrst", 20), VELK2_SUCCESS);  // grows
-  EXPECT_EQ(atom->bytes(), "abcdefghijklmnopqrst");
-  ASSERT_EQ(atom->SetAtomValue("uv", 2), VELK2_SUCCESS);  // 20 >= 2 + 8: a fresh buffer
-  EXPECT_EQ(atom->bytes(), "uv");
-}
-
-TEST(SexpAtom, AtomEqualsText) {
+TEST(SexpAtom, AtomEqualsTextAndAtomAsWide) {
   Ref<SexpAtom> atom = MakeAtom("cert");
   EXPECT_TRUE(atom->AtomEqualsText("cert"));
-  EXPECT_FALSE(atom->AtomEqualsText("cer"));
-  EXPECT_FALSE(atom->AtomEqualsText("certs"));
-  EXPECT_FALSE(atom->AtomEqualsText("CERT"));
-  EXPECT_FALSE(atom->AtomEqualsText(nullptr));
-  Ref<SexpAtom> empty = SexpAtom::New();
-  EXPECT_TRUE(empty->AtomEqualsText(""));
-  Ref<SexpAtom> embedded = MakeAtom(std::string_view("ab\0c", 4));
-  EXPECT_FALSE(embedded->AtomEqualsText("ab"));
-}
+  for (const char* other : {"cer", "certs", "CERT", static_cast<const char*>(nullptr)}) {
+    EXPECT_FALSE(atom->AtomEqualsText(other)) << (other ? other : "(null)");
+  }
+  EXPECT_TRUE(SexpAtom::New()->AtomEqualsText(""));
+  EXPECT_FALSE(MakeAtom(std::string_view("ab\0c", 4))->AtomEqualsText("ab"));
 
-TEST(SexpAtom, AtomAsWideConvertsUtf8) {
-  Ref<SexpAtom> atom = MakeAtom("h\xC3\xA9llo");
-  CBuffer<char16_t> wide = atom->AtomAsWide();
-  ASSERT_NE(wide, nullptr);
-  EXPECT_EQ(std::u16string(wide.get()), u"h\u00E9llo");
-  Ref<SexpAtom> bad = MakeAtom("a\xFF");
-  wide = bad->AtomAsWide();
-  ASSERT_NE(wide, nullptr);
-  EXPECT_EQ(std::u16string(wide.get()), u"a\uFFFD");
-  Ref<SexpAtom> empty = SexpAtom::New();
-  wide = empty->AtomAsWide();
-  ASSERT_NE(wide, nullptr);
-  EXPECT_EQ(wide.get()[0], 0);
+  const std::pair<std::string, std::u16string> kWide[] = {
+      {"h\xC3\xA9llo", u"h\u00E9llo"}, {"a\xFF", u"a\uFFFD"}, {"", u""}};
+  for (const auto& [bytes, want] : kWide) {
+    CBuffer<char16_t> wide = MakeAtom(bytes)->AtomAsWide();
+    ASSERT_NE(wide, nullptr);
+    EXPECT_EQ(std::u16string(wide.get()), want);
+  }
 }
 
 TEST(SexpKeywordList, Variants) {
@@ -240,34 +184,21 @@ TEST(SexpKeywordList, Variants) {
   EXPECT_EQ(list, nullptr);
 }
 
-std::string Sha256Of(std::string_view bytes) {
-  unsigned char digest[SHA256_DIGEST_LENGTH];
-  SHA256(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest);
-  return std::string(reinterpret_cast<char*>(digest), sizeof(digest));
-}
-
 TEST(SexpHash, ComputeHashDigestsTheStoredOrCanonicalForm) {
   const char kText[] = "(4:cert([bin]3:abc)([num]1:\x02)0:)";
   Ref<SexpList> list = ParseList(std::string_view(kText, sizeof(kText) - 1));
   ASSERT_NE(list, nullptr);
-  struct Case {
-    bool skip_hints;
-    std::string want_input;
-  };
-  const Case kCases[] = {{false, StoredOf(*list)}, {true, CanonicalOf(*list)}};
-  EXPECT_NE(kCases[0].want_input, kCases[1].want_input);
-  for (const Case& c : kCases) {
-    CBuffer<uint8_t> digest;
-    uint32_t length = 0;
-    ASSERT_EQ(ComputeHash(list.get(), &digest, &length, ZCRY_HASH_SHA256, c.skip_hints),
-              VELK2_SUCCESS);
-    ASSERT_EQ(length, 32u);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(digest.get()), length), Sha256Of(c.want_input));
+  ASSERT_NE(StoredOf(*list), CanonicalOf(*list));
+  for (uint32_t id : {ZCRY_HASH_SHA1, ZCRY_HASH_SHA256}) {
+    for (bool skip_hints : {false, true}) {
+      CBuffer<uint8_t> digest;
+      uint32_t length = 0;
+      ASSERT_EQ(ComputeHash(list.get(), &digest, &length, id, skip_hints), VELK2_SUCCESS);
+      EXPECT_EQ(testing::Bytes(digest.get(), digest.get() + length),
+                testing::Digest(id, skip_hints ? CanonicalOf(*list) : StoredOf(*list)))
+          << id << " " << skip_hints;
+    }
   }
-  CBuffer<uint8_t> digest;
-  uint32_t length = 0;
-  ASSERT_EQ(ComputeHash(list.get(), &digest, &length, ZCRY_HASH_SHA1, true), VELK2_SUCCESS);
-  EXPECT_EQ(length, 20u);
 }
 
 TEST(SexpHash, ComputeHashFailures) {
@@ -343,13 +274,8 @@ TEST(SexpWholeWriters, ToAdvancedTextCutsTheKeyword) {
       {hash->FirstChild(), "", nullptr},
   };
   for (const Case& c : kCases) {
-    CBuffer<char> got = ToAdvancedText(c.object, c.keyword);
-    if (c.want == nullptr) {
-      EXPECT_EQ(got, nullptr) << (c.keyword ? c.keyword : "(null)");
-    } else {
-      ASSERT_NE(got, nullptr) << c.want;
-      EXPECT_STREQ(got.get(), c.want);
-    }
+    EXPECT_STREQ(ToAdvancedText(c.object, c.keyword).get(), c.want)
+        << (c.keyword ? c.keyword : "(null)");
   }
   CBuffer<char16_t> wide = ToAdvancedTextWide(tag.get(), "tag");
   ASSERT_NE(wide, nullptr);
@@ -364,77 +290,51 @@ class StoredKind : public SexpList {
   const char16_t* FileExtension() const override { return u".cert"; }
 };
 
-class SexpStoreTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    root_ =
-        std::filesystem::temp_directory_path() / ("velk2_sexp_store_" + std::to_string(::getpid()));
-    std::filesystem::remove_all(root_);
-    std::filesystem::create_directories(root_ / "home");
-    std::filesystem::create_directories(root_ / "global");
-    ASSERT_EQ(SetHomeDirectory(Utf8ToUtf16((root_ / "home").string()).c_str()), VELK2_SUCCESS);
-    ASSERT_EQ(SetGlobalDirectory(Utf8ToUtf16((root_ / "global").string()).c_str()), VELK2_SUCCESS);
-  }
-  void TearDown() override {
-    SetHomeDirectory(u"");
-    SetGlobalDirectory(u"");
-    std::filesystem::remove_all(root_);
-  }
-  std::filesystem::path root_;
-};
+TEST(SexpStore, FilePathAndDirectoryFollowTheLocation) {
+  const std::filesystem::path root =
+      std::filesystem::temp_directory_path() / ("velk2_sexp_store_" + std::to_string(::getpid()));
+  std::filesystem::remove_all(root);
+  std::filesystem::create_directories(root / "home");
+  std::filesystem::create_directories(root / "global");
+  ASSERT_EQ(SetHomeDirectory(Utf8ToUtf16((root / "home").string()).c_str()), VELK2_SUCCESS);
+  ASSERT_EQ(SetGlobalDirectory(Utf8ToUtf16((root / "global").string()).c_str()), VELK2_SUCCESS);
 
-TEST_F(SexpStoreTest, SetFilePathFollowsTheLocation) {
   Ref<StoredKind> object = MakeRef<StoredKind>();
   EXPECT_EQ(object->file_path(), nullptr);
   EXPECT_EQ(object->SetFilePath(nullptr), VELK2_ERR_INVALID_PARAM);
-  struct Case {
-    uint32_t location;
-    const char16_t* name;
-    std::string want;
-  };
-  const Case kCases[] = {
-      {kStoreHome, u"x", (root_ / "home/cert/x.cert").string()},
-      {kStoreGlobal, u"dir/x.CERT", (root_ / "global/cert/x.CERT").string()},
+  const std::tuple<uint32_t, const char16_t*, std::string> kCases[] = {
+      {kStoreGlobal, u"dir/x.CERT", (root / "global/cert/x.CERT").string()},
       {kStoreVerbatim, u"some/where/y", "some/where/y.cert"},
+      {kStoreHome, u"x", (root / "home/cert/x.cert").string()},
   };
-  for (const Case& c : kCases) {
-    object->SetLocation(c.location);
-    ASSERT_EQ(object->SetFilePath(c.name), VELK2_SUCCESS);
+  for (const auto& [location, name, want] : kCases) {
+    object->SetLocation(location);
+    ASSERT_EQ(object->SetFilePath(name), VELK2_SUCCESS);
     ASSERT_NE(object->file_path(), nullptr);
-    EXPECT_EQ(Utf16ToUtf8(object->file_path()), c.want);
+    EXPECT_EQ(Utf16ToUtf8(object->file_path()), want);
+    EXPECT_EQ(object->EnsureStoreDirectory(), VELK2_SUCCESS);
+    // Only the directory of the location is made.
+    EXPECT_EQ(std::filesystem::is_directory(root / "home/cert"), location == kStoreHome);
   }
+  EXPECT_TRUE(std::filesystem::is_directory(root / "global/cert"));
   // A plain list has no store names: the name is taken as it stands.
   Ref<SexpList> plain = SexpList::New();
   ASSERT_EQ(plain->SetFilePath(u"plain"), VELK2_SUCCESS);
   EXPECT_EQ(std::u16string(plain->file_path()), u"plain");
   // A failure leaves no path behind.
-  object->SetLocation(kStoreHome);
-  std::u16string too_long(400, u'n');
-  EXPECT_EQ(object->SetFilePath(too_long.c_str()), VELK2_ERR_MEM_ALLOC);
+  EXPECT_EQ(object->SetFilePath(std::u16string(400, u'n').c_str()), VELK2_ERR_MEM_ALLOC);
   EXPECT_EQ(object->file_path(), nullptr);
-}
-
-TEST_F(SexpStoreTest, EnsureStoreDirectory) {
-  Ref<StoredKind> object = MakeRef<StoredKind>();
-  object->SetLocation(kStoreGlobal);
-  EXPECT_EQ(object->EnsureStoreDirectory(), VELK2_SUCCESS);
-  EXPECT_TRUE(std::filesystem::is_directory(root_ / "global/cert"));
-  EXPECT_FALSE(std::filesystem::exists(root_ / "home/cert"));
-  object->SetLocation(kStoreHome);
-  EXPECT_EQ(object->EnsureStoreDirectory(), VELK2_SUCCESS);
-  EXPECT_TRUE(std::filesystem::is_directory(root_ / "home/cert"));
-  object->SetLocation(kStoreVerbatim);
-  EXPECT_EQ(object->EnsureStoreDirectory(), VELK2_SUCCESS);
   object->SetLocation(7);
   EXPECT_EQ(object->EnsureStoreDirectory(), VELK2_ERR_FIND_DIR);
   // A root that is a file cannot hold the directory.
-  std::filesystem::remove_all(root_ / "home");
-  {
-    std::FILE* f = std::fopen((root_ / "home").c_str(), "w");
-    std::fclose(f);
-  }
+  std::filesystem::remove_all(root / "home");
+  std::ofstream(root / "home").put('x');
   object->SetLocation(kStoreHome);
   EXPECT_EQ(object->EnsureStoreDirectory(), VELK2_ERR_FILE_OPEN);
+
+  SetHomeDirectory(u"");
+  SetGlobalDirectory(u"");
+  std::filesystem::remove_all(root);
 }
 
 }  // namespace

@@ -19,7 +19,12 @@ SexpMemorySource* Attached(SexpMemorySource* source, std::string_view text) {
 
 TEST(SexpSource, AttachTakesDataOnce) {
   SexpMemorySource source;
+  char byte;
   EXPECT_FALSE(source.has_data());
+  EXPECT_EQ(source.Expect("(", 1), VELK2_ERR_INVALID_PARAM);
+  EXPECT_EQ(source.Seek(0, kSeekSet), -1);
+  EXPECT_EQ(source.GetByte(true), -1);
+  EXPECT_EQ(source.Read(&byte, 1, true), -1);
   ASSERT_EQ(source.Attach({'(', ')'}), VELK2_SUCCESS);
   EXPECT_EQ(source.length(), 2);
   EXPECT_EQ(source.position(), 0);
@@ -27,16 +32,7 @@ TEST(SexpSource, AttachTakesDataOnce) {
   EXPECT_EQ(source.AttachCopy("x", 1), VELK2_ERR_INVALID_DATA);
   EXPECT_EQ(source.LoadFile(u"/"), VELK2_ERR_INVALID_DATA);
   EXPECT_EQ(source.length(), 2);
-  EXPECT_EQ(NewMemorySource({}) == nullptr, false);  // an empty buffer is still data
-}
-
-TEST(SexpSource, NoDataAnswers) {
-  SexpMemorySource source;
-  char byte;
-  EXPECT_EQ(source.Expect("(", 1), VELK2_ERR_INVALID_PARAM);
-  EXPECT_EQ(source.Seek(0, kSeekSet), -1);
-  EXPECT_EQ(source.GetByte(true), -1);
-  EXPECT_EQ(source.Read(&byte, 1, true), -1);
+  EXPECT_NE(NewMemorySource({}), nullptr);  // an empty buffer is still data
 }
 
 TEST(SexpSource, ExpectModes) {
@@ -156,49 +152,31 @@ class SexpSourceFileTest : public ::testing::Test {
   std::filesystem::path dir_;
 };
 
-TEST_F(SexpSourceFileTest, LoadFileSizeLimit) {
-  struct Case {
-    size_t size;
-    Result want;
-  };
-  const Case kCases[] = {
-      {0, VELK2_SUCCESS},
-      {1, VELK2_SUCCESS},
-      {kMaxSourceFileSize, VELK2_SUCCESS},
-      {kMaxSourceFileSize + 1, VELK2_ERR_MEM_ALLOC},
-  };
-  for (const Case& c : kCases) {
-    std::u16string path = WriteFile("f" + std::to_string(c.size), c.size);
+TEST_F(SexpSourceFileTest, LoadFileSizeLimitAndFailures) {
+  for (uint32_t size : {0u, 1u, kMaxSourceFileSize, kMaxSourceFileSize + 1}) {
+    const Result want = size > kMaxSourceFileSize ? VELK2_ERR_MEM_ALLOC : VELK2_SUCCESS;
     SexpMemorySource source;
-    EXPECT_EQ(source.LoadFile(path.c_str()), c.want) << c.size;
-    EXPECT_EQ(source.has_data(), c.want == VELK2_SUCCESS);
-    if (c.want == VELK2_SUCCESS) {
-      EXPECT_EQ(source.length(), static_cast<int32_t>(c.size));
-      EXPECT_EQ(source.position(), 0);
-    }
+    EXPECT_EQ(source.LoadFile(WriteFile("f" + std::to_string(size), size).c_str()), want) << size;
+    EXPECT_EQ(source.has_data(), want == VELK2_SUCCESS);
+    EXPECT_EQ(source.length(), want == VELK2_SUCCESS ? static_cast<int32_t>(size) : 0);
+    EXPECT_EQ(source.position(), 0);
   }
-}
 
-TEST_F(SexpSourceFileTest, LoadFileFailures) {
   SexpMemorySource missing;
   std::u16string nothing = Utf8ToUtf16((dir_ / "missing").string());
   EXPECT_EQ(missing.LoadFile(nothing.c_str()), VELK2_ERR_INVALID_DATA);
   EXPECT_EQ(NewFileSource(nothing.c_str()), nullptr);
-
   // A directory is found but cannot be opened as a file.
   std::filesystem::create_directories(dir_ / "sub");
-  std::u16string directory = Utf8ToUtf16((dir_ / "sub").string());
   SexpMemorySource from_directory;
-  EXPECT_EQ(from_directory.LoadFile(directory.c_str()), VELK2_ERR_FILE_OPEN);
+  EXPECT_EQ(from_directory.LoadFile(Utf8ToUtf16((dir_ / "sub").string()).c_str()),
+            VELK2_ERR_FILE_OPEN);
   EXPECT_FALSE(from_directory.has_data());
-
-  // A file that cannot be read.
+  // A file that cannot be read (root reads it anyway).
   std::u16string locked = WriteFile("locked", 3);
   std::filesystem::permissions(dir_ / "locked", std::filesystem::perms::none);
   SexpMemorySource from_locked;
-  if (::geteuid() != 0) {  // root reads it anyway
-    EXPECT_EQ(from_locked.LoadFile(locked.c_str()), VELK2_ERR_FILE_OPEN);
-  }
+  EXPECT_TRUE(::geteuid() == 0 || from_locked.LoadFile(locked.c_str()) == VELK2_ERR_FILE_OPEN);
 
   std::u16string path = WriteFile("twice", 3);
   std::unique_ptr<SexpMemorySource> source = NewFileSource(path.c_str());

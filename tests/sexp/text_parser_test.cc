@@ -21,19 +21,27 @@ std::unique_ptr<char[]> Exact(std::string_view text) {
   return buffer;
 }
 
+// A parsed list against the canonical text wanted; a failure leaves no list.
+void ExpectList(Result result, const Ref<SexpList>& list, Result want, const std::string& canonical,
+                const std::string& input) {
+  EXPECT_EQ(result, want) << input;
+  if (want != VELK2_SUCCESS) {
+    EXPECT_EQ(list, nullptr) << input;
+  } else if (list != nullptr) {
+    EXPECT_EQ(CanonicalOf(*list), canonical) << input;
+  } else {
+    ADD_FAILURE() << "no list from " << input;
+  }
+}
+
 TEST(SexpTextParser, SkipSpace) {
-  size_t position = 0;
+  size_t position = 0, bounded = 0, high = 0;
   SkipSpace(" \t\n\v\f\rx", &position);
+  SkipSpace("    ", 2, &bounded);
+  SkipSpace("\xA0x", &high);  // no-break space is not white space in the C locale
   EXPECT_EQ(position, 6u);
-  position = 1;
-  SkipSpace("a  b", &position);
-  EXPECT_EQ(position, 3u);
-  position = 0;
-  SkipSpace("    ", 2, &position);
-  EXPECT_EQ(position, 2u);
-  position = 0;
-  SkipSpace("\xA0x", &position);  // no-break space is not white space in the C locale
-  EXPECT_EQ(position, 0u);
+  EXPECT_EQ(bounded, 2u);
+  EXPECT_EQ(high, 0u);
 }
 
 TEST(SexpTextParser, ExpectLiteralBoundedComparesFromThePositionIndex) {
@@ -125,14 +133,8 @@ TEST(SexpTextParser, ParseTextList) {
   for (const Case& c : kCases) {
     Ref<SexpList> list;
     size_t position = 0;
-    EXPECT_EQ(ParseTextList(&list, c.text, &position, nullptr), c.want) << c.text;
+    ExpectList(ParseTextList(&list, c.text, &position, nullptr), list, c.want, c.canonical, c.text);
     EXPECT_EQ(position, c.want_position) << c.text;
-    if (c.want == VELK2_SUCCESS) {
-      ASSERT_NE(list, nullptr);
-      EXPECT_EQ(CanonicalOf(*list), c.canonical) << c.text;
-    } else {
-      EXPECT_EQ(list, nullptr) << c.text;
-    }
   }
 }
 
@@ -156,13 +158,8 @@ TEST(SexpTextParser, ParseTextSequence) {
   };
   for (const Case& c : kCases) {
     Ref<SexpList> list;
-    EXPECT_EQ(ParseTextSequence(&list, c.text, c.keyword, nullptr), c.want) << c.text;
-    if (c.want == VELK2_SUCCESS) {
-      ASSERT_NE(list, nullptr);
-      EXPECT_EQ(CanonicalOf(*list), c.canonical) << c.text;
-    } else {
-      EXPECT_EQ(list, nullptr) << c.text;
-    }
+    ExpectList(ParseTextSequence(&list, c.text, c.keyword, nullptr), list, c.want, c.canonical,
+               c.text);
   }
   Ref<SexpList> list;
   EXPECT_EQ(ParseTextSequence(&list, nullptr, "tag", nullptr), VELK2_ERR_INVALID_PARAM);
@@ -241,15 +238,9 @@ TEST(SexpTextParser, ParseLengthPrefixedList) {
     auto text = Exact(c.text);
     Ref<SexpList> list;
     size_t position = 0;
-    EXPECT_EQ(ParseLengthPrefixedList(&list, text.get(), c.text.size(), &position, nullptr), c.want)
-        << c.text;
+    ExpectList(ParseLengthPrefixedList(&list, text.get(), c.text.size(), &position, nullptr), list,
+               c.want, c.canonical, c.text);
     EXPECT_EQ(position, c.want_position) << c.text;
-    if (c.want == VELK2_SUCCESS) {
-      ASSERT_NE(list, nullptr);
-      EXPECT_EQ(CanonicalOf(*list), c.canonical) << c.text;
-    } else {
-      EXPECT_EQ(list, nullptr) << c.text;
-    }
   }
 }
 
