@@ -5,7 +5,6 @@
 #define VELK2_FRAME_GUARD_H_
 
 #include <new>
-#include <type_traits>
 
 #include "frame/result.h"
 
@@ -19,16 +18,6 @@ Result Guard(F&& body) noexcept {
     return VELK2_ERR_MEM_ALLOC;
   } catch (...) {
     return VELK2_FAILURE;
-  }
-}
-
-// For exports that return a pointer or a value: |fallback| when the body throws.
-template <typename F, typename T>
-auto GuardValue(T fallback, F&& body) noexcept -> decltype(body()) {
-  try {
-    return body();
-  } catch (...) {
-    return fallback;
   }
 }
 

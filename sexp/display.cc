@@ -1,6 +1,7 @@
 // The readable display form.
 #include "sexp/display.h"
 
+#include <cstdint>
 #include <cstring>
 
 #include "frame/guard.h"
@@ -96,11 +97,15 @@ void AppendAtom(const SexpAtom& atom, std::string* out) {
 }
 
 // Appends the one-line form of |object| to |out|; false (|out| then holds
-// partial text) as soon as it grows past |limit| bytes, which also bounds the
-// recursion.
-bool AppendInline(const SexpObject& object, size_t limit, std::string* out) {
+// partial text) as soon as it grows past |limit| bytes. Lists nested past the
+// writers' limit are cut to "(...)", which bounds the recursion.
+bool AppendInline(const SexpObject& object, uint32_t depth, size_t limit, std::string* out) {
   if (const SexpAtom* atom = object.AsAtom()) {
     AppendAtom(*atom, out);
+    return out->size() <= limit;
+  }
+  if (depth >= kMaxWriteDepth) {
+    out->append("(...)");
     return out->size() <= limit;
   }
   const SexpList* list = object.AsList();
@@ -108,28 +113,10 @@ bool AppendInline(const SexpObject& object, size_t limit, std::string* out) {
   if (out->size() > limit) return false;
   for (size_t i = 0; i < list->ChildCount(); ++i) {
     if (i > 0) out->push_back(' ');
-    if (!AppendInline(*list->ChildAt(i), limit, out)) return false;
+    if (!AppendInline(*list->ChildAt(i), depth + 1, limit, out)) return false;
   }
   out->push_back(')');
   return out->size() <= limit;
-}
-
-void AppendLine(const SexpObject& object, uint32_t depth, std::string* out) {
-  if (const SexpAtom* atom = object.AsAtom()) {
-    AppendAtom(*atom, out);
-    return;
-  }
-  if (depth >= kMaxWriteDepth) {
-    out->append("(...)");
-    return;
-  }
-  const SexpList* list = object.AsList();
-  out->push_back('(');
-  for (size_t i = 0; i < list->ChildCount(); ++i) {
-    if (i > 0) out->push_back(' ');
-    AppendLine(*list->ChildAt(i), depth + 1, out);
-  }
-  out->push_back(')');
 }
 
 void AppendIndent(uint32_t depth, std::string* out) {
@@ -146,7 +133,7 @@ void AppendElement(const SexpObject& object, uint32_t depth, std::string* out) {
     return;
   }
   std::string line;
-  if (AppendInline(object, kInlineLimit, &line)) {
+  if (AppendInline(object, depth, kInlineLimit, &line)) {
     out->append(line);
     return;
   }
@@ -199,7 +186,7 @@ std::string FormatReadable(const SexpObject& object) {
 
 std::string FormatReadableLine(const SexpObject& object) {
   std::string out;
-  AppendLine(object, 0, &out);
+  AppendInline(object, 0, SIZE_MAX, &out);
   return out;
 }
 
