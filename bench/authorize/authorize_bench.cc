@@ -37,8 +37,8 @@ std::string Acl(int entries) {
 std::string Chain(int links) {
   std::string sequence = "(8:sequence";
   for (int i = 0; i < links; ++i) {
-    std::string issuer = Key("C" + std::to_string(i));
-    std::string subject = Key("C" + std::to_string(i + 1));
+    std::string issuer = Key(std::string("C").append(std::to_string(i)));
+    std::string subject = Key(std::string("C").append(std::to_string(i + 1)));
     sequence += "(4:cert(7:version1:1)(6:issuer" + issuer + ")(7:subject" + subject +
                 ")(9:propagate)" + kTag + kValid + ")";
     sequence += "(9:signature(4:hash6:sha25632:01234567890123456789012345678901)" + issuer +
@@ -52,7 +52,7 @@ void BM_ReduceCanonical(benchmark::State& state) {
   const int entries = static_cast<int>(state.range(1));
   const std::string acl = Acl(entries);
   const std::string sequence = Chain(links);
-  const std::string key = Key("C" + std::to_string(links));
+  const std::string key = Key(std::string("C").append(std::to_string(links)));
   const std::string tag = "(3:tag(7:install8:packages))";
   const std::string_view tag_view = tag;
   std::string result;

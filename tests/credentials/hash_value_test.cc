@@ -155,7 +155,8 @@ TEST_F(HashFileTest, DigestsFilesAroundBlockBoundaries) {
     for (char& b : bytes) b = static_cast<char>(random());
     uint8_t digest[32] = {};
     uint32_t length = 0;
-    ASSERT_EQ(HashFile(Write("f" + std::to_string(size), bytes).c_str(), digest, &length, nullptr),
+    ASSERT_EQ(HashFile(Write(std::string("f").append(std::to_string(size)), bytes).c_str(), digest,
+                       &length, nullptr),
               VELK2_SUCCESS)
         << size;
     EXPECT_EQ(length, 32u);

@@ -47,8 +47,10 @@ class EngineFixture : public ::testing::Test {
   // One element: "read", "(ftp host)", "(* set a b)"; "head:NAME" gives the
   // head node of the list (NAME).
   EngineNode* Element(std::string_view text) {
-    if (text.substr(0, 5) == "head:") return Readable("(" + std::string(text.substr(5)) + ")");
-    EngineNode* list = Readable("(element " + std::string(text) + ")");
+    if (text.substr(0, 5) == "head:") {
+      return Readable(std::string("(").append(text.substr(5)).append(")"));
+    }
+    EngineNode* list = Readable(std::string("(element ").append(text).append(")"));
     return list != nullptr ? list->next : nullptr;
   }
 

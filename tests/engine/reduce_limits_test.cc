@@ -194,7 +194,8 @@ TEST(ReduceLimits, HonestInputsStayFarBelowTheLimits) {
   // A chain of 50 certificates derives one tuple per link.
   std::string sequence = "(8:sequence";
   for (int i = 0; i < 50; ++i) {
-    sequence += Cert(Key("C" + std::to_string(i)), {Key("C" + std::to_string(i + 1)), true, kFtp});
+    sequence += Cert(Key(std::string("C").append(std::to_string(i))),
+                     {Key(std::string("C").append(std::to_string(i + 1))), true, kFtp});
   }
   sequence += ")";
   const std::string acl = Acl({Entry({Key("C0"), true, kFtp})});
@@ -220,7 +221,8 @@ TEST(ReduceLimits, EveryFailureInsideTheReductionFreesEverything) {
                       Cert("(4:name" + K0 + "4:team)", {K1}) +
                       Cert(KA, {K1, false, Canonical("(tag (ftp host))")});
   for (int i = 1; i < 40; ++i) {
-    chain += Cert(Key("L" + std::to_string(i)), {Key("L" + std::to_string(i + 1)), true, kFtp});
+    chain += Cert(Key(std::string("L").append(std::to_string(i))),
+                  {Key(std::string("L").append(std::to_string(i + 1))), true, kFtp});
   }
   chain += Cert(Key("L40"), {K1, false, kFtp});
   const std::string broken = "(4:cert(7:subject" + K1 + "))";

@@ -156,7 +156,10 @@ TEST_F(SexpSourceFileTest, LoadFileSizeLimitAndFailures) {
   for (uint32_t size : {0u, 1u, kMaxSourceFileSize, kMaxSourceFileSize + 1}) {
     const Result want = size > kMaxSourceFileSize ? VELK2_ERR_MEM_ALLOC : VELK2_SUCCESS;
     SexpMemorySource source;
-    EXPECT_EQ(source.LoadFile(WriteFile("f" + std::to_string(size), size).c_str()), want) << size;
+    EXPECT_EQ(
+        source.LoadFile(WriteFile(std::string("f").append(std::to_string(size)), size).c_str()),
+        want)
+        << size;
     EXPECT_EQ(source.has_data(), want == VELK2_SUCCESS);
     EXPECT_EQ(source.length(), want == VELK2_SUCCESS ? static_cast<int32_t>(size) : 0);
     EXPECT_EQ(source.position(), 0);

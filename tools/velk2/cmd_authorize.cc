@@ -147,10 +147,8 @@ class Explainer {
     auto ids = [&]() {
       std::string out;
       for (size_t i = 0; i < t.parents.size(); ++i) {
-        out += (i == 0                      ? ""
-                : i + 1 == t.parents.size() ? " and "
-                                            : ", ") +
-               ("[" + std::to_string(t.parents[i]) + "]");
+        out += i == 0 ? "" : i + 1 == t.parents.size() ? " and " : ", ";
+        out.append("[").append(std::to_string(t.parents[i])).append("]");
       }
       return out;
     };
@@ -418,7 +416,7 @@ std::string JsonOrNull(const std::string& text) {
 std::string TupleJson(const Explainer& x, const TraceTuple& t) {
   std::string parents;
   for (size_t i = 0; i < t.parents.size(); ++i) {
-    parents += (i ? "," : "") + std::to_string(t.parents[i]);
+    parents.append(i ? "," : "").append(std::to_string(t.parents[i]));
   }
   return "{\"id\":" + std::to_string(t.id) + ",\"kind\":" + JsonString(t.kind) +
          ",\"issuer\":" + JsonOrNull(t.issuer) +
@@ -443,7 +441,8 @@ void PrintJson(const Story& s) {
   auto tuples = [&](const std::vector<int>& ids) {
     std::string list;
     for (int id : ids) {
-      if (const TraceTuple* t = x.Find(id)) list += (list.empty() ? "" : ",") + TupleJson(x, *t);
+      if (const TraceTuple* t = x.Find(id))
+        list.append(list.empty() ? "" : ",").append(TupleJson(x, *t));
     }
     return "[" + list + "]";
   };
@@ -454,16 +453,17 @@ void PrintJson(const Story& s) {
   out += ",\"considered\":" + tuples(all);
   auto strings = [](const std::vector<std::string>& items) {
     std::string list;
-    for (const std::string& item : items) list += (list.empty() ? "" : ",") + JsonString(item);
+    for (const std::string& item : items)
+      list.append(list.empty() ? "" : ",").append(JsonString(item));
     return "[" + list + "]";
   };
   out += ",\"reasons\":" + strings(x.Reasons());
   out += ",\"left_out\":" + strings(x.LeftOut());
   std::string skipped;
   for (const Skipped& k : s.skipped) {
-    skipped += (skipped.empty() ? "" : ",") + std::string("{\"file\":") + JsonString(k.file) +
-               ",\"result\":" + std::to_string(static_cast<int32_t>(k.code)) +
-               ",\"message\":" + JsonString(StatusMessage(k.code)) + "}";
+    skipped.append(skipped.empty() ? "" : ",").append("{\"file\":").append(JsonString(k.file));
+    skipped.append(",\"result\":").append(std::to_string(static_cast<int32_t>(k.code)));
+    skipped.append(",\"message\":").append(JsonString(StatusMessage(k.code))).append("}");
   }
   out += ",\"skipped_files\":[" + skipped + "]";
   out += ",\"limit_reached\":" + std::string(s.trace.limit_reached ? "true" : "false");
