@@ -1,10 +1,13 @@
 #include "platform/files.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 
 #include "platform/utf.h"
 
@@ -37,27 +40,66 @@ bool NameLess(const DirectoryEntry& a, const DirectoryEntry& b) {
 
 FileHandle OpenFile(const char16_t* path, uint32_t mode) {
   if (path == nullptr) return nullptr;
+  int flags;
   const char* m;
   switch (static_cast<OpenMode>(mode)) {
     case OpenMode::kWrite:
+      flags = O_WRONLY | O_CREAT | O_TRUNC;
       m = "wb";
       break;
     case OpenMode::kRead:
+      flags = O_RDONLY;
       m = "rb";
       break;
     case OpenMode::kAppend:
+      flags = O_WRONLY | O_CREAT | O_APPEND;
       m = "ab";
       break;
     default:
       return nullptr;
   }
-  std::string native = NativePath(path);
-  if (static_cast<OpenMode>(mode) == OpenMode::kRead) {
-    // fopen opens a directory for reading on Linux; it is no file to read.
-    struct stat st;
-    if (::stat(native.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return nullptr;
+  // Opened without blocking: a FIFO or device in place of a credential file
+  // would otherwise hang the open (or the first read) for ever.
+  const int fd = ::open(NativePath(path).c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+  if (fd < 0) return nullptr;
+  // Only a regular file is read or written: checked on the opened descriptor,
+  // so the name cannot be swapped between the check and the use.
+  struct stat st;
+  const int status = ::fcntl(fd, F_GETFL);
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || status < 0 ||
+      ::fcntl(fd, F_SETFL, status & ~O_NONBLOCK) != 0) {
+    ::close(fd);
+    return nullptr;
   }
-  return FileHandle(std::fopen(native.c_str(), m));
+  std::FILE* stream = ::fdopen(fd, m);
+  if (stream == nullptr) ::close(fd);
+  return FileHandle(stream);
+}
+
+int64_t OpenFileSize(std::FILE* stream) {
+  struct stat st;
+  if (stream == nullptr || ::fstat(::fileno(stream), &st) != 0) return -1;
+  return static_cast<int64_t>(st.st_size);
+}
+
+VELK2_RESULT ReadWholeFile(const char16_t* path, uint64_t max_size, std::vector<uint8_t>* bytes) {
+  bytes->clear();
+  FileHandle file = OpenFile(path, static_cast<uint32_t>(OpenMode::kRead));
+  if (file == nullptr) return VELK2_ERR_FILE_OPEN;
+  // The size of what was opened counts: the name may have changed meanwhile.
+  const int64_t size = OpenFileSize(file.get());
+  if (size < 0) return VELK2_ERR_FILE_OPEN;
+  if (static_cast<uint64_t>(size) > max_size) return VELK2_ERR_MEM_ALLOC;
+  try {
+    bytes->resize(static_cast<size_t>(size));
+  } catch (const std::bad_alloc&) {
+    return VELK2_ERR_MEM_ALLOC;
+  }
+  if (ReadBytes(file.get(), bytes->data(), bytes->size()) != bytes->size()) {
+    bytes->clear();
+    return VELK2_ERR_FILE_OPEN;
+  }
+  return VELK2_SUCCESS;
 }
 
 size_t ReadBytes(std::FILE* stream, void* buffer, size_t count) {

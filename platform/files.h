@@ -21,8 +21,18 @@ struct FileCloser {
 };
 using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
 
-// Opens |path| with "wb", "rb" or "ab"; null on failure or for another mode.
+// OpenFile opens |path| as "wb", "rb" or "ab". Null on failure, for another
+// mode, and when the path is not a regular file (a directory, FIFO, socket or
+// device): the open never blocks, and the type is checked on the opened
+// descriptor.
 FileHandle OpenFile(const char16_t* path, uint32_t mode);
+// OpenFileSize is the size of the open file in bytes, -1 when unknown.
+int64_t OpenFileSize(std::FILE* stream);
+// ReadWholeFile reads the regular file at |path| into |bytes|. 0 on success;
+// VELK2_ERR_FILE_OPEN (7) when it cannot be opened, is not a regular file, or
+// fewer bytes arrive than its size; VELK2_ERR_MEM_ALLOC (3) when it is larger
+// than |max_size| bytes or memory runs out. |bytes| is empty after a failure.
+VELK2_RESULT ReadWholeFile(const char16_t* path, uint64_t max_size, std::vector<uint8_t>* bytes);
 // Transfer |count| bytes; each returns the count actually transferred.
 size_t ReadBytes(std::FILE* stream, void* buffer, size_t count);
 size_t WriteBytes(std::FILE* stream, const void* buffer, size_t count);

@@ -34,19 +34,10 @@ Result SexpMemorySource::LoadFile(const char16_t* path) {
   FileStatus status;
   if (StatFile(path, &status) != 0) return VELK2_ERR_INVALID_DATA;
   if (status.size > kMaxSourceFileSize) return VELK2_ERR_MEM_ALLOC;
-  // A directory cannot be opened as a file (Linux would open it and fail later).
-  if (status.mode & kStatDirectory) return VELK2_ERR_FILE_OPEN;
-  FileHandle file = OpenFile(path, static_cast<uint32_t>(OpenMode::kRead));
-  if (file == nullptr) return VELK2_ERR_FILE_OPEN;
+  // Directories, FIFOs and devices do not open: a credential is a regular file.
   std::vector<uint8_t> bytes;
-  try {
-    bytes.resize(status.size);
-  } catch (const std::bad_alloc&) {
-    return VELK2_ERR_MEM_ALLOC;
-  }
-  if (ReadBytes(file.get(), bytes.data(), bytes.size()) != bytes.size()) {
-    return VELK2_ERR_FILE_OPEN;
-  }
+  const Result result = ReadWholeFile(path, kMaxSourceFileSize, &bytes);
+  if (result != VELK2_SUCCESS) return result;
   return Attach(std::move(bytes));
 }
 

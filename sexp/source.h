@@ -48,7 +48,8 @@ class SexpSource {
   // LoadFile reads the whole file at |path| as the data. 6 when data is
   // already present or the path does not exist; VELK2_ERR_MEM_ALLOC (3) for a
   // file over kMaxSourceFileSize bytes; VELK2_ERR_FILE_OPEN (7) when it cannot
-  // be opened or fewer bytes arrive than its size.
+  // be opened or fewer bytes arrive than its size, and for anything that is
+  // not a regular file (a directory, FIFO or device is never read).
   virtual Result LoadFile(const char16_t* path) = 0;
   // Expect matches |literal| (|length| bytes, or its strlen for
   // kLiteralLength) at the position. 2 without data or literal. When it would

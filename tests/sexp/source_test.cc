@@ -1,5 +1,6 @@
 // The memory source: attaching, whole-file loading, literals, seeking and reads.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -175,6 +176,14 @@ TEST_F(SexpSourceFileTest, LoadFileSizeLimitAndFailures) {
   EXPECT_EQ(from_directory.LoadFile(Utf8ToUtf16((dir_ / "sub").string()).c_str()),
             VELK2_ERR_FILE_OPEN);
   EXPECT_FALSE(from_directory.has_data());
+  // A FIFO or a device is found but never read: reading a FIFO would block.
+  ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0600), 0);
+  for (const std::u16string& special :
+       {Utf8ToUtf16((dir_ / "fifo").string()), std::u16string(u"/dev/null")}) {
+    SexpMemorySource from_special;
+    EXPECT_EQ(from_special.LoadFile(special.c_str()), VELK2_ERR_FILE_OPEN);
+    EXPECT_FALSE(from_special.has_data());
+  }
   // A file that cannot be read (root reads it anyway).
   std::u16string locked = WriteFile("locked", 3);
   std::filesystem::permissions(dir_ / "locked", std::filesystem::perms::none);

@@ -17,6 +17,9 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
+#include "platform/files.h"
+#include "platform/utf.h"
+
 namespace velk2::issuing {
 namespace {
 
@@ -140,8 +143,15 @@ VELK2_RESULT PrivateKey::Generate(KeyType type, int bits, PrivateKey* out) {
 }
 
 VELK2_RESULT PrivateKey::LoadPem(const std::string& path, PrivateKey* out) {
-  Bio bio(BIO_new_file(path.c_str(), "rb"));
-  if (!bio) return VELK2_ERR_FILE_OPEN;
+  // Read through the library's reader: a FIFO or device named as the key
+  // must fail, not block. A PEM key is a few kilobytes.
+  constexpr uint64_t kMaxPemSize = 1 << 20;
+  std::vector<uint8_t> pem;
+  if (ReadWholeFile(Utf8ToUtf16(path).c_str(), kMaxPemSize, &pem) != VELK2_SUCCESS) {
+    return VELK2_ERR_FILE_OPEN;
+  }
+  Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  if (!bio) return VELK2_ERR_MEM_ALLOC;
   // No passphrase callback: the toolkit writes unencrypted keys only.
   Pkey key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, const_cast<char*>("")));
   if (!key) return VELK2_ERR_PRIVATE_KEY_TYPE;
