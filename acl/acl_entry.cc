@@ -19,6 +19,12 @@ bool IsBareName(const char16_t* name) {
   return true;
 }
 
+// A tag is a list headed by the atom "tag".
+bool IsTagList(const SexpList& list) {
+  const SexpObject* head = list.FirstChild();
+  return head != nullptr && head->AsAtom() != nullptr && head->AsAtom()->AtomEqualsText("tag");
+}
+
 }  // namespace
 
 const AclEntry* AclEntry::From(const SexpObject* object) {
@@ -77,6 +83,9 @@ Result ReadAclEntry(AclEntry* entry, SexpSource* source) {
     Ref<SexpList> tag;
     result = ParseCanonicalList(&tag, source, context);
     if (result != VELK2_SUCCESS) return result;
+    // An entry is a root grant and the engine reads a missing tag as the one
+    // asked for, so any other list here would grant everything: refused.
+    if (!IsTagList(*tag)) return VELK2_ERR_AUTH_TAG_MISSING;
     e.tag_ = tag;
     result = e.Append(std::move(tag));
     if (result != VELK2_SUCCESS) return result;

@@ -6,7 +6,7 @@
 //   "(7:version1:1)"                   optional, these bytes exactly
 //   "(7:subject" subject ")"           a public key, hash value or k-of-n
 //   "(9:propagate)"                    optional
-//   tag                                any list, kept as it was read
+//   tag                                a list headed "tag", kept as read
 //   "(5:valid" ["(10:not-before" date ")"] ["(9:not-after" date ")"] ")"
 //                                      optional
 //   "(10:generation" atom ")"          optional
@@ -57,7 +57,8 @@ class AclEntry final : public Credential {
   // The subject principal: a PublicKey, HashValue or KOfN.
   const Principal* subject() const { return subject_.get(); }
   bool propagate() const { return propagate_ != 0; }
-  // The tag list, read by the generic list reader and not interpreted here.
+  // The tag list, read by the generic list reader; only its head "tag" is
+  // checked here.
   const SexpList* tag() const { return tag_.get(); }
   const SexpAtom* not_before() const { return not_before_.get(); }
   const SexpAtom* not_after() const { return not_after_.get(); }
@@ -91,7 +92,9 @@ class AclEntry final : public Credential {
 // is not empty. A literal that does not match gives the source's code (6, or
 // 7 at the end of the data): a version other than "1" fails so, as does a
 // field out of order or unknown. VELK2_ERR_PRINCIPAL (11) for a subject that
-// is no key, hash or k-of-n; the readers' codes otherwise; 3 for memory.
+// is no key, hash or k-of-n; VELK2_ERR_AUTH_TAG_MISSING (35) when the tag
+// slot holds a list not headed by the atom "tag"; the readers' codes
+// otherwise; 3 for memory.
 // When the tag is followed by ")" the entry is complete and the ")" is left
 // unread (harmless: the file is closed right after). On failure the entry
 // may be partly filled; its caller releases it.

@@ -4,11 +4,13 @@
 #include "acl/acl_entry.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <vector>
 
 #include "acl/acl_test_util.h"
+#include "acl/authorize.h"
 #include "credentials/certificate.h"
 #include "credentials/hash_value.h"
 #include "credentials/public_key.h"
@@ -256,18 +258,25 @@ TEST_F(GlobalDirectory, EntryFileBareNameOrPath) {
 
 // Directories are written one character per "*.acl" file, in name order:
 // a, b or c a complete entry with that comment, t one cut before its last
-// ")", 2 an entry of version 2. The comments of the entries loaded, in
-// order, are a string of the same letters.
+// ")", 2 an entry of version 2, j an entry whose tag slot holds (junk pkg),
+// f a FIFO. The comments of the entries loaded, in order, are a string of
+// the same letters.
 void WriteDirectory(const std::string& path, const std::string& files) {
   std::filesystem::create_directories(path);
   const std::string good = EntryWithComment("a");
   for (size_t i = 0; i < files.size(); ++i) {
     const char f = files[i];
-    const std::string bytes = f == 't' ? good.substr(0, good.size() - 2)
-                              : f == '2'
-                                  ? "(5:entry(7:version1:2)(7:subject" + Key() + ")" + Tag() + ")"
-                                  : EntryWithComment(std::string(1, f));
-    WriteFile(path + "/" + std::to_string(10 + i) + ".acl", bytes);
+    const std::string name = path + "/" + std::to_string(10 + i) + ".acl";
+    if (f == 'f') {
+      ASSERT_EQ(::mkfifo(name.c_str(), 0600), 0) << name;
+      continue;
+    }
+    const std::string bytes =
+        f == 't'   ? good.substr(0, good.size() - 2)
+        : f == '2' ? "(5:entry(7:version1:2)(7:subject" + Key() + ")" + Tag() + ")"
+        : f == 'j' ? "(5:entry(7:subject" + Key() + ")(4:junk(3:pkg))(7:comment1:j))"
+                   : EntryWithComment(std::string(1, f));
+    WriteFile(name, bytes);
   }
 }
 
@@ -289,9 +298,16 @@ TEST_F(GlobalDirectory, DirectoryScanKeepsTheLastFilesResult) {
     const char* comments;
   };
   const Case cases[] = {
-      {"ab", VELK2_SUCCESS, "ab"},         {"2b", VELK2_SUCCESS, "b"},  // version 2 skipped
-      {"at", VELK2_ERR_FILE_OPEN, "a"},    {"tb", VELK2_SUCCESS, "b"},
+      {"ab", VELK2_SUCCESS, "ab"},
+      {"2b", VELK2_SUCCESS, "b"},  // version 2 skipped
+      {"at", VELK2_ERR_FILE_OPEN, "a"},
+      {"tb", VELK2_SUCCESS, "b"},
       {"a2", VELK2_ERR_INVALID_DATA, "a"},
+      // A FIFO is skipped like any unreadable file, without waiting for a writer.
+      {"fb", VELK2_SUCCESS, "b"},
+      {"af", VELK2_ERR_FILE_OPEN, "a"},
+      {"jb", VELK2_SUCCESS, "b"},
+      {"aj", VELK2_ERR_AUTH_TAG_MISSING, "a"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.files);
@@ -369,6 +385,52 @@ TEST_F(GlobalDirectory, LoadAclRules) {
   EXPECT_EQ(LoadAcl(&taken, nullptr, nullptr), VELK2_ERR_INVALID_PARAM);
   EXPECT_EQ(LoadAcl(nullptr, nullptr, nullptr), VELK2_ERR_INVALID_PARAM);
   EXPECT_EQ(LoadAclFromDirectory(&none, nullptr, nullptr, nullptr), VELK2_ERR_INVALID_PARAM);
+}
+
+// The engine reads an entry without a tag as granting whatever is asked, so
+// a list in the tag slot that is not a tag must never load.
+TEST(ReadAclEntry, TagSlotHoldsATag) {
+  struct Case {
+    const char* tag;
+    Result want;
+  };
+  const Case kCases[] = {
+      {"(3:tag(3:pkg))", VELK2_SUCCESS},
+      {"(3:tag(1:*))", VELK2_SUCCESS},
+      {"(4:junk(3:pkg))", VELK2_ERR_AUTH_TAG_MISSING},
+      {"(5:valid(9:not-after19:2099-01-01_00:00:00))", VELK2_ERR_AUTH_TAG_MISSING},
+      {"(4:tags(3:pkg))", VELK2_ERR_AUTH_TAG_MISSING},
+      {"(2:ta(3:pkg))", VELK2_ERR_AUTH_TAG_MISSING},
+      {"((3:tag)(3:pkg))", VELK2_ERR_AUTH_TAG_MISSING},
+      {"()", VELK2_ERR_AUTH_TAG_MISSING},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.tag);
+    Parsed p = Read("(5:entry(7:subject" + Key() + ")(9:propagate)" + c.tag + ")");
+    EXPECT_EQ(p.result, c.want);
+  }
+}
+
+TEST_F(GlobalDirectory, EntryWithoutATagAuthorizesNothing) {
+  // Key 0 holds (pkg install) through a good entry; key 1's entry has no tag.
+  WriteFile(AclPath("0.acl"), "(5:entry(7:subject" + KeyText(TestKey(1)) + ")(4:junk(3:pkg)))");
+  WriteFile(AclPath("1.acl"), EntryWithComment("good"));
+  Ref<SexpList> acl;
+  ASSERT_EQ(LoadAcl(&acl, nullptr, nullptr), VELK2_SUCCESS);
+  EXPECT_EQ(Comments(*acl), "good");
+  Ref<SexpList> sequence;
+  ASSERT_EQ(NewKeywordList(&sequence, "sequence", nullptr), VELK2_SUCCESS);
+  for (const char* asked : {"(pkg install)", "(anything)"}) {
+    SCOPED_TRACE(asked);
+    Ref<SexpList> tag = testing::TagList(asked);
+    EXPECT_EQ(AuthorizeKey(nullptr, acl.get(), sequence.get(), testing::PublicKeyList(1).get(),
+                           tag.get(), nullptr),
+              VELK2_ERR_NOT_AUTHORIZED);
+  }
+  Ref<SexpList> install = testing::TagList("(pkg install)");
+  EXPECT_EQ(AuthorizeKey(nullptr, acl.get(), sequence.get(), testing::PublicKeyList(0).get(),
+                         install.get(), nullptr),
+            VELK2_SUCCESS);
 }
 
 TEST(ExtractEntryTag, ReadsTheFirstEntrysTag) {
