@@ -79,6 +79,14 @@ const char* SpkiErrorMessageUtf8(Status code) {
   return RowOf(code).utf8;
 }
 
+bool IsEngineStatus(Status code) {
+  if (code == kEngineArenaUnavailable) return true;
+  for (const SpkiErrorText& row : kSpkiErrorText) {
+    if (row.code == code) return true;
+  }
+  return false;
+}
+
 int SpkiErrorCount() {
   return static_cast<int>(std::size(kSpkiErrorText));
 }

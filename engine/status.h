@@ -59,6 +59,11 @@ inline constexpr Status kEngineArenaUnavailable = 16386;
 // descends into both operands).
 inline constexpr int kMaxNesting = 64;
 
+// IsEngineStatus: whether |code| is a status only the engine gives (a code of
+// its table, or kEngineArenaUnavailable). The library passes these through
+// to its callers, so a result code may be one: such a result means that the
+// question could not be decided, not that the answer is no.
+bool IsEngineStatus(Status code);
 // SpkiErrorMessage returns the engine's constant UTF-16 text of |code|; a code
 // that is not in the table (a gap in the numbering, any positive value) gives
 // the text of -200, "Unknown SPKI problem".

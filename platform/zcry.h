@@ -29,6 +29,27 @@ enum : ZCRY_STATUS {
   ZCRY_E_BUFFER_TOO_SMALL = 1070,   // an output buffer is too small
 };
 
+// Whether |status| is one of the failure statuses above.
+inline bool ZcryIsStatus(uint32_t status) {
+  switch (status) {
+    case ZCRY_E_NULL_ARGUMENT:
+    case ZCRY_E_BAD_RECORD:
+    case ZCRY_E_UNKNOWN_ALGORITHM:
+    case ZCRY_E_NO_MEMORY:
+    case ZCRY_E_BAD_KEY:
+    case ZCRY_E_BAD_SCHEME:
+    case ZCRY_E_BAD_PARAMETERS:
+    case ZCRY_E_BAD_DIGEST_LENGTH:
+    case ZCRY_E_UNKNOWN_HASH:
+    case ZCRY_E_HASH_FINISHED:
+    case ZCRY_E_INTERNAL:
+    case ZCRY_E_BUFFER_TOO_SMALL:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // Hash identifiers.
 enum : uint32_t {
   ZCRY_HASH_SHA1 = 0,

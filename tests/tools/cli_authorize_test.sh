@@ -90,36 +90,36 @@ printf '(8:sequence)' > none.cert
 ask=("$velk2" authorize --acl-dir acl --certs chain.cert --key pkg.pub)
 
 # ---- authorize: the answers ----
-check "authorized" 0 "${ask[@]}" --tag '(pkg install)'
+check "authorized" 0 "${ask[@]}" --tag '(pkg install)' --any-time
 has "result 0" out.txt '^result: 0 '
 has "authorized yes" out.txt '^authorized: yes$'
 check "in the period" 0 "${ask[@]}" --tag '(pkg install)' --not-before 2027-01-01_00:00:00 --not-after 2027-02-01_00:00:00
-check "not authorized" 1 "${ask[@]}" --tag '(pkg remove)'
+check "not authorized" 1 "${ask[@]}" --tag '(pkg remove)' --any-time
 has "result 31" out.txt '^result: 31 '
 has "authorized no" out.txt '^authorized: no$'
-check "narrower grant" 1 "${ask[@]}" --tag "$any_tag"
+check "narrower grant" 1 "${ask[@]}" --tag "$any_tag" --any-time
 has "result 67" out.txt '^result: 67 The specified package is not granted the specified authorization'
 check "outside the period" 1 "${ask[@]}" --tag '(pkg install)' --not-before 2031-01-01_00:00:00
 has "period 31" out.txt '^result: 31 '
-check "another key" 1 "$velk2" authorize --acl-dir acl --certs chain.cert --key other.pub --tag '(pkg install)'
-check "direct grant, no certificates" 0 "$velk2" authorize --acl-dir acl --certs none.cert --key root.pub --tag '(pkg install)'
-check "chain without propagate" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)'
+check "another key" 1 "$velk2" authorize --acl-dir acl --certs chain.cert --key other.pub --tag '(pkg install)' --any-time
+check "direct grant, no certificates" 0 "$velk2" authorize --acl-dir acl --certs none.cert --key root.pub --tag '(pkg install)' --any-time
+check "chain without propagate" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)' --any-time
 
 # ---- authorize: usage and unreadable input ----
-check "no tag" 2 "${ask[@]}"
-check "bad tag" 2 "${ask[@]}" --tag '(pkg'
+check "no tag" 2 "${ask[@]}" --any-time
+check "bad tag" 2 "${ask[@]}" --tag '(pkg' --any-time
 check "bad date" 2 "${ask[@]}" --tag '(x)' --not-before yesterday
 check "dates reversed" 2 "${ask[@]}" --tag '(x)' --not-before 2027-01-01_00:00:00 --not-after 2026-01-01_00:00:00
-check "missing key" 2 "$velk2" authorize --acl-dir acl --certs chain.cert --key none.pub --tag '(x)'
-check "missing certificates" 2 "$velk2" authorize --acl-dir acl --certs none-such.cert --key pkg.pub --tag '(x)'
+check "missing key" 2 "$velk2" authorize --acl-dir acl --certs chain.cert --key none.pub --tag '(x)' --any-time
+check "missing certificates" 2 "$velk2" authorize --acl-dir acl --certs none-such.cert --key pkg.pub --tag '(x)' --any-time
 printf '(8:sequence' > broken.cert
-check "broken certificate file" 2 "$velk2" authorize --acl-dir acl --certs broken.cert --key pkg.pub --tag '(x)'
-check "empty ACL directory" 2 "$velk2" authorize --acl-dir empty --certs chain.cert --key pkg.pub --tag '(x)'
-check "missing ACL directory" 2 "$velk2" authorize --acl-dir nowhere --certs chain.cert --key pkg.pub --tag '(x)'
-check "bad last ACL file" 2 "$velk2" authorize --acl-dir mixed --certs chain.cert --key pkg.pub --tag '(pkg install)'
+check "broken certificate file" 2 "$velk2" authorize --acl-dir acl --certs broken.cert --key pkg.pub --tag '(x)' --any-time
+check "empty ACL directory" 2 "$velk2" authorize --acl-dir empty --certs chain.cert --key pkg.pub --tag '(x)' --any-time
+check "missing ACL directory" 2 "$velk2" authorize --acl-dir nowhere --certs chain.cert --key pkg.pub --tag '(x)' --any-time
+check "bad last ACL file" 2 "$velk2" authorize --acl-dir mixed --certs chain.cert --key pkg.pub --tag '(pkg install)' --any-time
 has "bad last file named" err.txt 'skipped mixed/b.acl'
 has "bad last file refuses the ACL" err.txt ': 5 '
-check "unknown option" 2 "${ask[@]}" --tag '(x)' --frob
+check "unknown option" 2 "${ask[@]}" --tag '(x)' --frob --any-time
 
 # A certificate changed after signing: the signatures are checked first.
 python3 - <<'EOF'
@@ -127,43 +127,81 @@ data = open('chain.cert', 'rb').read()
 at = data.index(b'(3:pkg7:install)')
 open('tampered.cert', 'wb').write(data[:at] + b'(3:pkg7:instalX)' + data[at + 16:])
 EOF
-check "tampered certificate" 1 "$velk2" authorize --acl-dir acl --certs tampered.cert --key pkg.pub --tag '(pkg install)'
+check "tampered certificate" 1 "$velk2" authorize --acl-dir acl --certs tampered.cert --key pkg.pub --tag '(pkg install)' --any-time
 has "tampered entry named" err.txt 'certificate 2 of tampered.cert \(owner dev\): its signature does not verify: 22 '
 
 # ---- --explain ----
-check "explain yes" 0 "${ask[@]}" --tag '(pkg install)' --explain
-has "explain question" out.txt "^question: does pkg.pub \[${pkg_fp:0:16}\] hold \(pkg install\)\?"
+check "explain yes" 0 "${ask[@]}" --tag '(pkg install)' --explain --any-time
+has "explain question" out.txt "^question: does pkg.pub \[${pkg_fp:0:16}\] hold \(pkg install\) at any time\?"
 has "explain reduced entry" out.txt '1\. \[[0-9]+\] the ACL grants pkg.pub .* \(pkg install\), from 2026-01-01_00:00:00 until 2030-01-01_00:00:00'
 has "explain ACL entry" out.txt 'ACL entry root.acl, which states \(pkg \(\* set install remove\)\)'
 has "explain certificate" out.txt 'certificate chain.cert #2 \(owner dev\)'
 has "explain derivation" out.txt 'chained from \[[0-9]+\] and \[[0-9]+\]'
 has "explain issuer named" out.txt "root \[${root_fp:0:16}\] grants dev"
-check "explain no propagate" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)' --explain
+check "explain no propagate" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)' --explain --any-time
 has "explain empty" out.txt 'reduced ACL: empty'
 has "explain why" out.txt 'dev \[[0-9a-f]+\] grants towards the key .* lack propagate, so it cannot pass authority on'
 check "explain period" 1 "${ask[@]}" --tag '(pkg install)' --not-before 2031-01-01_00:00:00 --explain
 has "explain left out" out.txt 'certificate chain.cert #2 \(owner dev\) names the key but was left out'
-check "explain narrower" 1 "${ask[@]}" --tag "$any_tag" --explain
+check "explain narrower" 1 "${ask[@]}" --tag "$any_tag" --explain --any-time
 has "explain 67" out.txt 'grants \(pkg install\), which does not cover the requested \(pkg \(\* set install remove\)\)'
 
 # ---- --json ----
-check "json yes" 0 "${ask[@]}" --tag '(pkg install)' --json
+check "json yes" 0 "${ask[@]}" --tag '(pkg install)' --json --any-time
 json "json yes" "j['result'] == 0 and j['authorized'] is True and len(j['entries']) == 1 and len(j['chain']) == 5"
 json "json entry" "j['entries'][0]['subject'] == '$pkg_fp' and j['entries'][0]['issuer'] is None and j['entries'][0]['tag'] == '(pkg install)'"
 json "json chain" "[t['kind'] for t in j['chain']].count('derived') == 2 and j['chain'][-1]['parents'] != []"
 json "json question" "j['question']['key'] == '$pkg_fp' and j['question']['not_before'] is None"
-check "json no" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)' --json
+check "json no" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)' --json --any-time
 json "json no" "j['result'] == 31 and j['authorized'] is False and j['entries'] == [] and len(j['reasons']) == 1 and len(j['considered']) == 3"
-check "json 67" 1 "${ask[@]}" --tag "$any_tag" --json
+check "json 67" 1 "${ask[@]}" --tag "$any_tag" --json --any-time
 json "json 67" "j['result'] == 67 and j['message'].startswith('The specified package') and len(j['entries']) == 1"
-check "json tampered" 1 "$velk2" authorize --acl-dir acl --certs tampered.cert --key pkg.pub --tag '(pkg install)' --json
+check "json tampered" 1 "$velk2" authorize --acl-dir acl --certs tampered.cert --key pkg.pub --tag '(pkg install)' --json --any-time
 json "json tampered" "j['result'] == 22 and j['stage'] == 'signatures' and j['certificate'] == 2 and j['owner'] == 'dev'"
 mkdir first-bad
 printf 'not an entry' > first-bad/a.acl
 cp acl/root.acl first-bad/b.acl
-check "json with a skipped first file" 0 "$velk2" authorize --acl-dir first-bad --certs chain.cert --key pkg.pub --tag '(pkg install)' --json
+check "json with a skipped first file" 0 "$velk2" authorize --acl-dir first-bad --certs chain.cert --key pkg.pub --tag '(pkg install)' --json --any-time
 json "json skipped" "j['authorized'] is True and [s['file'] for s in j['skipped_files']] == ['first-bad/a.acl'] and j['skipped_files'][0]['result'] == 6"
 [ -z "$(ls acl | grep -v '\.acl$')" ] || fail "stray files in acl/"
+
+# ---- the period: now unless told otherwise ----
+# Dates relative to the clock, so that the answers never depend on the day the test runs.
+past=$(date -u -d '-2 days' +%Y-%m-%d_%H:%M:%S)
+yesterday=$(date -u -d '-1 day' +%Y-%m-%d_%H:%M:%S)
+tomorrow=$(date -u -d '+1 day' +%Y-%m-%d_%H:%M:%S)
+mkdir expired current
+"$velk2" acl add --subject pkg.pub --tag '(pkg install)' --not-before "$past" --not-after "$yesterday" \
+  --out expired/pkg.acl >/dev/null || fail "expired entry"
+"$velk2" acl add --subject pkg.pub --tag '(pkg install)' --not-before "$yesterday" --not-after "$tomorrow" \
+  --out current/pkg.acl >/dev/null || fail "current entry"
+check "expired entry, no dates: asked about now" 1 "$velk2" authorize --acl-dir expired --certs none.cert --key pkg.pub --tag '(pkg install)'
+has "expired: not authorized" out.txt '^authorized: no$'
+check "expired entry, --any-time" 0 "$velk2" authorize --acl-dir expired --certs none.cert --key pkg.pub --tag '(pkg install)' --any-time
+check "expired entry, in its period" 0 "$velk2" authorize --acl-dir expired --certs none.cert --key pkg.pub --tag '(pkg install)' --not-after "$yesterday"
+check "current entry, no dates" 0 "$velk2" authorize --acl-dir current --certs none.cert --key pkg.pub --tag '(pkg install)' --explain
+has "explain now" out.txt '^question: does .* hold \(pkg install\) now \([0-9]{4}-[0-9]{2}-[0-9]{2}_[0-9:]{8}\)\?'
+check "now, json" 0 "$velk2" authorize --acl-dir current --certs none.cert --key pkg.pub --tag '(pkg install)' --json
+json "json now" "j['question']['not_before'] is not None and j['question']['not_before'] == j['question']['not_after'] and j['decided'] is True"
+check "--any-time with a date" 2 "$velk2" authorize --acl-dir current --certs none.cert --key pkg.pub --tag '(x)' --any-time --not-after "$tomorrow"
+
+# ---- a question that cannot be decided is no answer ----
+# A hand-written entry whose tag nests deeper than the engine goes: the engine
+# refuses the whole question (-130), which must not read as "not authorized".
+mkdir deep
+python3 - <<'EOF2'
+key = open('root.pub', 'rb').read()
+tag = b'(3:tag' + b'(1:a' * 70 + b')' * 70 + b')'
+open('deep/a.acl', 'wb').write(b'(5:entry(7:subject' + key + b')' + tag + b')')
+EOF2
+check "engine error" 2 "$velk2" authorize --acl-dir deep --certs none.cert --key root.pub --tag '(pkg install)' --any-time
+has "engine error undecided" out.txt '^authorized: undecided$'
+has "engine error text" err.txt 'could not be decided: -130 '
+check "engine error, json" 2 "$velk2" authorize --acl-dir deep --certs none.cert --key root.pub --tag '(pkg install)' --any-time --json
+json "json undecided" "j['result'] == -130 and j['decided'] is False and j['authorized'] is False"
+check "message of a crypto status" 0 "$velk2" message 1009 -200
+has "crypto status text" out.txt '^1009: the crypto library refused the key \(status 1009\)$'
+has "engine status text" out.txt '^-200: '
 
 echo "cli authorize test: $failures failures"
 [ "$failures" -eq 0 ]

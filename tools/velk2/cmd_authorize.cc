@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <optional>
 #include <set>
@@ -21,6 +22,7 @@
 #include "sexp/display.h"
 #include "tools/issuing/issuer.h"
 #include "tools/velk2/commands.h"
+#include "tools/velk2/messages.h"
 #include "tools/velk2/options.h"
 #include "tools/velk2/support.h"
 #include "tools/velk2/support_acl.h"
@@ -81,6 +83,8 @@ struct Story {
   std::string key;  // fingerprint
   std::string tag;  // readable
   std::string not_before, not_after;
+  bool at_now = false;    // no period given: the question is about now
+  bool any_time = false;  // --any-time: no period at all
   std::string acl_dir, certs_file;
   std::vector<AclFile> acl;
   std::vector<CertificateInfo> certificates;
@@ -350,12 +354,20 @@ class Explainer {
 
 void PrintText(const Story& s, bool explain) {
   std::printf("result: %s\n", StatusText(s.result).c_str());
-  std::printf("authorized: %s\n", s.result == VELK2_SUCCESS ? "yes" : "no");
+  std::printf("authorized: %s\n", Undecided(s.result)         ? "undecided"
+                                  : s.result == VELK2_SUCCESS ? "yes"
+                                                              : "no");
   if (!explain) return;
   Explainer x(s);
   std::printf("\nquestion: does %s hold %s", x.Who(s.key, false).c_str(), s.tag.c_str());
-  if (!s.not_before.empty()) std::printf(" from %s", s.not_before.c_str());
-  if (!s.not_after.empty()) std::printf(" until %s", s.not_after.c_str());
+  if (s.at_now) {
+    std::printf(" now (%s)", s.not_before.c_str());
+  } else if (s.any_time) {
+    std::printf(" at any time");
+  } else {
+    if (!s.not_before.empty()) std::printf(" from %s", s.not_before.c_str());
+    if (!s.not_after.empty()) std::printf(" until %s", s.not_after.c_str());
+  }
   std::printf("?\n");
   std::printf("ACL: %zu %s from %s", s.acl.size(), s.acl.size() == 1 ? "entry" : "entries",
               s.acl_dir.c_str());
@@ -434,7 +446,8 @@ void PrintJson(const Story& s) {
   Explainer x(s);
   std::string out = "{\"result\":" + std::to_string(static_cast<int32_t>(s.result)) +
                     ",\"message\":" + JsonString(StatusMessage(s.result)) +
-                    ",\"authorized\":" + (s.result == VELK2_SUCCESS ? "true" : "false");
+                    ",\"authorized\":" + (s.result == VELK2_SUCCESS ? "true" : "false") +
+                    ",\"decided\":" + (Undecided(s.result) ? "false" : "true");
   out += ",\"question\":{\"key\":" + JsonString(s.key) + ",\"key_file\":" + JsonString(s.key_file) +
          ",\"tag\":" + JsonString(s.tag) + ",\"not_before\":" + JsonOrNull(s.not_before) +
          ",\"not_after\":" + JsonOrNull(s.not_after) + "}";
@@ -467,6 +480,7 @@ void PrintJson(const Story& s) {
   }
   out += ",\"skipped_files\":[" + skipped + "]";
   out += ",\"limit_reached\":" + std::string(s.trace.limit_reached ? "true" : "false");
+  out += ",\"limit\":" + JsonOrNull(s.trace.limit_reached ? s.trace.limit : std::string());
   out += "}\n";
   std::fwrite(out.data(), 1, out.size(), stdout);
 }
@@ -505,7 +519,7 @@ int LoadAclDirectory(const std::string& dir, Story* story, Ref<SexpList>* acl) {
 
 int RunAuthorize(const Args& args) {
   Options options({"acl-dir", "certs", "key", "tag", "not-before", "not-after"},
-                  {"explain", "json"});
+                  {"explain", "json", "any-time"});
   if (!options.Parse(args)) return UsageError(kName, options.error());
   std::optional<std::string> acl_dir = options.Get("acl-dir");
   std::optional<std::string> certs = options.Get("certs");
@@ -537,6 +551,17 @@ int RunAuthorize(const Args& args) {
   }
   if (times[0] && times[1] && *times[0] > *times[1]) {
     return UsageError(kName, "--not-before is after --not-after");
+  }
+  story.any_time = options.Has("any-time");
+  if (story.any_time && (times[0] || times[1])) {
+    return UsageError(kName, "--any-time takes no --not-before or --not-after");
+  }
+  if (!story.any_time && !times[0] && !times[1]) {
+    // Without a period a person means now: an expired grant must not count.
+    const int64_t now = static_cast<int64_t>(std::time(nullptr));
+    times[0] = times[1] = now;
+    story.not_before = story.not_after = issuing::FormatDate(now);
+    story.at_now = true;
   }
   Result r = VELK2_SUCCESS;
   if (times[0] || times[1]) {
@@ -646,15 +671,25 @@ int RunAuthorize(const Args& args) {
   } else {
     PrintText(story, options.Has("explain"));
   }
+  if (Undecided(story.result)) {
+    // No answer is not the answer no: the engine or the crypto library gave up.
+    std::string why = "the question could not be decided: " + StatusText(story.result);
+    if (story.trace.limit_reached) {
+      why += " (the reduction stopped at its limit of " + story.trace.limit + ")";
+    }
+    return Fail(kExitUsage, kName, why);
+  }
   return story.result == VELK2_SUCCESS ? kExitOk : kExitFailure;
 }
 
 VELK2_COMMAND("authorize",
               "--acl-dir DIR --certs FILE.cert --key FILE.pub --tag TEXT [--not-before DATE] "
-              "[--not-after DATE] [--explain] [--json]",
+              "[--not-after DATE | --any-time] [--explain] [--json]",
               "ask whether the key holds TEXT under the ACL of DIR through the certificates of "
-              "FILE.cert (signatures checked first); exit 0 authorized, 1 not, 2 usage or "
-              "unreadable input; --explain tells why, --json prints the same as one JSON object",
+              "FILE.cert (signatures checked first); without dates the question is about now, "
+              "--any-time asks without a period; exit 0 authorized, 1 not, 2 usage, unreadable "
+              "input or undecided (an engine limit or error); --explain tells why, --json prints "
+              "the same as one JSON object",
               RunAuthorize);
 
 }  // namespace

@@ -8,8 +8,14 @@
 namespace velk2::cli {
 
 // The message of |value|: a negative value read as a 32-bit engine status is
-// the engine's text; anything else the library's message of the result code.
+// the engine's text; a status of the crypto library says so with its number;
+// anything else is the library's message of the result code.
 std::string MessageOf(long long value);
+
+// Undecided: whether a result means that the question could not be decided
+// (an engine status or a crypto library status passed through), as opposed
+// to an answer.
+bool Undecided(long long value);
 
 }  // namespace velk2::cli
 

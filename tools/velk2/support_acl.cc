@@ -146,9 +146,6 @@ std::string JsonString(std::string_view text) {
 }
 
 std::string StatusMessage(Result code) {
-  if (static_cast<int32_t>(code) == engine::kEngineArenaUnavailable) {
-    return "the authorization engine could not get memory to start";
-  }
   return MessageOf(static_cast<int32_t>(code));
 }
 
