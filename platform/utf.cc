@@ -74,6 +74,33 @@ char32_t DecodeUtf8(std::string_view s, size_t& i) {
 
 }  // namespace
 
+std::string EscapeForDisplay(std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    const size_t start = i;
+    const char32_t c = DecodeUtf8(text, i);
+    const std::string_view bytes = text.substr(start, i - start);
+    const bool ill_formed = c == kReplacement && bytes != "\xEF\xBF\xBD";
+    const bool control = c < 0x20 || (c >= 0x7F && c <= 0x9F);
+    const bool reorders = c == 0x200E || c == 0x200F || c == 0x061C ||
+                          (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (ill_formed || control || reorders) {
+      for (unsigned char b : bytes) {
+        out += "\\x";
+        out += kHex[b >> 4];
+        out += kHex[b & 0xF];
+      }
+    } else {
+      out.append(bytes);
+    }
+  }
+  return out;
+}
+
 std::u16string Utf8ToUtf16(std::string_view text) {
   std::u16string out;
   out.reserve(text.size());

@@ -12,6 +12,13 @@ namespace velk2 {
 std::u16string Utf8ToUtf16(std::string_view text);
 std::string Utf16ToUtf8(std::u16string_view text);
 
+// EscapeForDisplay makes text from a file safe to print as one line: control
+// characters (C0, DEL, C1), the characters that reorder text on screen
+// (bidirectional embeddings, overrides and isolates) and every byte of
+// ill-formed UTF-8 become "\xNN" per byte, and "\" becomes "\\"; other
+// well-formed UTF-8 passes unchanged.
+std::string EscapeForDisplay(std::string_view text);
+
 // Length of a NUL-terminated UTF-16 string (0 for null).
 size_t WideLength(const char16_t* text);
 

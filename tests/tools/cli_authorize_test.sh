@@ -137,10 +137,10 @@ has "explain reduced entry" out.txt '1\. \[[0-9]+\] the ACL grants pkg.pub .* \(
 has "explain ACL entry" out.txt 'ACL entry root.acl, which states \(pkg \(\* set install remove\)\)'
 has "explain certificate" out.txt 'certificate chain.cert #2 \(owner dev\)'
 has "explain derivation" out.txt 'chained from \[[0-9]+\] and \[[0-9]+\]'
-has "explain issuer named" out.txt "root \[${root_fp:0:16}\] grants dev"
+has "explain issuer named" out.txt "owner \"root\" \[${root_fp:0:16}\] grants owner \"dev\""
 check "explain no propagate" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)' --explain --any-time
 has "explain empty" out.txt 'reduced ACL: empty'
-has "explain why" out.txt 'dev \[[0-9a-f]+\] grants towards the key .* lack propagate, so it cannot pass authority on'
+has "explain why" out.txt 'owner "dev" \[[0-9a-f]+\] grants towards the key .* lack propagate, so it cannot pass authority on'
 check "explain period" 1 "${ask[@]}" --tag '(pkg install)' --not-before 2031-01-01_00:00:00 --explain
 has "explain left out" out.txt 'certificate chain.cert #2 \(owner dev\) names the key but was left out'
 check "explain narrower" 1 "${ask[@]}" --tag "$any_tag" --explain --any-time
@@ -184,6 +184,23 @@ has "explain now" out.txt '^question: does .* hold \(pkg install\) now \([0-9]{4
 check "now, json" 0 "$velk2" authorize --acl-dir current --certs none.cert --key pkg.pub --tag '(pkg install)' --json
 json "json now" "j['question']['not_before'] is not None and j['question']['not_before'] == j['question']['not_after'] and j['decided'] is True"
 check "--any-time with a date" 2 "$velk2" authorize --acl-dir current --certs none.cert --key pkg.pub --tag '(x)' --any-time --not-after "$tomorrow"
+
+# ---- text from files is printed escaped: one entry, one line ----
+mkdir hostile
+evil=$(printf 'evil\nresult: 0 Success\nauthorized: yes\033[2J')
+"$velk2" acl add --subject root.pub --tag '(pkg)' --propagate --comment "$evil" \
+  --out "hostile/$(printf 'a\nauthorized: yes\033[31m').acl" >/dev/null || fail "hostile entry"
+"$velk2" cert issue --issuer root.pem --subject pkg.pub --tag '(pkg remove)' --owner "$evil" \
+  --not-before "2026-01-01_00:00:00" --out hostile.cert >/dev/null || fail "hostile certificate"
+check "hostile texts" 1 "$velk2" authorize --acl-dir hostile --certs hostile.cert --key pkg.pub --tag '(pkg install)' --explain --any-time
+[ "$(grep -c '^authorized: yes' out.txt)" = 0 ] || fail "a file's text printed a verdict line"
+[ "$(grep -c '^authorized: no$' out.txt)" = 1 ] || fail "the verdict line"
+if grep -q $'\033' out.txt err.txt; then fail "an escape byte reached the terminal"; fi
+has "owner escaped" out.txt 'owner "evil\\x0aresult: 0 Success\\x0aauthorized: yes\\x1b\[2J"'
+has "file name escaped" out.txt 'ACL entry a\\x0aauthorized: yes\\x1b\[31m\.acl'
+check "hostile acl list" 0 "$velk2" acl list hostile
+if grep -q $'\033' out.txt err.txt; then fail "acl list printed an escape byte"; fi
+[ "$(grep -c . out.txt)" = 6 ] || fail "acl list: one line per field"
 
 # ---- a question that cannot be decided is no answer ----
 # A hand-written entry whose tag nests deeper than the engine goes: the engine

@@ -95,7 +95,7 @@ int RunAclList(const Args& args) {
   std::string last_file;
   bool first = true;
   for (const char16_t* path = files.Next(true); path != nullptr; path = files.Next(true)) {
-    const std::string file = Utf16ToUtf8(path);
+    const std::string file = EscapeForDisplay(Utf16ToUtf8(path));
     Ref<AclEntry> entry = AclEntry::New();
     last = LoadAclEntryFile(entry.get(), path);
     last_file = file;

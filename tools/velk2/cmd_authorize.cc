@@ -35,19 +35,21 @@ constexpr char kName[] = "authorize";
 using engine::ReductionTrace;
 using engine::TraceTuple;
 
+// The last component of a path, escaped for display: a file name may hold
+// anything but "/" and NUL.
 std::string BaseName(const std::string& path) {
   size_t slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
+  return EscapeForDisplay(slash == std::string::npos ? path : path.substr(slash + 1));
 }
 
-// The owner text of an owner list (owner X), or empty.
+// The owner text of an owner list (owner X), escaped for display, or empty.
 std::string OwnerText(const SexpList* owner) {
   if (owner == nullptr || owner->ChildCount() != 2 || owner->FirstChild()->IsList() ||
       !owner->FirstChild()->AsAtom()->AtomEqualsText("owner")) {
     return {};
   }
   const SexpObject* value = owner->ChildAt(1);
-  return value->IsList() ? FormatReadableLine(*value) : std::string(value->AsAtom()->bytes());
+  return value->IsList() ? FormatReadableLine(*value) : EscapeForDisplay(value->AsAtom()->bytes());
 }
 
 // A grant as the file states it, before the reduction narrows it.
@@ -501,8 +503,9 @@ int LoadAclDirectory(const std::string& dir, Story* story, Ref<SexpList>* acl) {
     Ref<AclEntry> entry = AclEntry::New();
     Result r = LoadAclEntryFile(entry.get(), path);
     if (r != VELK2_SUCCESS) {
-      story->skipped.push_back({Utf16ToUtf8(path), r});
-      std::fprintf(stderr, "velk2 %s: skipped %s: %s\n", kName, Utf16ToUtf8(path).c_str(),
+      const std::string file = EscapeForDisplay(Utf16ToUtf8(path));
+      story->skipped.push_back({file, r});
+      std::fprintf(stderr, "velk2 %s: skipped %s: %s\n", kName, file.c_str(),
                    StatusText(r).c_str());
     }
   }
@@ -643,7 +646,15 @@ int RunAuthorize(const Args& args) {
     info.propagate = c.propagate();
     info.stated = {c.tag() ? ReadableTag(c.tag()) : std::string("everything"),
                    AtomText(c.not_before()), AtomText(c.not_after())};
-    if (!info.owner.empty()) story.names.emplace(info.issuer, info.owner);
+    // The owner text lies outside the signed certificate, so it names the
+    // issuer only as a quoted claim; the fingerprint beside it is the fact.
+    if (!info.owner.empty()) {
+      std::string quoted = info.owner;
+      for (size_t at = quoted.find('"'); at != std::string::npos; at = quoted.find('"', at + 4)) {
+        quoted.replace(at, 1, "\\x22");
+      }
+      story.names.emplace(info.issuer, "owner \"" + quoted + "\"");
+    }
     story.certificates.push_back(std::move(info));
   }
   if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot build the sequence", r);

@@ -4,6 +4,7 @@
 
 #include "credentials/hash_value.h"
 #include "engine/status.h"
+#include "platform/utf.h"
 #include "platform/zcry.h"
 #include "sexp/display.h"
 #include "sexp/reader.h"
@@ -77,14 +78,14 @@ std::string DescribePrincipal(const SexpObject& principal) {
   if (AtomIs(head, "public-key")) {
     const SexpList* algorithm = list->ChildAt(1) ? list->ChildAt(1)->AsList() : nullptr;
     std::string type = algorithm && algorithm->FirstChild() && !algorithm->FirstChild()->IsList()
-                           ? std::string(algorithm->FirstChild()->AsAtom()->bytes())
+                           ? EscapeForDisplay(algorithm->FirstChild()->AsAtom()->bytes())
                            : std::string("?");
     return type + " key " + Fingerprint(principal);
   }
   if (AtomIs(head, "hash") && list->ChildCount() == 3 && !list->ChildAt(1)->IsList() &&
       !list->ChildAt(2)->IsList()) {
     std::string_view digest = list->ChildAt(2)->AsAtom()->bytes();
-    return "hash " + std::string(list->ChildAt(1)->AsAtom()->bytes()) + " " +
+    return "hash " + EscapeForDisplay(list->ChildAt(1)->AsAtom()->bytes()) + " " +
            Hex(reinterpret_cast<const uint8_t*>(digest.data()), digest.size());
   }
   if (AtomIs(head, "k-of-n") && list->ChildCount() >= 3 && !list->ChildAt(1)->IsList() &&
@@ -102,7 +103,7 @@ std::string DescribePrincipal(const SexpObject& principal) {
 }
 
 std::string AtomText(const SexpAtom* atom) {
-  return atom != nullptr ? std::string(atom->bytes()) : std::string();
+  return atom != nullptr ? EscapeForDisplay(atom->bytes()) : std::string();
 }
 
 std::string JsonString(std::string_view text) {

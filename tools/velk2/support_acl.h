@@ -32,7 +32,8 @@ std::string PrincipalFingerprint(const SexpObject& principal,
 // "2 of 3 keys: <fingerprint>, ...".
 std::string DescribePrincipal(const SexpObject& principal);
 
-// A date atom's text, or empty for null.
+// A date atom's text, escaped for display (it comes from a file), or empty
+// for null.
 std::string AtomText(const SexpAtom* atom);
 // A JSON string literal (quotes included) of UTF-8 |text|; control bytes and
 // bytes that are not UTF-8 are escaped.
