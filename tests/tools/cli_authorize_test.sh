@@ -214,6 +214,32 @@ EOF2
 check "engine error" 2 "$velk2" authorize --acl-dir deep --certs none.cert --key root.pub --tag '(pkg install)' --any-time
 has "engine error undecided" out.txt '^authorized: undecided$'
 has "engine error text" err.txt 'could not be decided: -130 '
+# The toolkit never writes what the engine refuses, and acl list marks what a
+# hand-made file holds: an entry at the engine's depth works, one deeper is refused.
+deep_tag() { python3 -c "import sys; k=int(sys.argv[1]); print('(a ' * k + 'b' + ')' * k)" "$1"; }
+mkdir deepest
+check "acl add at the engine's depth" 0 "$velk2" acl add --subject root.pub --tag "$(deep_tag 61)" --out deepest/a.acl
+check "that entry is usable" 1 "$velk2" authorize --acl-dir deepest --certs none.cert --key root.pub --tag '(pkg install)' --any-time
+check "acl add past the engine's depth" 2 "$velk2" acl add --subject root.pub --tag "$(deep_tag 62)" --out deepest/b.acl
+has "deep entry refused" err.txt 'nests deeper than the authorization engine goes'
+[ ! -e deepest/b.acl ] || fail "a refused entry was written"
+check "cert issue past the engine's depth" 2 "$velk2" cert issue --issuer root.pem --subject pkg.pub --tag "$(deep_tag 62)" --out deep.cert
+[ ! -e deep.cert ] || fail "a refused certificate was written"
+check "acl list marks an entry the engine refuses" 1 "$velk2" acl list deep
+has "deep entry marked" out.txt '^  refused: +nested deeper than the authorization engine goes'
+check "acl list of usable entries" 0 "$velk2" acl list deepest
+# A certificate file never grows past what the readers load.
+python3 -c "
+body = b'(1:x8000:' + b'y' * 8000 + b')'
+text = b'(8:sequence' + body * 130
+rest = 1048576 - 500 - len(text) - len(b'(1:x5000:)')
+text += b'(1:x%d:' % rest + b'y' * rest + b'))'
+assert len(text) == 1048576 - 500 + 1
+open('full.cert', 'wb').write(text)"
+before=$(sha256sum full.cert)
+check "cert issue past 1 MiB" 2 "$velk2" cert issue --issuer root.pem --subject pkg.pub --tag '(pkg)' --out full.cert
+has "past 1 MiB said" err.txt 'would grow past 1 MiB'
+[ "$(sha256sum full.cert)" = "$before" ] || fail "full.cert changed"
 check "engine error, json" 2 "$velk2" authorize --acl-dir deep --certs none.cert --key root.pub --tag '(pkg install)' --any-time --json
 json "json undecided" "j['result'] == -130 and j['decided'] is False and j['authorized'] is False"
 check "message of a crypto status" 0 "$velk2" message 1009 -200

@@ -27,6 +27,8 @@ Result MakeAclEntry(const AclEntryRequest& request, Ref<SexpList>* out) {
 }
 
 Result WriteAclEntry(const std::string& path, const SexpList& entry, bool overwrite) {
+  // What the engine would refuse makes every question against the directory fail.
+  if (!FitsTheEngine(entry)) return VELK2_ERR_INVALID_S_EXPRESSION;
   std::string bytes = StoredForm(entry);
   if (bytes.empty()) return VELK2_ERR_WRITE_FILE;
   SexpMemorySource source;

@@ -29,7 +29,8 @@ Result MakeAclEntry(const AclEntryRequest& request, Ref<SexpList>* out);
 // WriteAclEntry writes |entry|'s stored form to |path| through a temporary
 // file renamed into place. The bytes are read back with the library's ACL
 // reader first, so a file that would not load is never written
-// (VELK2_ERR_INVALID_DATA (6), or the reader's code). An existing file is
+// (VELK2_ERR_INVALID_DATA (6), or the reader's code), nor one nested deeper
+// than the authorization engine goes (VELK2_ERR_INVALID_S_EXPRESSION (29)). An existing file is
 // kept unless |overwrite|: VELK2_ERR_PARAM_NOT_NULL (39). 76 when writing fails.
 Result WriteAclEntry(const std::string& path, const SexpList& entry, bool overwrite);
 

@@ -2,11 +2,13 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <vector>
 
+#include "engine/status.h"
 #include "platform/utf.h"
 #include "platform/zcry.h"
 #include "sexp/reader.h"
@@ -213,8 +215,30 @@ Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out
   return r;
 }
 
+namespace {
+
+// The depth of the deepest list in |object| (an atom is 0), counted no
+// further than |limit|.
+uint32_t NestingDepth(const SexpObject& object, uint32_t limit) {
+  const SexpList* list = object.AsList();
+  if (list == nullptr || limit == 0) return 0;
+  uint32_t deepest = 0;
+  for (const Ref<SexpObject>& child : list->children()) {
+    deepest = std::max(deepest, NestingDepth(*child, limit - 1));
+  }
+  return deepest + 1;
+}
+
+}  // namespace
+
+bool FitsTheEngine(const SexpObject& credential) {
+  const uint32_t most = static_cast<uint32_t>(engine::kMaxNesting) - 1;
+  return NestingDepth(credential, most + 1) <= most;
+}
+
 Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpList> signature,
                          const std::string& owner) {
+  if (body == nullptr || !FitsTheEngine(*body)) return VELK2_ERR_INVALID_S_EXPRESSION;
   Ref<SexpList> sequence;
   struct stat st;
   Result r;
@@ -238,6 +262,8 @@ Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpLi
   if (r != VELK2_SUCCESS) return r;
   std::string bytes = StoredForm(*sequence);
   if (bytes.empty()) return VELK2_ERR_WRITE_FILE;
+  // A file no reader loads would lose every certificate in it.
+  if (bytes.size() > kMaxSourceFileSize) return VELK2_ERR_BUFFER_OVERFLOW;
   return WriteFileAtomically(path, bytes, 0644, true);
 }
 

@@ -71,10 +71,20 @@ struct CertificateRequest : GrantFields {
 // [(7:comment c)]). 2 without issuer or subject.
 Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out);
 
+// FitsTheEngine: whether a credential (an ACL entry or a certificate) is
+// nested shallowly enough for the authorization engine, which meets it one
+// level down, inside (acl ...) or (sequence ...). The readers take more, so
+// an entry the engine refuses would make every question against its
+// directory fail.
+bool FitsTheEngine(const SexpObject& credential);
+
 // AppendCertificate adds the entry body, signature, (5:owner |owner|) to the
 // (8:sequence ...) in the file at |path|, creating it when missing. The file
 // is replaced whole through a temporary file, so it is never half-written.
-// The reader's codes when the existing file is not a sequence.
+// The reader's codes when the existing file is not a sequence;
+// VELK2_ERR_INVALID_S_EXPRESSION (29) when the certificate nests deeper than
+// the engine goes; VELK2_ERR_BUFFER_OVERFLOW (30) when the file would grow
+// past kMaxSourceFileSize, the most any reader loads (the file is kept).
 Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpList> signature,
                          const std::string& owner);
 

@@ -60,6 +60,13 @@ int RunAclAdd(const Args& args) {
   if (r == VELK2_ERR_PARAM_NOT_NULL) {
     return Fail(kExitUsage, kName, *out + " exists (use --force to replace it)");
   }
+  if (r == VELK2_ERR_INVALID_S_EXPRESSION) {
+    return FailWith(kExitUsage, kName,
+                    "the tag nests deeper than the authorization engine goes; such an entry "
+                    "would make every question against " +
+                        *out + "'s directory fail",
+                    r);
+  }
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot write " + *out, r);
   std::printf("%s\n", out->c_str());
   return kExitOk;
@@ -80,6 +87,11 @@ void PrintEntry(const AclEntry& entry, const std::string& file) {
   if (entry.generation() != 0) std::printf("  generation: %u\n", entry.generation());
   if (entry.comment())
     std::printf("  comment:    %s\n", FormatReadableLine(*entry.comment()).c_str());
+  if (!issuing::FitsTheEngine(entry)) {
+    std::printf(
+        "  refused:    nested deeper than the authorization engine goes; every question "
+        "against this directory fails (-130)\n");
+  }
 }
 
 int RunAclList(const Args& args) {
@@ -90,7 +102,7 @@ int RunAclList(const Args& args) {
   if (!IsDirectory(args[0])) return Fail(kExitUsage, kName, "no directory " + args[0]);
   Result r = files.Open(directory.c_str(), u"*.acl");
   if (r != VELK2_SUCCESS) return Fail(kExitUsage, kName, args[0] + " holds no *.acl file");
-  int loaded = 0, skipped = 0;
+  int loaded = 0, skipped = 0, too_deep = 0;
   Result last = VELK2_SUCCESS;
   std::string last_file;
   bool first = true;
@@ -109,6 +121,7 @@ int RunAclList(const Args& args) {
     first = false;
     PrintEntry(*entry, file);
     ++loaded;
+    if (!issuing::FitsTheEngine(*entry)) ++too_deep;
   }
   std::fflush(stdout);
   if (last != VELK2_SUCCESS) {
@@ -121,7 +134,13 @@ int RunAclList(const Args& args) {
   }
   std::fprintf(stderr, "velk2 acl list: %d %s loaded, %d skipped\n", loaded,
                loaded == 1 ? "entry" : "entries", skipped);
-  return skipped == 0 ? kExitOk : kExitFailure;
+  if (too_deep != 0) {
+    std::fprintf(stderr,
+                 "velk2 acl list: %d %s nested deeper than the authorization engine goes, so "
+                 "every question against this directory fails\n",
+                 too_deep, too_deep == 1 ? "entry is" : "entries are");
+  }
+  return skipped == 0 && too_deep == 0 ? kExitOk : kExitFailure;
 }
 
 VELK2_COMMAND(

@@ -65,6 +65,19 @@ int RunCertIssue(const Args& args) {
   if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot sign the certificate", r);
   std::string owner = options.Get("owner").value_or(Stem(*issuer_path));
   r = issuing::AppendCertificate(*out, std::move(body), std::move(signature), owner);
+  if (r == VELK2_ERR_BUFFER_OVERFLOW) {
+    return FailWith(kExitUsage, kName,
+                    *out +
+                        " would grow past 1 MiB, the most any reader loads; it is kept as it "
+                        "was (start another certificate file)",
+                    r);
+  }
+  if (r == VELK2_ERR_INVALID_S_EXPRESSION) {
+    return FailWith(kExitUsage, kName,
+                    "the certificate nests deeper than the authorization engine goes; no question "
+                    "could use it",
+                    r);
+  }
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot write " + *out, r);
   std::printf("%s\n", out->c_str());
   return kExitOk;
