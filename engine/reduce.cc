@@ -545,12 +545,12 @@ Status Reducer::AddAuthorization(FiveTuple* tuple) {
       issued = &tuple->issuer->issued;
       issued_count = &tuple->issuer->issued_count;
     }
-    // A tuple without both dates is never a duplicate: no need to look. An
-    // equal tuple has the same issuer and the same subject, so it is on both
-    // the issued list and the subject's list (which holds no other tuples of
-    // the issued lists than arrivals, and those never compare equal to a
-    // tuple that is not one): the shorter list is searched.
-    if (tuple->not_before != nullptr && tuple->not_after != nullptr) {
+    // A credential's tuple without both dates is never a duplicate: no need
+    // to look. An equal tuple has the same issuer and the same subject, so it
+    // is on both the issued list and the subject's list (which holds no other
+    // tuples of the issued lists than arrivals, and those never compare equal
+    // to a tuple that is not one): the shorter list is searched.
+    if ((tuple->not_before != nullptr && tuple->not_after != nullptr) || tuple->derived) {
       TupleEntry* candidates =
           *issued_count <= tuple->subject->subject_count ? *issued : tuple->subject->subjects;
       for (TupleEntry* entry = candidates; entry != nullptr; entry = entry->next) {
@@ -629,8 +629,11 @@ Status Reducer::IntersectTags(EngineNode* a, EngineNode* b, EngineNode** out, bo
   return status;
 }
 
-// Duplicate test. A tuple lacking either date is equal to none: kept, so two
-// identical undated certificates give two results.
+// Duplicate test. A credential's tuple lacking either date is equal to none:
+// kept, so two identical undated certificates give two results. A derived
+// tuple (|b|) also matches when each date is absent on both: without that a
+// self-delegation or a delegation cycle without dates derives the same tuple
+// for ever, and no reduction that ends gives another result.
 Status Reducer::SameTuple(const FiveTuple* a, const FiveTuple* b, bool* same) {
   *same = false;
   if (a->on_key_path != b->on_key_path || a->propagate != b->propagate ||
@@ -638,9 +641,12 @@ Status Reducer::SameTuple(const FiveTuple* a, const FiveTuple* b, bool* same) {
       a->subject != b->subject || a->threshold != b->threshold) {
     return SPKI_OK;
   }
-  if (a->not_before == nullptr || a->not_after == nullptr || b->not_before == nullptr ||
-      b->not_after == nullptr || CompareAtoms(a->not_before, b->not_before) != kOrderEqual ||
-      CompareAtoms(a->not_after, b->not_after) != kOrderEqual) {
+  const bool undated_match = b->derived != 0;
+  auto same_date = [undated_match](const EngineAtom* x, const EngineAtom* y) {
+    if (x == nullptr || y == nullptr) return undated_match && x == nullptr && y == nullptr;
+    return CompareAtoms(x, y) == kOrderEqual;
+  };
+  if (!same_date(a->not_before, b->not_before) || !same_date(a->not_after, b->not_after)) {
     return SPKI_OK;
   }
   if (!SameBytes(a->issuer_name, b->issuer_name) || !SameBytes(a->subject_name, b->subject_name)) {
