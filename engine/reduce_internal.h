@@ -217,8 +217,11 @@ class Reducer {
   uint32_t next_serial_ = 0;
   int32_t live_tuples_ = 0;
   int next_trace_id_ = 1;
-  // The arrivals along the current path of the threshold search (k <= 255).
+  // The arrivals along the current path of the threshold search (k <= 255),
+  // and for each slot j of the block searched, how many slots from j on
+  // (the new arrival's own left out) hold an arrival at the same principal.
   const FiveTuple* path_[256] = {};
+  int16_t fillable_[258] = {};
   std::map<uint32_t, std::vector<int>> trace_parents_;
 };
 

@@ -89,6 +89,7 @@ Status Reducer::ExpandThreshold(FiveTuple* tuple) {
   blocks_list_ = block;
 
   Members members(*this);
+  bool repeated[256] = {};
   int16_t index = 0;
   for (const EngineNode* element = n_node->next; element != nullptr; element = element->next) {
     FiveTuple* member = CopyTuple(tuple);
@@ -120,9 +121,21 @@ Status Reducer::ExpandThreshold(FiveTuple* tuple) {
         break;
     }
     if (status != SPKI_OK) return status;
+    // A key listed twice is one member: its second slot never fills, so it
+    // counts once toward k.
+    if (member->subject != nullptr && member->subject_name == nullptr) {
+      for (int32_t i = 0; i + 1 < members.count(); ++i) {
+        const FiveTuple* earlier = members.at(i);
+        if (earlier->subject == member->subject && earlier->subject_name == nullptr) {
+          repeated[members.count() - 1] = true;
+          break;
+        }
+      }
+    }
   }
   // The pending stack is last in, first out: member 1 is taken first.
   for (int32_t i = members.count() - 1; i >= 0; --i) {
+    if (repeated[i]) continue;
     Status status = Insert(members.at(i), false);
     if (status != SPKI_OK) return status;
   }
@@ -139,16 +152,19 @@ Status Reducer::ThresholdArrival(FiveTuple* tuple) {
   Status status = PushTuple(&block->slots[slot], tuple);
   if (status != SPKI_OK) return status;
 
+  // Which slots hold an arrival at the same principal; counted from the back,
+  // so that the search knows how many slots can still be filled.
   int32_t reached = 0;
-  for (int32_t j = 1; j <= block->n; ++j) {
-    for (TupleEntry* entry = block->slots[j]; entry != nullptr; entry = entry->next) {
+  fillable_[block->n + 1] = 0;
+  for (int32_t j = block->n; j >= 1; --j) {
+    bool filled = false;
+    for (TupleEntry* entry = block->slots[j]; entry != nullptr && !filled; entry = entry->next) {
       status = Step();
       if (status != SPKI_OK) return status;
-      if (entry->tuple->subject == tuple->subject) {
-        ++reached;
-        break;
-      }
+      filled = entry->tuple->subject == tuple->subject;
     }
+    reached += filled ? 1 : 0;
+    fillable_[j] = static_cast<int16_t>(fillable_[j + 1] + (filled && j != slot ? 1 : 0));
   }
   if (reached < block->k) return SPKI_OK;
   // Only the combinations holding the new arrival are new.
@@ -162,8 +178,9 @@ Status Reducer::Search(ThresholdBlock* block, int arrival_slot, Principal* subje
   if (chosen == block->k) return EmitCombination(block, subject, *partial);
   for (int j = next_slot; j <= block->n; ++j) {
     if (j == arrival_slot) continue;
-    int left = block->n - j + 1 - (arrival_slot > j ? 1 : 0);
-    if (left < block->k - chosen) break;
+    // Prune on the slots that can still be filled, not on the slots left:
+    // with exactly k members reached, every other path is a dead end.
+    if (fillable_[j] < block->k - chosen) break;
     for (TupleEntry* entry = block->slots[j]; entry != nullptr; entry = entry->next) {
       FiveTuple* arrival = entry->tuple;
       if (arrival->subject != subject) {
