@@ -80,10 +80,13 @@ std::string AtomText(const EngineAtom* atom) {
 }  // namespace
 
 Reducer::Reducer(EngineContext& engine, uint32_t crypto_context, const ReduceOptions& options)
-    : engine_(engine), crypto_(crypto_context), options_(options) {}
+    : engine_(engine), crypto_(crypto_context), options_(options) {
+  engine_.SetWorkLimit(options_.limits.work_steps);
+}
 
 Reducer::~Reducer() {
   Cleanup();
+  engine_.SetWorkLimit(UINT64_MAX);
 }
 
 void Reducer::Cleanup() {
@@ -198,8 +201,9 @@ void Reducer::ClearTupleList(TupleEntry** list) {
 // ---- limits ----------------------------------------------------------------
 
 Status Reducer::Step(uint64_t count) {
-  stats_.work_steps += count;
-  if (stats_.work_steps > options_.limits.work_steps) return LimitReached("work steps");
+  const bool within = engine_.ChargeWork(count);
+  stats_.work_steps = engine_.work_used();
+  if (!within) return LimitReached("work steps");
   return SPKI_OK;
 }
 
@@ -625,6 +629,9 @@ Status Reducer::IntersectTags(EngineNode* a, EngineNode* b, EngineNode** out, bo
     return SPKI_OK;
   }
   Status status = IntersectTagLists(engine_, a, b, out);
+  // The tag algebra charges its comparisons to the same meter.
+  stats_.work_steps = engine_.work_used();
+  if (status != SPKI_OK && engine_.work_exhausted()) return LimitReached("work steps");
   if (status == SPKI_OK && *out == nullptr) *empty = true;
   return status;
 }

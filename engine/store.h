@@ -136,7 +136,23 @@ class EngineContext {
   RecordPool<EngineNode>& nodes() { return nodes_; }
   RecordPool<EngineAtom>& atoms() { return atoms_; }
 
+  // The work meter of the operation running on the engine: the reduction and
+  // the tag algebra charge their steps to it, so one limit bounds both.
+  // Unlimited until SetWorkLimit. ChargeWork is false once the limit is passed.
+  void SetWorkLimit(uint64_t limit) {
+    work_limit_ = limit;
+    work_used_ = 0;
+  }
+  bool ChargeWork(uint64_t count) {
+    work_used_ += count;
+    return work_used_ <= work_limit_;
+  }
+  bool work_exhausted() const { return work_used_ > work_limit_; }
+  uint64_t work_used() const { return work_used_; }
+
  private:
+  uint64_t work_limit_ = UINT64_MAX;
+  uint64_t work_used_ = 0;
   const EngineAllocator* allocator_ = nullptr;
   Arena* arena_ = nullptr;
   RecordPool<EngineNode> nodes_;

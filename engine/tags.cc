@@ -1,6 +1,8 @@
 #include "engine/tags.h"
 
+#include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "engine/dates.h"
 #include "engine/keywords.h"
@@ -176,6 +178,74 @@ class ScopedBounds {
   EngineContext& engine_;
 };
 
+// Whether every member of |set| is a plain atom.
+bool MembersAreAtoms(const EngineNode* set);
+
+// The atoms of a set's members, sorted by hint and bytes (the order only
+// serves lookups: two atoms are equal exactly when both agree), in scratch
+// memory of the engine's allocator. Sets of plain atoms are common and can
+// be long; comparing them through sorted copies costs O(n log n) instead of
+// a comparison per pair of members.
+class SortedAtoms {
+ public:
+  explicit SortedAtoms(EngineContext& engine) : engine_(engine) {}
+  ~SortedAtoms() { engine_.FreeScratch(atoms_); }
+  SortedAtoms(const SortedAtoms&) = delete;
+  SortedAtoms& operator=(const SortedAtoms&) = delete;
+
+  // Take sorts the atoms of |set|'s members when they are all plain atoms;
+  // taken() tells whether they were. The sort is charged to the work meter.
+  Status Take(const EngineNode* set);
+  bool taken() const { return taken_; }
+  // Reserve makes room for |capacity| atoms added one by one.
+  Status Reserve(size_t capacity);
+  // Holds: whether an equal atom is here.
+  bool Holds(const EngineAtom* atom) const;
+  // Within: whether every atom here is in |other|; sets *overlap when some is.
+  bool Within(const SortedAtoms& other, bool* overlap) const;
+
+  static bool Less(const EngineAtom* a, const EngineAtom* b) {
+    const std::string_view ha(reinterpret_cast<const char*>(a->hint), a->hint_length);
+    const std::string_view hb(reinterpret_cast<const char*>(b->hint), b->hint_length);
+    if (ha != hb) return ha < hb;
+    return std::string_view(reinterpret_cast<const char*>(a->bytes), a->length) <
+           std::string_view(reinterpret_cast<const char*>(b->bytes), b->length);
+  }
+
+ private:
+  EngineContext& engine_;
+  const EngineAtom** atoms_ = nullptr;
+  size_t count_ = 0;
+  size_t capacity_ = 0;
+  bool taken_ = false;
+};
+
+// Which members of a set are the first of their equal atoms, for a walk that
+// keeps each atom once.
+class FirstOccurrences {
+ public:
+  explicit FirstOccurrences(EngineContext& engine) : engine_(engine) {}
+  ~FirstOccurrences() {
+    engine_.FreeScratch(ranked_);
+    engine_.FreeScratch(first_);
+  }
+  FirstOccurrences(const FirstOccurrences&) = delete;
+  FirstOccurrences& operator=(const FirstOccurrences&) = delete;
+
+  // Mark ranks the members of |set|, all plain atoms.
+  Status Mark(const EngineNode* set);
+  bool IsFirst(size_t index) const { return first_ != nullptr && first_[index] != 0; }
+
+ private:
+  struct Ranked {
+    const EngineAtom* atom;
+    size_t index;
+  };
+  EngineContext& engine_;
+  Ranked* ranked_ = nullptr;
+  uint8_t* first_ = nullptr;
+};
+
 // The recursive walks of the algebra, each call one level deeper.
 class Algebra {
  public:
@@ -197,6 +267,7 @@ class Algebra {
   ElementClass Classify(const EngineNode* element);
   Status Copy(const EngineNode* element, EngineNode** out);
   Status AddUnique(NodeRef* front, EngineNode* element, int depth, size_t* count);
+  Status FinishSet(NodeRef* front, size_t count, EngineNode** out);
   Status BuildRange(const RangeBounds& bounds, EngineNode** out);
   Status IntersectRanges(const EngineNode* a, ElementClass a_class, const EngineNode* b,
                          ElementClass b_class, EngineNode** out);
@@ -216,6 +287,86 @@ ElementClass Algebra::Classify(const EngineNode* element) {
     if (EvaluateRange(scoped.bounds) == kTagDisjoint) return kClassUnclassifiable;
   }
   return element_class;
+}
+
+bool MembersAreAtoms(const EngineNode* set) {
+  for (const EngineNode* member = FirstMember(set); member != nullptr; member = member->next) {
+    if (ClassOf(member) != kClassAtom) return false;
+  }
+  return true;
+}
+
+Status SortedAtoms::Reserve(size_t capacity) {
+  engine_.FreeScratch(atoms_);
+  atoms_ = nullptr;
+  count_ = capacity_ = 0;
+  if (capacity == 0) return SPKI_OK;
+  atoms_ = static_cast<const EngineAtom**>(engine_.AllocateScratch(capacity * sizeof(*atoms_)));
+  if (atoms_ == nullptr) return SPKI_ERR_NO_MEM;
+  capacity_ = capacity;
+  return SPKI_OK;
+}
+
+Status SortedAtoms::Take(const EngineNode* set) {
+  taken_ = false;
+  if (!MembersAreAtoms(set)) return SPKI_OK;
+  const size_t count = ChainLength(FirstMember(set));
+  Status status = Reserve(count);
+  if (status != SPKI_OK) return status;
+  for (const EngineNode* member = FirstMember(set); member != nullptr; member = member->next) {
+    atoms_[count_++] = member->atom;
+  }
+  // About n log n comparisons.
+  uint64_t rounds = 1;
+  for (size_t n = count; n > 1; n >>= 1) ++rounds;
+  if (!engine_.ChargeWork(static_cast<uint64_t>(count) * rounds)) return SPKI_ERR_UNKNOWN;
+  std::sort(atoms_, atoms_ + count_, Less);
+  taken_ = true;
+  return SPKI_OK;
+}
+
+bool SortedAtoms::Holds(const EngineAtom* atom) const {
+  return std::binary_search(atoms_, atoms_ + count_, atom, Less);
+}
+
+Status FirstOccurrences::Mark(const EngineNode* set) {
+  const size_t count = ChainLength(FirstMember(set));
+  if (count == 0) return SPKI_OK;
+  ranked_ = static_cast<Ranked*>(engine_.AllocateScratch(count * sizeof(Ranked)));
+  first_ = static_cast<uint8_t*>(engine_.AllocateScratch(count));
+  if (ranked_ == nullptr || first_ == nullptr) return SPKI_ERR_NO_MEM;
+  size_t index = 0;
+  for (const EngineNode* member = FirstMember(set); member != nullptr; member = member->next) {
+    ranked_[index] = {member->atom, index};
+    ++index;
+  }
+  std::sort(ranked_, ranked_ + count, [](const Ranked& a, const Ranked& b) {
+    if (SortedAtoms::Less(a.atom, b.atom)) return true;
+    if (SortedAtoms::Less(b.atom, a.atom)) return false;
+    return a.index < b.index;
+  });
+  std::memset(first_, 0, count);
+  for (size_t i = 0; i < count; ++i) {
+    if (i == 0 || SortedAtoms::Less(ranked_[i - 1].atom, ranked_[i].atom)) {
+      first_[ranked_[i].index] = 1;
+    }
+  }
+  return SPKI_OK;
+}
+
+bool SortedAtoms::Within(const SortedAtoms& other, bool* overlap) const {
+  bool all = true;
+  size_t j = 0;
+  for (size_t i = 0; i < count_; ++i) {
+    while (j < other.count_ && Less(other.atoms_[j], atoms_[i])) ++j;
+    const bool found = j < other.count_ && !Less(atoms_[i], other.atoms_[j]);
+    if (found) {
+      *overlap = true;
+    } else {
+      all = false;
+    }
+  }
+  return all;
 }
 
 Status Algebra::CompareLists(const EngineNode* a, const EngineNode* b, int depth,
@@ -266,6 +417,7 @@ Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int de
                                 TagRelation* out) {
   if (depth > kMaxTagDepth) return SPKI_ERR_BAD_SEXP;
   *out = kTagDisjoint;
+  if (!engine_.ChargeWork(1)) return SPKI_ERR_UNKNOWN;
   if (a == b) {
     *out = kTagEqual;
     return SPKI_OK;
@@ -398,6 +550,22 @@ Status Algebra::CompareSet(const EngineNode* set, const EngineNode* other, int d
   bool covered = false;
   bool overlap = false;
   if (ClassOf(other) == kClassSet) {
+    SortedAtoms mine(engine_), theirs(engine_);
+    Status status = mine.Take(set);
+    if (status == SPKI_OK) status = theirs.Take(other);
+    if (status != SPKI_OK) return status;
+    if (mine.taken() && theirs.taken()) {
+      // Sets of plain atoms: two atoms are equal or disjoint, so a merge of
+      // the sorted members answers in O(n log n) what pairing them would.
+      all_inside = mine.Within(theirs, &overlap);
+      covered = theirs.Within(mine, &overlap);
+      *out = all_inside && covered ? kTagTie
+             : all_inside          ? kTagNarrower
+             : covered             ? kTagBroader
+             : overlap             ? kTagOverlapping
+                                   : kTagDisjoint;
+      return SPKI_OK;
+    }
     size_t count = ChainLength(FirstMember(other));
     auto* hit = static_cast<uint8_t*>(engine_.AllocateScratch(count));
     if (hit == nullptr) return SPKI_ERR_NO_MEM;
@@ -587,6 +755,7 @@ Status Algebra::IntersectLists(EngineNode* a, EngineNode* b, int depth, EngineNo
 Status Algebra::IntersectElements(EngineNode* a, EngineNode* b, int depth, EngineNode** out) {
   *out = nullptr;
   if (depth > kMaxTagDepth) return SPKI_ERR_BAD_SEXP;
+  if (!engine_.ChargeWork(1)) return SPKI_ERR_UNKNOWN;
   if (a == nullptr || b == nullptr) return SPKI_OK;
   ElementClass ca = Classify(a);
   ElementClass cb = Classify(b);
@@ -693,6 +862,32 @@ Status Algebra::IntersectSet(EngineNode* set, EngineNode* element, int depth, En
   *out = nullptr;
   NodeRef front(engine_);
   size_t count = 0;
+  if (ClassOf(element) == kClassSet) {
+    SortedAtoms theirs(engine_);
+    Status status = theirs.Take(element);
+    if (status != SPKI_OK) return status;
+    if (theirs.taken() && MembersAreAtoms(set)) {
+      // Both sets of plain atoms: a member is kept when the other set holds
+      // it, once, in the order of the walk below (each kept member goes to
+      // the front), found by binary search instead of by pairing.
+      FirstOccurrences first(engine_);
+      status = first.Mark(set);
+      if (status != SPKI_OK) return status;
+      size_t index = 0;
+      for (EngineNode* member = const_cast<EngineNode*>(FirstMember(set)); member != nullptr;
+           member = member->next, ++index) {
+        if (!engine_.ChargeWork(1)) return SPKI_ERR_UNKNOWN;
+        if (!first.IsFirst(index) || !theirs.Holds(member->atom)) continue;
+        EngineNode* copy = nullptr;
+        status = Copy(member, &copy);
+        if (status != SPKI_OK) return status;
+        copy->next = front.release();
+        front.reset(copy);
+        ++count;
+      }
+      return FinishSet(&front, count, out);
+    }
+  }
   for (EngineNode* member = const_cast<EngineNode*>(FirstMember(set)); member != nullptr;
        member = member->next) {
     TagRelation relation;
@@ -722,14 +917,20 @@ Status Algebra::IntersectSet(EngineNode* set, EngineNode* element, int depth, En
       if (status != SPKI_OK) return status;
     }
   }
+  return FinishSet(&front, count, out);
+}
+
+// The result of a set intersection: nothing, the one element left, or a new
+// set of the elements left (|front| in order).
+Status Algebra::FinishSet(NodeRef* front, size_t count, EngineNode** out) {
   if (count <= 1) {
-    *out = front.release();
+    *out = front->release();
     return SPKI_OK;
   }
   NodeRef head(engine_);
   Status status = ParseTemplate(engine_, head.out(), kSetTemplate);
   if (status != SPKI_OK) return status;
-  head->next->next = front.release();  // after the "set" atom
+  head->next->next = front->release();  // after the "set" atom
   *out = NewSublistElement(engine_, head.get());
   return *out != nullptr ? SPKI_OK : SPKI_ERR_NO_MEM;
 }

@@ -238,6 +238,40 @@ TEST(ReduceLimits, HonestThresholdsAreDecided) {
   }
 }
 
+// The tag algebra charges its comparisons to the reduction's work limit:
+// two long sets whose members are lists (no sorting shortcut there) pair
+// every member with every other, and a limit below that stops the question.
+TEST(ReduceLimits, TagComparisonsCountAgainstTheWorkLimit) {
+  auto set = [](char letter, int count) {
+    std::string text = "(3:tag(3:ftp(1:*3:set";
+    for (int i = 0; i < count; ++i) {
+      const std::string name = std::string(1, letter).append(std::to_string(i));
+      text += "(" + std::to_string(name.size()) + ":" + name + ")";
+    }
+    return text + ")))";
+  };
+  const std::string acl = Acl({Entry({K1, true, set('m', 2000)})});
+  const std::string sequence = Sequence({Cert(K1, {K2, false, set('n', 2000)})});
+  ReductionStats stats;
+  ReductionTrace trace;
+  ReduceOptions options;
+  options.stats = &stats;
+  options.trace = &trace;
+  options.limits.work_steps = 100000;
+  std::string result;
+  EXPECT_EQ(RunQuery(acl, sequence, K2, options, &result), kReductionLimitStatus);
+  EXPECT_TRUE(trace.limit_reached);
+  EXPECT_EQ(trace.limit, "work steps");
+  EXPECT_GT(stats.work_steps, options.limits.work_steps);
+  EXPECT_EQ(stats.live_tuples, 0u);
+  // With the default limit the same question is answered: the sets share nothing.
+  options.limits = ReductionLimits();
+  trace = ReductionTrace();
+  EXPECT_EQ(RunQuery(acl, sequence, K2, options, &result), SPKI_OK);
+  EXPECT_EQ(result, "(3:acl)");
+  EXPECT_GT(stats.work_steps, 2000u * 2000u);
+}
+
 TEST(ReduceLimits, HonestInputsStayFarBelowTheLimits) {
   ReductionStats stats;
   ReduceOptions options;

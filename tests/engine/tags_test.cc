@@ -2,6 +2,8 @@
 // and lists, ranges, prefixes and sets.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <string>
 #include <tuple>
 
@@ -487,6 +489,51 @@ TEST_F(TagsTest, NestedSetsCostTheProductOfTheirSizes) {
   ASSERT_EQ(CompareTagElements(engine_, Element(a), Element(b), &relation), SPKI_OK);
   EXPECT_EQ(relation, kTagOverlapping);
   EXPECT_EQ(IntersectElementTexts(a, b), "z");
+}
+
+// Sets of plain atoms are compared and intersected through sorted copies:
+// the work grows like n log n, and the results are those of pairing every
+// member with every other.
+TEST_F(TagsTest, LongAtomSetsCostNLogN) {
+  auto set = [](const char* prefix, int first, int count, int step) {
+    std::string text = "(* set";
+    for (int i = 0; i < count; ++i)
+      text += " " + std::string(prefix) + std::to_string(first + i * step);
+    return text + ")";
+  };
+  const uint64_t before = engine_.work_used();
+  TagRelation relation = kTagEqual;
+  ASSERT_EQ(CompareTagElements(engine_, Element(set("a", 0, 30000, 1)),
+                               Element(set("b", 0, 30000, 1)), &relation),
+            SPKI_OK);
+  EXPECT_EQ(relation, kTagDisjoint);
+  EXPECT_EQ(IntersectElementTexts(set("a", 0, 30000, 1), set("b", 0, 30000, 1)), "(none)");
+  // The even numbers below 60000 against the multiples of three: 10000 shared,
+  // the last kept first.
+  const std::string both = IntersectElementTexts(set("n", 0, 30000, 2), set("n", 0, 30000, 3));
+  EXPECT_EQ(both.rfind("(* set n59994 n59988 ", 0), 0u) << both.substr(0, 40);
+  EXPECT_EQ(std::count(both.begin(), both.end(), ' '), 1 + 10000);
+  // Pairing the members would take 900 million comparisons per operation.
+  EXPECT_LT(engine_.work_used() - before, 5000000u);
+
+  // The same results as the general walk, which one member that is no atom forces.
+  const std::string a = "(* set c a b a d e f c)", b = "(* set f e a x c)";
+  const std::string a_mixed = "(* set (p) c a b a d e f c)", b_mixed = "(* set (q) f e a x c)";
+  EXPECT_EQ(IntersectElementTexts(a, b), "(* set f e a c)");
+  EXPECT_EQ(IntersectElementTexts(a_mixed, b_mixed), "(* set f e a c)");
+  const std::tuple<const char*, const char*, TagRelation> kRelations[] = {
+      {"(* set a b)", "(* set a b c)", kTagNarrower},
+      {"(* set a b c)", "(* set b a)", kTagBroader},
+      {"(* set a b)", "(* set b a a)", kTagNarrower},  // a tie goes to the first operand
+      {"(* set)", "(* set a)", kTagNarrower},
+      {"(* set a)", "(* set)", kTagBroader},
+      {"(* set a b)", "(* set b c)", kTagOverlapping},
+      {"(* set a)", "(* set b)", kTagDisjoint}};
+  for (const auto& [x, y, want] : kRelations) {
+    TagRelation got = kTagEqual;
+    ASSERT_EQ(CompareSetWith(engine_, Element(x), Element(y), &got), SPKI_OK);
+    EXPECT_EQ(got, want) << x << " against " << y;
+  }
 }
 
 TEST(TagRelation, MirrorAndNames) {
