@@ -246,7 +246,7 @@ TEST(ReduceLimits, TagComparisonsCountAgainstTheWorkLimit) {
     std::string text = "(3:tag(3:ftp(1:*3:set";
     for (int i = 0; i < count; ++i) {
       const std::string name = std::string(1, letter).append(std::to_string(i));
-      text += "(" + std::to_string(name.size()) + ":" + name + ")";
+      text.append("(").append(std::to_string(name.size())).append(":").append(name).append(")");
     }
     return text + ")))";
   };

@@ -497,8 +497,9 @@ TEST_F(TagsTest, NestedSetsCostTheProductOfTheirSizes) {
 TEST_F(TagsTest, LongAtomSetsCostNLogN) {
   auto set = [](const char* prefix, int first, int count, int step) {
     std::string text = "(* set";
-    for (int i = 0; i < count; ++i)
-      text += " " + std::string(prefix) + std::to_string(first + i * step);
+    for (int i = 0; i < count; ++i) {
+      text.append(" ").append(prefix).append(std::to_string(first + i * step));
+    }
     return text + ")";
   };
   const uint64_t before = engine_.work_used();

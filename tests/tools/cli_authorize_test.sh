@@ -1,30 +1,7 @@
 #!/usr/bin/env bash
 # Writes ACL entries and asks authorization questions with the velk2 tool:
 # acl add / acl list, authorize with its exit codes, --explain and --json.
-set -u
-velk2=$1
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-cd "$dir"
-failures=0
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-check() {  # description, expected exit, command...
-  local what=$1 want=$2
-  shift 2
-  "$@" >out.txt 2>err.txt
-  local got=$?
-  if [ "$got" -ne "$want" ]; then
-    fail "$what: exit $got, expected $want"; cat out.txt err.txt
-  fi
-}
-has() {  # description, file, extended regex
-  grep -qE -- "$3" "$2" || { fail "$1: no /$3/ in $2"; cat "$2"; }
-}
-json() {  # description, python expression over the JSON object j
-  python3 -m json.tool out.txt >/dev/null || { fail "$1: not JSON"; cat out.txt; return; }
-  python3 -c "import json,sys; j=json.load(open('out.txt')); sys.exit(0 if ($2) else 1)" ||
-    { fail "$1: $2"; cat out.txt; }
-}
+source "$(dirname "$0")/cli_common.sh" "$1"
 
 for k in root dev pkg other; do
   "$velk2" key new --type rsa --out $k >/dev/null || fail "key $k"

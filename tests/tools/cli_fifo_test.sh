@@ -1,21 +1,7 @@
 #!/usr/bin/env bash
 # A FIFO named where velk2 reads a file must fail at once with exit 2, never
 # wait for a writer: every command runs under a timeout that would catch a hang.
-set -u
-velk2=$1
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-cd "$dir"
-failures=0
-check() {  # description, expected exit, command...
-  local what=$1 want=$2
-  shift 2
-  timeout 20 "$@" >out.txt 2>err.txt
-  local got=$?
-  if [ "$got" -ne "$want" ]; then
-    echo "FAIL: $what: exit $got, expected $want"; cat out.txt err.txt; failures=$((failures + 1))
-  fi
-}
+source "$(dirname "$0")/cli_common.sh" "$1"
 
 "$velk2" key new --type rsa --out root >/dev/null || exit 1
 "$velk2" key new --type rsa --out dev >/dev/null || exit 1

@@ -1,20 +1,6 @@
 #!/usr/bin/env bash
 # Issues keys and certificates with the velk2 tool and checks files, modes and refusals.
-set -u
-velk2=$1
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-cd "$dir"
-failures=0
-check() {  # description, expected exit, command...
-  local what=$1 want=$2
-  shift 2
-  "$@" >out.txt 2>err.txt
-  local got=$?
-  if [ "$got" -ne "$want" ]; then
-    echo "FAIL: $what: exit $got, expected $want"; cat out.txt err.txt; failures=$((failures + 1))
-  fi
-}
+source "$(dirname "$0")/cli_common.sh" "$1"
 
 check "rsa key" 0 "$velk2" key new --type rsa --out root
 check "dsa key" 0 "$velk2" key new --type dsa --out dev
