@@ -19,10 +19,12 @@ bool IsBareName(const char16_t* name) {
   return true;
 }
 
-// A tag is a list headed by the atom "tag".
+// A tag is a list headed by the atom "tag", without a display hint (the
+// engine reads a hinted atom as no keyword).
 bool IsTagList(const SexpList& list) {
   const SexpObject* head = list.FirstChild();
-  return head != nullptr && head->AsAtom() != nullptr && head->AsAtom()->AtomEqualsText("tag");
+  const SexpAtom* atom = head != nullptr ? head->AsAtom() : nullptr;
+  return atom != nullptr && atom->hint() == kHintNone && atom->AtomEqualsText("tag");
 }
 
 }  // namespace

@@ -401,6 +401,7 @@ TEST(ReadAclEntry, TagSlotHoldsATag) {
       {"(5:valid(9:not-after19:2099-01-01_00:00:00))", VELK2_ERR_AUTH_TAG_MISSING},
       {"(4:tags(3:pkg))", VELK2_ERR_AUTH_TAG_MISSING},
       {"(2:ta(3:pkg))", VELK2_ERR_AUTH_TAG_MISSING},
+      {"([bin]3:tag(3:pkg))", VELK2_ERR_AUTH_TAG_MISSING},
       {"((3:tag)(3:pkg))", VELK2_ERR_AUTH_TAG_MISSING},
       {"()", VELK2_ERR_AUTH_TAG_MISSING},
   };
