@@ -167,16 +167,18 @@ Result ParseCertificate(Certificate* certificate, SexpSource* source) {
   });
 }
 
-Result BuildCertificate(Certificate* certificate, Principal* issuer, Principal* subject,
-                        bool propagate, SexpList* tag, SexpAtom* not_before, SexpAtom* not_after,
-                        SexpAtom* comment, SexpList* revocation_spec) {
-  if (certificate == nullptr || certificate->ChildCount() != 0 || issuer == nullptr ||
-      subject == nullptr) {
+CertificateFields Certificate::fields() const {
+  return {issuer_, subject_, propagate_, tag_, not_before_, not_after_, comment_, revocation_spec_};
+}
+
+Result BuildCertificate(Certificate* certificate, const CertificateFields& fields) {
+  if (certificate == nullptr || certificate->ChildCount() != 0 || fields.issuer == nullptr ||
+      fields.subject == nullptr) {
     return VELK2_ERR_INVALID_PARAM;
   }
   Certificate& c = *certificate;
   Velk2Context* context = c.context();
-  Result result = Guard([&]() -> Result {
+  return Guard([&]() -> Result {
     Result status = c.AppendTextAtom("cert");
     if (status != VELK2_SUCCESS) return status;
     Ref<SexpList> version;
@@ -186,62 +188,52 @@ Result BuildCertificate(Certificate* certificate, Principal* issuer, Principal* 
     status = c.Append(std::move(version));
     if (status != VELK2_SUCCESS) return status;
 
-    c.issuer_ = Ref<Principal>::Share(issuer);
-    status = AppendField(&c, "issuer", Ref<Principal>::Share(issuer));
+    c.issuer_ = fields.issuer;
+    status = AppendField(&c, "issuer", fields.issuer);
     if (status != VELK2_SUCCESS) return status;
-    c.subject_ = Ref<Principal>::Share(subject);
-    status = AppendField(&c, "subject", Ref<Principal>::Share(subject));
+    c.subject_ = fields.subject;
+    status = AppendField(&c, "subject", fields.subject);
     if (status != VELK2_SUCCESS) return status;
 
-    if (propagate) {
+    if (fields.propagate) {
       c.propagate_ = true;
       status = AppendField(&c, "propagate", Ref<SexpObject>());
       if (status != VELK2_SUCCESS) return status;
     }
-    if (tag != nullptr) {
-      c.tag_ = Ref<SexpList>::Share(tag);
-      status = c.Append(Ref<SexpList>::Share(tag));
+    if (fields.tag != nullptr) {
+      c.tag_ = fields.tag;
+      status = c.Append(Ref<SexpList>(fields.tag));
       if (status != VELK2_SUCCESS) return status;
     }
-    if (not_before != nullptr || not_after != nullptr) {
+    if (fields.not_before != nullptr || fields.not_after != nullptr) {
       Ref<SexpList> valid;
       status = NewKeywordList(&valid, "valid", context);
       if (status != VELK2_SUCCESS) return status;
-      if (not_before != nullptr) {
-        c.not_before_ = Ref<SexpAtom>::Share(not_before);
-        status = AppendField(valid.get(), "not-before", Ref<SexpAtom>::Share(not_before));
+      if (fields.not_before != nullptr) {
+        c.not_before_ = fields.not_before;
+        status = AppendField(valid.get(), "not-before", fields.not_before);
         if (status != VELK2_SUCCESS) return status;
       }
-      if (not_after != nullptr) {
-        c.not_after_ = Ref<SexpAtom>::Share(not_after);
-        status = AppendField(valid.get(), "not-after", Ref<SexpAtom>::Share(not_after));
+      if (fields.not_after != nullptr) {
+        c.not_after_ = fields.not_after;
+        status = AppendField(valid.get(), "not-after", fields.not_after);
         if (status != VELK2_SUCCESS) return status;
       }
       status = c.Append(std::move(valid));
       if (status != VELK2_SUCCESS) return status;
     }
-    if (comment != nullptr) {
-      c.comment_ = Ref<SexpAtom>::Share(comment);
-      status = AppendField(&c, "comment", Ref<SexpAtom>::Share(comment));
+    if (fields.comment != nullptr) {
+      c.comment_ = fields.comment;
+      status = AppendField(&c, "comment", fields.comment);
       if (status != VELK2_SUCCESS) return status;
     }
-    if (revocation_spec != nullptr) {
-      c.revocation_spec_ = Ref<SexpList>::Share(revocation_spec);
-      status = c.Append(Ref<SexpList>::Share(revocation_spec));
+    if (fields.revocation_spec != nullptr) {
+      c.revocation_spec_ = fields.revocation_spec;
+      status = c.Append(Ref<SexpList>(fields.revocation_spec));
       if (status != VELK2_SUCCESS) return status;
     }
     return VELK2_SUCCESS;
   });
-  return result;
-}
-
-Result BuildCertificate(Certificate* certificate, const Certificate& from) {
-  // Sharing a part only raises its count; the parts themselves stay as they are.
-  return BuildCertificate(
-      certificate, const_cast<Principal*>(from.issuer()), const_cast<Principal*>(from.subject()),
-      from.propagate(), const_cast<SexpList*>(from.tag()), const_cast<SexpAtom*>(from.not_before()),
-      const_cast<SexpAtom*>(from.not_after()), const_cast<SexpAtom*>(from.comment()),
-      const_cast<SexpList*>(from.revocation_spec()));
 }
 
 }  // namespace velk2

@@ -70,6 +70,19 @@ enum RevocationState : uint32_t {
   kRevocationUnchecked = 3,
 };
 
+// The parts of a certificate body, each shared with whoever else holds it.
+// Absent optional parts stay null.
+struct CertificateFields {
+  Ref<Principal> issuer;
+  Ref<Principal> subject;
+  bool propagate = false;
+  Ref<SexpList> tag;
+  Ref<SexpAtom> not_before;
+  Ref<SexpAtom> not_after;
+  Ref<SexpAtom> comment;
+  Ref<SexpList> revocation_spec;
+};
+
 class Certificate final : public Credential {
  public:
   explicit Certificate(Velk2Context* context = nullptr) : Credential(context) {}
@@ -100,6 +113,9 @@ class Certificate final : public Credential {
   // The trailing list whose text starts "(1", or null.
   const SexpList* revocation_spec() const { return revocation_spec_.get(); }
 
+  // Every part of the body, shared: the fields of a copy.
+  CertificateFields fields() const;
+
   RevocationState revocation_state() const { return revocation_state_; }
   void set_revocation_state(RevocationState state) { revocation_state_ = state; }
 
@@ -108,9 +124,7 @@ class Certificate final : public Credential {
 
  private:
   friend Result ParseCertificate(Certificate* certificate, SexpSource* source);
-  friend Result BuildCertificate(Certificate* certificate, Principal* issuer, Principal* subject,
-                                 bool propagate, SexpList* tag, SexpAtom* not_before,
-                                 SexpAtom* not_after, SexpAtom* comment, SexpList* revocation_spec);
+  friend Result BuildCertificate(Certificate* certificate, const CertificateFields& fields);
 
   Ref<SexpList> version_;
   Ref<Principal> issuer_;
@@ -139,16 +153,12 @@ Result ReadSubject(SexpSource* source, Ref<Principal>* out, Velk2Context* contex
 // otherwise. On failure the caller releases the partly filled certificate.
 Result ParseCertificate(Certificate* certificate, SexpSource* source);
 
-// BuildCertificate fills an empty |certificate| from parts, each shared (its
-// count raised), with the version field always written. |issuer| and
-// |subject| are required (2 when null, as for a non-empty certificate); the
-// other parts are left out when null, and the valid field is written when
-// either date is given. 3 for memory.
-Result BuildCertificate(Certificate* certificate, Principal* issuer, Principal* subject,
-                        bool propagate, SexpList* tag, SexpAtom* not_before, SexpAtom* not_after,
-                        SexpAtom* comment, SexpList* revocation_spec);
-// The same with every part of |from| (a fresh body sharing its fields).
-Result BuildCertificate(Certificate* certificate, const Certificate& from);
+// BuildCertificate fills an empty |certificate| from |fields|, each part
+// shared (its count raised), with the version field always written. The
+// issuer and the subject are required (2 when null, as for a non-empty
+// certificate); the other parts are left out when null, and the valid field
+// is written when either date is given. 3 for memory.
+Result BuildCertificate(Certificate* certificate, const CertificateFields& fields);
 
 }  // namespace velk2
 

@@ -285,7 +285,7 @@ TEST(CertificateTest, BuildsBodiesFromPartsAndFromCertificates) {
 
   // The copy form makes a fresh body with the same fields.
   Ref<Certificate> copy = Certificate::New();
-  ASSERT_EQ(BuildCertificate(copy.get(), *read), VELK2_SUCCESS);
+  ASSERT_EQ(BuildCertificate(copy.get(), read->fields()), VELK2_SUCCESS);
   EXPECT_EQ(CanonicalOf(*copy), full);
   EXPECT_EQ(StoredOf(*copy), StoredOf(*read));
   EXPECT_EQ(copy->issuer(), read->issuer());  // shared, not copied
@@ -296,7 +296,7 @@ TEST(CertificateTest, BuildsBodiesFromPartsAndFromCertificates) {
       MustParse<Certificate>("(4:cert" + Issuer(Hash1()) + Subject(Key1()) + ")");
   ASSERT_TRUE(minimal);
   Ref<Certificate> rebuilt = Certificate::New();
-  ASSERT_EQ(BuildCertificate(rebuilt.get(), *minimal), VELK2_SUCCESS);
+  ASSERT_EQ(BuildCertificate(rebuilt.get(), minimal->fields()), VELK2_SUCCESS);
   EXPECT_EQ(CanonicalOf(*rebuilt),
             "(4:cert" + std::string(kVersion) + Issuer(Hash1()) + Subject(Key1()) + ")");
 
@@ -304,11 +304,13 @@ TEST(CertificateTest, BuildsBodiesFromPartsAndFromCertificates) {
   Ref<Certificate> parts = Certificate::New();
   Ref<SexpAtom> not_after = SexpAtom::New();
   ASSERT_EQ(WriteDate(not_after.get(), 1167609600), VELK2_SUCCESS);
-  ASSERT_EQ(BuildCertificate(parts.get(), const_cast<Principal*>(read->issuer()),
-                             const_cast<Principal*>(read->subject()), false,
-                             const_cast<SexpList*>(read->tag()), nullptr, not_after.get(), nullptr,
-                             nullptr),
-            VELK2_SUCCESS);
+  CertificateFields fields = read->fields();
+  fields.propagate = false;
+  fields.not_before = nullptr;
+  fields.not_after = not_after;
+  fields.comment = nullptr;
+  fields.revocation_spec = nullptr;
+  ASSERT_EQ(BuildCertificate(parts.get(), fields), VELK2_SUCCESS);
   const std::string want = "(4:cert" + std::string(kVersion) + Issuer(Key1()) +
                            Subject(KOfNText(1, 2, {Key2(), Key3()})) + kTag +
                            "(5:valid(9:not-after19:2007-01-01_00:00:00)))";
@@ -321,14 +323,13 @@ TEST(CertificateTest, BuildsBodiesFromPartsAndFromCertificates) {
   EXPECT_EQ(reread->not_before(), nullptr);
 
   // Refusals: missing issuer or subject, a body that is not empty.
-  Principal* issuer = const_cast<Principal*>(read->issuer());
-  EXPECT_EQ(BuildCertificate(Certificate::New().get(), nullptr, issuer, false, nullptr, nullptr,
-                             nullptr, nullptr, nullptr),
-            VELK2_ERR_INVALID_PARAM);
-  EXPECT_EQ(BuildCertificate(Certificate::New().get(), issuer, nullptr, false, nullptr, nullptr,
-                             nullptr, nullptr, nullptr),
-            VELK2_ERR_INVALID_PARAM);
-  EXPECT_EQ(BuildCertificate(parts.get(), *read), VELK2_ERR_INVALID_PARAM);
+  CertificateFields no_issuer = read->fields();
+  no_issuer.issuer = nullptr;
+  EXPECT_EQ(BuildCertificate(Certificate::New().get(), no_issuer), VELK2_ERR_INVALID_PARAM);
+  CertificateFields no_subject = read->fields();
+  no_subject.subject = nullptr;
+  EXPECT_EQ(BuildCertificate(Certificate::New().get(), no_subject), VELK2_ERR_INVALID_PARAM);
+  EXPECT_EQ(BuildCertificate(parts.get(), read->fields()), VELK2_ERR_INVALID_PARAM);
 }
 
 // A built body signed by its issuer verifies; the signature check and the
@@ -338,7 +339,7 @@ TEST(CertificateTest, SignedBuiltBodyVerifies) {
                                                  Subject(KOfNText(1, 1, {Key1()})) + kTag + ")");
   ASSERT_TRUE(read);
   Ref<Certificate> body = Certificate::New();
-  ASSERT_EQ(BuildCertificate(body.get(), *read), VELK2_SUCCESS);
+  ASSERT_EQ(BuildCertificate(body.get(), read->fields()), VELK2_SUCCESS);
   const std::vector<uint8_t> digest = StoredDigest(*body, ZCRY_HASH_SHA1);
   std::vector<uint8_t> bytes;
   ASSERT_EQ(DsaKey().SignDigest("dsa-sha1", ZCRY_HASH_SHA1, digest.data(), digest.size(), &bytes),
