@@ -1,12 +1,15 @@
 // The authorization query over real keys, signed certificates and ACL entry
 // files, asked the way `velk2 authorize` asks: the ACL loaded from its
-// directory, the certificate file read and every signature checked, the
-// certificates rebuilt into a sequence, then AuthorizeKey. The engine's
-// exact output for each kind of chain is pinned by the engine's tests.
+// directory, the certificate file read, then the verification pipeline
+// (signatures, revocation, AuthorizeKey over the rebuilt certificates). The
+// engine's exact output for each kind of chain is pinned by the engine's
+// tests.
 #include "acl/authorize.h"
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -15,6 +18,7 @@
 
 #include "acl/acl_entry.h"
 #include "acl/acl_test_util.h"
+#include "acl/verification.h"
 #include "credentials/certificate.h"
 #include "credentials/certificate_sequence.h"
 #include "credentials/signature.h"
@@ -124,24 +128,32 @@ class World {
     return acl;
   }
 
-  // The certificates of the file, every signature checked, rebuilt into a
-  // new sequence.
-  Ref<SexpList> Sequence() const {
-    Ref<SexpList> sequence;
-    EXPECT_EQ(NewKeywordList(&sequence, "sequence", nullptr), VELK2_SUCCESS);
-    if (!std::filesystem::exists(dir_.Sub("chain.cert"))) return sequence;
+  // The certificate file as read; an empty sequence when there is none.
+  Ref<CertificateSequence> Certificates() const {
     Ref<CertificateSequence> file;
-    EXPECT_EQ(ReadCertificateFile(&file, dir_.Wide("chain.cert").c_str(), nullptr), VELK2_SUCCESS);
-    if (!file) return nullptr;
-    for (size_t i = 0; i < file->entry_count(); ++i) {
-      const CertificateEntry entry = file->entry(i);
-      EXPECT_EQ(VerifySignature(entry.signature, entry.certificate), VELK2_SUCCESS) << i;
-      Ref<Certificate> rebuilt = Certificate::New();
-      EXPECT_EQ(BuildCertificate(rebuilt.get(), *entry.certificate), VELK2_SUCCESS);
-      EXPECT_EQ(sequence->Append(std::move(rebuilt)), VELK2_SUCCESS);
+    if (std::filesystem::exists(dir_.Sub("chain.cert"))) {
+      EXPECT_EQ(ReadCertificateFile(&file, dir_.Wide("chain.cert").c_str(), nullptr),
+                VELK2_SUCCESS);
+      return file;
+    }
+    file = CertificateSequence::New();
+    SexpMemorySource source;
+    EXPECT_EQ(source.AttachCopy("(8:sequence)", 12), VELK2_SUCCESS);
+    EXPECT_EQ(file->Parse(&source), VELK2_SUCCESS);
+    return file;
+  }
+
+  // The certificates rebuilt for the engine, as the pipeline rebuilds them.
+  Ref<SexpList> Sequence() const {
+    Ref<CertificateSequence> file = Certificates();
+    Ref<SexpList> sequence;
+    if (file) {
+      EXPECT_EQ(RebuildForAuthorization(*file, &sequence), VELK2_SUCCESS);
     }
     return sequence;
   }
+
+  std::string Path(const char* name) const { return dir_.Sub(name); }
 
  private:
   TempDir dir_;
@@ -177,6 +189,33 @@ Answer Ask(const SexpList* acl, const SexpList* sequence, int key, const char* t
   Velk2Context context{0};
   answer.result = AuthorizeKey(&context, acl, sequence, key_list.get(), tag_list.get(),
                                validity.get(), &answer.trace, &answer.reduced);
+  for (size_t at = answer.reduced.find("(5:entry"); at != std::string::npos;
+       at = answer.reduced.find("(5:entry", at + 1)) {
+    ++answer.entries;
+  }
+  return answer;
+}
+
+// The same question through the verification pipeline, over the file as read.
+Answer Verify(const World& world, int key, const char* tag, const char* not_before = nullptr,
+              const char* not_after = nullptr) {
+  Answer answer;
+  Ref<SexpList> acl = world.LoadedAcl();
+  Ref<CertificateSequence> file = world.Certificates();
+  Ref<SexpList> key_list = PublicKeyList(key);
+  Ref<SexpList> tag_list = TagList(tag);
+  Ref<SexpList> validity = Validity(not_before, not_after);
+  SequenceQuery query;
+  query.acl = acl.get();
+  query.sequence = file.get();
+  query.key = key_list.get();
+  query.tag = tag_list.get();
+  query.validity = validity.get();
+  query.trace = &answer.trace;
+  query.reduced_acl = &answer.reduced;
+  const SequenceVerdict verdict = VerifySequence(query);
+  EXPECT_EQ(verdict.stage, VerifyStage::kAuthorization);
+  answer.result = verdict.result;
   for (size_t at = answer.reduced.find("(5:entry"); at != std::string::npos;
        at = answer.reduced.find("(5:entry", at + 1)) {
     ++answer.entries;
@@ -230,10 +269,7 @@ TEST(AuthorizeScenarios, BuiltWithTheIssuingToolkit) {
     SCOPED_TRACE(s.name);
     World world;
     for (const Grant& g : s.grants) world.Add(g);
-    Ref<SexpList> acl = world.LoadedAcl();
-    Ref<SexpList> sequence = world.Sequence();
-    ASSERT_TRUE(acl && sequence);
-    Answer a = Ask(acl.get(), sequence.get(), s.key, s.tag, s.not_before, s.not_after);
+    Answer a = Verify(world, s.key, s.tag, s.not_before, s.not_after);
     EXPECT_EQ(a.result, s.want);
     const size_t entries = s.want == kNone ? 0 : s.entries;
     EXPECT_EQ(a.entries, entries) << a.reduced;
@@ -397,6 +433,84 @@ TEST(AuthorizeKey, ArgumentsAndPassedThroughCodes) {
 }
 
 // The tag algebra behind it is pinned by the engine's TagImplies tests.
+// The pipeline's stages in order, each ending the verification at its first
+// failure, and the certificate that ended it.
+TEST(VerifySequence, StagesInOrder) {
+  World world;
+  world.Add({kAcl, 0, true, "(pkg)"});
+  world.Add({0, 1, true});
+  world.Add({1, 2, false});
+  Ref<SexpList> acl = world.LoadedAcl();
+  Ref<CertificateSequence> file = world.Certificates();
+  Ref<SexpList> tag = TagList(kInstall);
+  ASSERT_TRUE(acl && file);
+  SequenceQuery query;
+  query.acl = acl.get();
+  query.sequence = file.get();
+  query.tag = tag.get();
+  // Without a key of its own the question is about the first certificate's
+  // subject (key 1), which the ACL reaches.
+  SequenceVerdict verdict = VerifySequence(query);
+  EXPECT_EQ(verdict.result, kYes);
+  EXPECT_EQ(verdict.stage, VerifyStage::kAuthorization);
+
+  int checks = 0;
+  query.revocation = [&](const SexpList& seen_acl, const CertificateSequence& seen,
+                         size_t* certificate) {
+    ++checks;
+    EXPECT_EQ(&seen_acl, acl.get());
+    EXPECT_EQ(&seen, file.get());
+    *certificate = 1;
+    return VELK2_ERR_CERT_REVOKED;
+  };
+  verdict = VerifySequence(query);
+  EXPECT_EQ(verdict.result, VELK2_ERR_CERT_REVOKED);
+  EXPECT_EQ(verdict.stage, VerifyStage::kRevocation);
+  EXPECT_EQ(verdict.certificate, 1u);
+  EXPECT_EQ(checks, 1);
+
+  // A certificate changed after signing: the signatures end it before the
+  // revocation check is asked.
+  std::ifstream in(world.Path("chain.cert"), std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t second = bytes.find("7:install", bytes.find("7:install") + 1);
+  ASSERT_NE(second, std::string::npos);
+  bytes[second + 8] = 'X';
+  std::ofstream(world.Path("tampered.cert"), std::ios::binary) << bytes;
+  Ref<CertificateSequence> tampered;
+  ASSERT_EQ(
+      ReadCertificateFile(&tampered, Utf8ToUtf16(world.Path("tampered.cert")).c_str(), nullptr),
+      VELK2_SUCCESS);
+  query.sequence = tampered.get();
+  verdict = VerifySequence(query);
+  EXPECT_EQ(verdict.result, VELK2_ERR_HASH_MISMATCH);
+  EXPECT_EQ(verdict.stage, VerifyStage::kSignatures);
+  EXPECT_EQ(verdict.certificate, 1u);
+  EXPECT_EQ(checks, 1);
+
+  // An entry without its owner list, and an empty sequence with no key to
+  // ask about, are no sequence; a missing ACL or tag is refused first.
+  Ref<CertificateSequence> cut = CertificateSequence::New();
+  for (size_t i = 0; i < 3; ++i) {
+    ASSERT_EQ(cut->Append(Ref<SexpObject>(file->children()[i])), VELK2_SUCCESS);
+  }
+  query.sequence = cut.get();
+  EXPECT_EQ(VerifySequence(query).result, VELK2_ERR_INVALID_SEQUENCE);
+  World empty;
+  Ref<CertificateSequence> none = empty.Certificates();
+  query.sequence = none.get();
+  EXPECT_EQ(VerifySequence(query).result, VELK2_ERR_INVALID_SEQUENCE);
+  Ref<SexpList> key = PublicKeyList(0);
+  query.key = key.get();
+  query.revocation = nullptr;
+  EXPECT_EQ(VerifySequence(query).result, kYes);
+  query.tag = nullptr;
+  EXPECT_EQ(VerifySequence(query).result, VELK2_ERR_PARAM_NULL);
+  query.tag = tag.get();
+  query.acl = nullptr;
+  EXPECT_EQ(VerifySequence(query).result, VELK2_ERR_PARAM_NULL);
+}
+
 TEST(TagGranted, GrantedImpliesRequested) {
   const std::tuple<const char*, const char*, bool> cases[] = {
       {kInstall, kInstall, true},

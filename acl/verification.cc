@@ -1,0 +1,92 @@
+#include "acl/verification.h"
+
+#include <utility>
+
+#include "acl/authorize.h"
+#include "credentials/certificate.h"
+#include "credentials/signature.h"
+#include "frame/guard.h"
+
+namespace velk2 {
+
+namespace {
+
+// Every entry has its three lists.
+bool Complete(const CertificateSequence& sequence) {
+  const size_t children = sequence.ChildCount();
+  if (children < 1 || (children - 1) % 3 != 0) return false;
+  for (size_t i = 0; i < sequence.entry_count(); ++i) {
+    const CertificateEntry entry = sequence.entry(i);
+    if (entry.certificate == nullptr || entry.signature == nullptr || entry.owner == nullptr) {
+      return false;
+    }
+  }
+  return true;
+}
+
+SequenceVerdict Verdict(Result result, VerifyStage stage, size_t certificate = 0) {
+  return {result, stage, certificate};
+}
+
+SequenceVerdict Run(const SequenceQuery& query) {
+  const CertificateSequence& sequence = *query.sequence;
+  // Without a key of its own the question is about the first certificate's
+  // subject, so there must be one.
+  if (!Complete(sequence) || (query.key == nullptr && sequence.entry_count() == 0)) {
+    return Verdict(VELK2_ERR_INVALID_SEQUENCE, VerifyStage::kSignatures);
+  }
+
+  // A chain with one bad link is no chain.
+  for (size_t i = 0; i < sequence.entry_count(); ++i) {
+    const CertificateEntry entry = sequence.entry(i);
+    const Result result = VerifySignature(entry.signature, entry.certificate);
+    if (result != VELK2_SUCCESS) return Verdict(result, VerifyStage::kSignatures, i);
+  }
+
+  if (query.revocation) {
+    size_t revoked = 0;
+    const Result result = query.revocation(*query.acl, sequence, &revoked);
+    if (result != VELK2_SUCCESS) return Verdict(result, VerifyStage::kRevocation, revoked);
+  }
+
+  Ref<SexpList> rebuilt;
+  Result result = RebuildForAuthorization(sequence, &rebuilt);
+  if (result != VELK2_SUCCESS) return Verdict(result, VerifyStage::kAuthorization);
+  const SexpList* key = query.key != nullptr ? query.key : sequence.entry(0).certificate->subject();
+  result = AuthorizeKey(query.context, query.acl, rebuilt.get(), key, query.tag, query.validity,
+                        query.trace, query.reduced_acl);
+  return Verdict(result, VerifyStage::kAuthorization);
+}
+
+}  // namespace
+
+Result RebuildForAuthorization(const CertificateSequence& sequence, Ref<SexpList>* out) {
+  if (out == nullptr) return VELK2_ERR_PARAM_NULL;
+  Ref<SexpList> rebuilt;
+  Result result = NewKeywordList(&rebuilt, "sequence", sequence.context());
+  for (size_t i = 0; i < sequence.entry_count() && result == VELK2_SUCCESS; ++i) {
+    const Certificate* certificate = sequence.entry(i).certificate;
+    if (certificate == nullptr) return VELK2_ERR_INVALID_SEQUENCE;
+    CertificateFields fields = certificate->fields();
+    fields.revocation_spec = nullptr;
+    Ref<Certificate> copy = Certificate::New(sequence.context());
+    result = BuildCertificate(copy.get(), fields);
+    if (result == VELK2_SUCCESS) result = rebuilt->Append(std::move(copy));
+  }
+  if (result == VELK2_SUCCESS) *out = std::move(rebuilt);
+  return result;
+}
+
+SequenceVerdict VerifySequence(const SequenceQuery& query) {
+  if (query.acl == nullptr || query.sequence == nullptr || query.tag == nullptr) {
+    return Verdict(VELK2_ERR_PARAM_NULL, VerifyStage::kSignatures);
+  }
+  SequenceVerdict verdict;
+  verdict.result = Guard([&]() -> Result {
+    verdict = Run(query);
+    return verdict.result;
+  });
+  return verdict;
+}
+
+}  // namespace velk2
