@@ -32,6 +32,8 @@ bool EndsWithAcl(const std::string& path) {
   return tail == ".acl" && path.size() - name_start > 4;
 }
 
+}  // namespace
+
 int RunAclAdd(const Args& args) {
   const char* kName = "acl add";
   Options options({"subject", "subject-hash", "tag", "not-before", "not-after", "comment", "out"},
@@ -72,6 +74,8 @@ int RunAclAdd(const Args& args) {
   return kExitOk;
 }
 
+namespace {
+
 void PrintEntry(const AclEntry& entry, const std::string& file) {
   std::printf("%s\n", file.c_str());
   std::printf("  subject:    %s\n",
@@ -93,6 +97,8 @@ void PrintEntry(const AclEntry& entry, const std::string& file) {
         "against this directory fails (-130)\n");
   }
 }
+
+}  // namespace
 
 int RunAclList(const Args& args) {
   const char* kName = "acl list";
@@ -143,17 +149,4 @@ int RunAclList(const Args& args) {
   return skipped == 0 && too_deep == 0 ? kExitOk : kExitFailure;
 }
 
-VELK2_COMMAND(
-    "acl add",
-    "--subject FILE.pub|--subject-hash FILE --tag TEXT [--propagate] "
-    "[--not-before DATE] [--not-after DATE] [--comment TEXT] --out DIR/NAME.acl [--force]",
-    "write an ACL entry granting the subject TEXT (a tag such as '(pkg install)'); DATE "
-    "is YYYY-MM-DD_hh:mm:ss in UTC; an existing file is kept unless --force",
-    RunAclAdd);
-VELK2_COMMAND("acl list", "DIR",
-              "print every entry of the *.acl files of DIR and say which files are skipped and "
-              "why (exit 1 when any is)",
-              RunAclList);
-
-}  // namespace
 }  // namespace velk2::cli

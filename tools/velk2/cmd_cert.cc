@@ -23,6 +23,8 @@ std::string Stem(const std::string& path) {
   return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
 }
 
+}  // namespace
+
 int RunCertIssue(const Args& args) {
   const char* kName = "cert issue";
   Options options({"issuer", "subject", "subject-hash", "tag", "not-before", "not-after", "comment",
@@ -83,13 +85,4 @@ int RunCertIssue(const Args& args) {
   return kExitOk;
 }
 
-VELK2_COMMAND("cert issue",
-              "--issuer NAME.pem --subject FILE.pub|--subject-hash FILE --tag TEXT [--propagate] "
-              "[--not-before DATE] [--not-after DATE] [--comment TEXT] [--owner TEXT] "
-              "[--alg rsa-pss|rsa-1.5|dsa-sha1] [--hash sha1|sha256] --out FILE.cert",
-              "sign a certificate and append it to FILE.cert (created when missing); TEXT is a tag "
-              "such as '(pkg install)', DATE is YYYY-MM-DD_hh:mm:ss in UTC",
-              RunCertIssue);
-
-}  // namespace
 }  // namespace velk2::cli

@@ -17,6 +17,8 @@ namespace {
 using issuing::KeyType;
 using issuing::PrivateKey;
 
+}  // namespace
+
 int RunKeyNew(const Args& args) {
   Options options({"type", "bits", "out"}, {"force"});
   if (!options.Parse(args)) return UsageError("key new", options.error());
@@ -65,13 +67,4 @@ int RunKeyShow(const Args& args) {
   return kExitOk;
 }
 
-VELK2_COMMAND("key new", "--type rsa|dsa [--bits N] --out NAME [--force]",
-              "make a key pair: NAME.pem (private, mode 0600) and NAME.pub (canonical public key)",
-              RunKeyNew);
-VELK2_COMMAND("key show", "FILE",
-              "print a key's type, size and the SHA-256 fingerprint of its canonical form "
-              "(FILE is a .pub or a .pem)",
-              RunKeyShow);
-
-}  // namespace
 }  // namespace velk2::cli

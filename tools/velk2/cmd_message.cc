@@ -9,8 +9,6 @@
 #include "tools/velk2/messages.h"
 
 namespace velk2::cli {
-namespace {
-
 int RunMessage(const Args& args) {
   if (args.empty()) return UsageError("message", "expected at least one CODE");
   std::vector<long long> values;
@@ -28,8 +26,4 @@ int RunMessage(const Args& args) {
   return kExitOk;
 }
 
-VELK2_COMMAND("message", "CODE...", "print the message of result codes (negative: engine statuses)",
-              RunMessage);
-
-}  // namespace
 }  // namespace velk2::cli

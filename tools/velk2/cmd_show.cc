@@ -11,8 +11,6 @@
 #include "tools/velk2/commands.h"
 
 namespace velk2::cli {
-namespace {
-
 int RunShow(const Args& args) {
   if (args.size() != 1) return UsageError("show", "expected one FILE");
   const std::string& file = args[0];
@@ -37,10 +35,4 @@ int RunShow(const Args& args) {
   return std::fflush(stdout) == 0 ? kExitOk : kExitFailure;
 }
 
-VELK2_COMMAND("show", "FILE",
-              "print a canonical S-expression file in readable form (binary atoms as #hex# or "
-              "|base64|, display hints as [hint])",
-              RunShow);
-
-}  // namespace
 }  // namespace velk2::cli

@@ -92,7 +92,9 @@ int ReadTags(const char* command, const Options& options, EngineContext& engine,
   return -1;
 }
 
-int RunCompare(const Args& args) {
+}  // namespace
+
+int RunTagCompare(const Args& args) {
   const char* kCommand = "tag compare";
   Options options({}, {});
   if (!options.Parse(args, /*allow_positional=*/true)) return UsageError(kCommand, options.error());
@@ -109,7 +111,7 @@ int RunCompare(const Args& args) {
   return std::fflush(stdout) == 0 ? kExitOk : kExitFailure;
 }
 
-int RunIntersect(const Args& args) {
+int RunTagIntersect(const Args& args) {
   const char* kCommand = "tag intersect";
   Options options({}, {"canonical"});
   if (!options.Parse(args, /*allow_positional=*/true)) return UsageError(kCommand, options.error());
@@ -146,18 +148,4 @@ int RunIntersect(const Args& args) {
   return std::fflush(stdout) == 0 ? kExitOk : kExitFailure;
 }
 
-VELK2_COMMAND("tag compare", "A B",
-              "print how tag A relates to tag B: equal, narrower (A implies B), broader, "
-              "disjoint or overlapping. Tags are readable, like '(ftp (* set read write))' or "
-              "'read', or canonical; each is the body of (tag ...) unless it is a (tag ...) "
-              "list. Exit 0, 2 when a tag cannot be read",
-              RunCompare);
-
-VELK2_COMMAND("tag intersect", "[--canonical] A B",
-              "print the intersection of tags A and B (the authorization both grant), readable "
-              "or with --canonical in canonical form. Exit 0, 1 when the tags are disjoint, 2 "
-              "when a tag cannot be read",
-              RunIntersect);
-
-}  // namespace
 }  // namespace velk2::cli

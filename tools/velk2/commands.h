@@ -1,8 +1,9 @@
-// The velk2 command table. Each command file registers its commands with
-// VELK2_COMMAND; main() dispatches on the first argument.
+// The velk2 commands: the constant table (command_table.cc) names each
+// command's runner; main() dispatches on the leading words.
 #ifndef VELK2_TOOLS_VELK2_COMMANDS_H_
 #define VELK2_TOOLS_VELK2_COMMANDS_H_
 
+#include <span>
 #include <string>
 #include <vector>
 
@@ -21,19 +22,24 @@ struct Command {
   int (*run)(const Args& args);
 };
 
-// Adds a command to the table; used through VELK2_COMMAND.
-bool RegisterCommand(const Command& command);
-const std::vector<Command>& Commands();
+// Every command, in --help order.
+const std::span<const Command> Commands();
+
+// The runners of the table.
+int RunAclAdd(const Args& args);
+int RunAclList(const Args& args);
+int RunAuthorize(const Args& args);
+int RunCertIssue(const Args& args);
+int RunKeyNew(const Args& args);
+int RunKeyShow(const Args& args);
+int RunMessage(const Args& args);
+int RunShow(const Args& args);
+int RunTagCompare(const Args& args);
+int RunTagIntersect(const Args& args);
 
 // Prints "velk2 NAME: MESSAGE" on stderr and returns kExitUsage.
 int UsageError(const char* name, const std::string& message);
 
 }  // namespace velk2::cli
-
-#define VELK2_COMMAND_CONCAT2(a, b) a##b
-#define VELK2_COMMAND_CONCAT(a, b) VELK2_COMMAND_CONCAT2(a, b)
-#define VELK2_COMMAND(name, usage, summary, fn)                                 \
-  static const bool VELK2_COMMAND_CONCAT(velk2_command_registered_, __LINE__) = \
-      ::velk2::cli::RegisterCommand({name, usage, summary, fn})
 
 #endif  // VELK2_TOOLS_VELK2_COMMANDS_H_

@@ -2,6 +2,8 @@
 // to stderr; exit 0 on success, 1 when the answer is no, 2 on usage or I/O error.
 #include <cstdio>
 #include <cstring>
+#include <exception>
+#include <new>
 #include <string>
 
 #include "tools/velk2/commands.h"
@@ -9,11 +11,6 @@
 
 namespace velk2::cli {
 namespace {
-
-std::vector<Command>& Table() {
-  static std::vector<Command> table;
-  return table;
-}
 
 void PrintHelp(std::FILE* out) {
   std::fprintf(out,
@@ -64,15 +61,6 @@ const Command* FindCommand(int argc, char** argv, int* words_used) {
 
 }  // namespace
 
-bool RegisterCommand(const Command& command) {
-  Table().push_back(command);
-  return true;
-}
-
-const std::vector<Command>& Commands() {
-  return Table();
-}
-
 int UsageError(const char* name, const std::string& message) {
   std::fprintf(stderr, "velk2 %s: %s\n", name, message.c_str());
   for (const Command& c : Commands()) {
@@ -84,8 +72,10 @@ int UsageError(const char* name, const std::string& message) {
 
 }  // namespace velk2::cli
 
-int main(int argc, char** argv) {
-  using namespace velk2::cli;
+namespace velk2::cli {
+namespace {
+
+int Run(int argc, char** argv) {
   if (argc < 2) {
     PrintHelp(stderr);
     return kExitUsage;
@@ -119,4 +109,20 @@ int main(int argc, char** argv) {
     }
   }
   return command->run(args);
+}
+
+}  // namespace
+}  // namespace velk2::cli
+
+// The tool's one boundary: nothing thrown inside a command ends the process
+// without a message and the usage/error exit code.
+int main(int argc, char** argv) {
+  try {
+    return velk2::cli::Run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "velk2: out of memory\n");
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "velk2: %s\n", e.what());
+  }
+  return velk2::cli::kExitUsage;
 }

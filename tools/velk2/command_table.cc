@@ -1,0 +1,64 @@
+// The velk2 command table: every command, its synopsis and its one-line
+// summary, in the order --help prints them. A constant table, so what the
+// tool offers never depends on how it was linked.
+#include "tools/velk2/commands.h"
+
+namespace velk2::cli {
+
+const std::span<const Command> Commands() {
+  static constexpr Command kCommands[] = {
+      {"acl add",
+       "--subject FILE.pub|--subject-hash FILE --tag TEXT [--propagate] "
+       "[--not-before DATE] [--not-after DATE] [--comment TEXT] --out DIR/NAME.acl [--force]",
+       "write an ACL entry granting the subject TEXT (a tag such as '(pkg install)'); DATE "
+       "is YYYY-MM-DD_hh:mm:ss in UTC; an existing file is kept unless --force",
+       RunAclAdd},
+      {"acl list", "DIR",
+       "print every entry of the *.acl files of DIR and say which files are skipped and "
+       "why (exit 1 when any is)",
+       RunAclList},
+      {"authorize",
+       "--acl-dir DIR --certs FILE.cert --key FILE.pub --tag TEXT [--not-before DATE] "
+       "[--not-after DATE | --any-time] [--explain] [--json]",
+       "ask whether the key holds TEXT under the ACL of DIR through the certificates of "
+       "FILE.cert (signatures checked first); without dates the question is about now, "
+       "--any-time asks without a period; exit 0 authorized, 1 not, 2 usage, unreadable "
+       "input or undecided (an engine limit or error); --explain tells why, --json prints "
+       "the same as one JSON object",
+       RunAuthorize},
+      {"cert issue",
+       "--issuer NAME.pem --subject FILE.pub|--subject-hash FILE --tag TEXT [--propagate] "
+       "[--not-before DATE] [--not-after DATE] [--comment TEXT] [--owner TEXT] "
+       "[--alg rsa-pss|rsa-1.5|dsa-sha1] [--hash sha1|sha256] --out FILE.cert",
+       "sign a certificate and append it to FILE.cert (created when missing); TEXT is a tag "
+       "such as '(pkg install)', DATE is YYYY-MM-DD_hh:mm:ss in UTC",
+       RunCertIssue},
+      {"key new", "--type rsa|dsa [--bits N] --out NAME [--force]",
+       "make a key pair: NAME.pem (private, mode 0600) and NAME.pub (canonical public key)",
+       RunKeyNew},
+      {"key show", "FILE",
+       "print a key's type, size and the SHA-256 fingerprint of its canonical form "
+       "(FILE is a .pub or a .pem)",
+       RunKeyShow},
+      {"message", "CODE...", "print the message of result codes (negative: engine statuses)",
+       RunMessage},
+      {"show", "FILE",
+       "print a canonical S-expression file in readable form (binary atoms as #hex# or "
+       "|base64|, display hints as [hint])",
+       RunShow},
+      {"tag compare", "A B",
+       "print how tag A relates to tag B: equal, narrower (A implies B), broader, "
+       "disjoint or overlapping. Tags are readable, like '(ftp (* set read write))' or "
+       "'read', or canonical; each is the body of (tag ...) unless it is a (tag ...) "
+       "list. Exit 0, 2 when a tag cannot be read",
+       RunTagCompare},
+      {"tag intersect", "[--canonical] A B",
+       "print the intersection of tags A and B (the authorization both grant), readable "
+       "or with --canonical in canonical form. Exit 0, 1 when the tags are disjoint, 2 "
+       "when a tag cannot be read",
+       RunTagIntersect},
+  };
+  return kCommands;
+}
+
+}  // namespace velk2::cli

@@ -1,0 +1,92 @@
+// The verdict of a verification for people and for programs: what was asked,
+// what was loaded, what the library answered and, from the reduction's own
+// story, why. Every verdict command fills a Story and prints it here, as text
+// (with --explain, the reasons) or as one JSON object.
+#ifndef VELK2_TOOLS_VELK2_VERDICT_H_
+#define VELK2_TOOLS_VELK2_VERDICT_H_
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "acl/verification.h"
+#include "credentials/certificate_sequence.h"
+#include "engine/reduce.h"
+#include "frame/result.h"
+#include "sexp/object.h"
+
+namespace velk2::cli {
+
+// A grant as its file states it, before the reduction narrows it.
+struct Stated {
+  std::string tag;  // readable
+  std::string not_before, not_after;
+};
+
+struct AclFile {
+  std::string file;  // base name, escaped
+  std::string subject;
+  bool propagate = false;
+  Stated stated;
+};
+
+struct CertificateInfo {
+  int number = 0;  // 1-based position in the file
+  std::string owner;
+  std::string issuer;
+  std::string subject;  // empty for a k-of-n subject
+  bool propagate = false;
+  Stated stated;
+};
+
+struct Skipped {
+  std::string file;
+  Result code;
+};
+
+struct Story {
+  // The question.
+  std::string key_file;
+  std::string key;  // fingerprint
+  std::string tag;  // readable
+  std::string not_before, not_after;
+  bool at_now = false;    // no period given: the question is about now
+  bool any_time = false;  // no period at all
+  // What was loaded.
+  std::string acl_dir, certs_file;
+  std::vector<AclFile> acl;
+  std::vector<CertificateInfo> certificates;
+  std::vector<Skipped> skipped;
+  std::map<std::string, std::string> names;  // fingerprint -> what people call it
+  // The answer.
+  SequenceVerdict verdict;
+  engine::ReductionTrace trace;
+  bool reduced = false;  // the reduction ran to its end
+};
+
+// The last component of a path, escaped for display.
+std::string BaseName(const std::string& path);
+// The owner text of an owner list (owner X), escaped for display, or empty.
+std::string OwnerText(const SexpList* owner);
+
+// Describe fills the story's ACL, certificates and names from what was
+// loaded: the ACL entries (with their files), the certificates of
+// |sequence| and the key asked about (named by |key_file|).
+void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequence,
+              const SexpObject& key);
+
+// The text verdict: "result:" and "authorized:" lines, and with |explain|
+// the question, the reduced ACL, how it came about, why not, what was left
+// out. Nothing when the verification ended before the authorization stage.
+void PrintVerdictText(const Story& story, bool explain);
+
+// The same as one JSON object.
+nlohmann::ordered_json VerdictJson(const Story& story);
+
+// "certificate N of FILE (owner X)": the certificate that ended an earlier stage.
+std::string FailedCertificate(const Story& story);
+
+}  // namespace velk2::cli
+
+#endif  // VELK2_TOOLS_VELK2_VERDICT_H_
