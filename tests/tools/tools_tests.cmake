@@ -1,4 +1,5 @@
 velk2_test(issuing_test SOURCES private_key_test.cc issuer_test.cc LIBS velk2_issuing)
+velk2_test(verdict_test SOURCES verdict_test.cc LIBS velk2_cli_core)
 add_test(NAME cli_issue_keys_and_certificates
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_issue_test.sh $<TARGET_FILE:velk2_cli>)
 add_test(NAME cli_fifo_never_blocks

@@ -149,9 +149,9 @@ int RunAuthorize(const Args& args) {
   story.verdict = VerifySequence(query);
   story.reduced = !reduced.empty();
   if (json) {
-    std::printf("%s\n", VerdictJson(story).dump().c_str());
+    std::printf("%s\n", VerdictJsonText(story).c_str());
   } else {
-    PrintVerdictText(story, options.Has("explain"));
+    std::fputs(VerdictText(story, options.Has("explain")).c_str(), stdout);
   }
   const Result result = story.verdict.result;
   if (story.verdict.stage == VerifyStage::kSignatures && result != VELK2_SUCCESS) {

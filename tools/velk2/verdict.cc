@@ -1,5 +1,6 @@
 #include "tools/velk2/verdict.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <set>
 #include <utility>
@@ -33,6 +34,25 @@ std::string OwnerText(const SexpList* owner) {
 }
 
 namespace {
+
+// Appends printf-style text to |out|.
+__attribute__((format(printf, 2, 3))) void Format(std::string* out, const char* format, ...) {
+  char small[256];
+  va_list args;
+  va_start(args, format);
+  const int size = std::vsnprintf(small, sizeof small, format, args);
+  va_end(args);
+  if (size < 0) return;
+  if (static_cast<size_t>(size) < sizeof small) {
+    out->append(small, static_cast<size_t>(size));
+    return;
+  }
+  std::string big(static_cast<size_t>(size) + 1, '\0');
+  va_start(args, format);
+  std::vsnprintf(big.data(), big.size(), format, args);
+  va_end(args);
+  out->append(big.data(), static_cast<size_t>(size));
+}
 
 class Explainer {
  public:
@@ -293,74 +313,77 @@ class Explainer {
 
 }  // namespace
 
-void PrintVerdictText(const Story& s, bool explain) {
-  if (s.verdict.stage != VerifyStage::kAuthorization) return;
-  std::printf("result: %s\n", StatusText(s.verdict.result).c_str());
-  std::printf("authorized: %s\n", Undecided(s.verdict.result)         ? "undecided"
-                                  : s.verdict.result == VELK2_SUCCESS ? "yes"
-                                                                      : "no");
-  if (!explain) return;
+std::string VerdictText(const Story& s, bool explain) {
+  std::string out;
+  if (s.verdict.stage != VerifyStage::kAuthorization) return out;
+  Format(&out, "result: %s\n", StatusText(s.verdict.result).c_str());
+  Format(&out, "authorized: %s\n",
+         Undecided(s.verdict.result)         ? "undecided"
+         : s.verdict.result == VELK2_SUCCESS ? "yes"
+                                             : "no");
+  if (!explain) return out;
   Explainer x(s);
-  std::printf("\nquestion: does %s hold %s", x.Who(s.key, false).c_str(), s.tag.c_str());
+  Format(&out, "\nquestion: does %s hold %s", x.Who(s.key, false).c_str(), s.tag.c_str());
   if (s.at_now) {
-    std::printf(" now (%s)", s.not_before.c_str());
+    Format(&out, " now (%s)", s.not_before.c_str());
   } else if (s.any_time) {
-    std::printf(" at any time");
+    Format(&out, " at any time");
   } else {
-    if (!s.not_before.empty()) std::printf(" from %s", s.not_before.c_str());
-    if (!s.not_after.empty()) std::printf(" until %s", s.not_after.c_str());
+    if (!s.not_before.empty()) Format(&out, " from %s", s.not_before.c_str());
+    if (!s.not_after.empty()) Format(&out, " until %s", s.not_after.c_str());
   }
-  std::printf("?\n");
-  std::printf("ACL: %zu %s from %s", s.acl.size(), s.acl.size() == 1 ? "entry" : "entries",
-              s.acl_dir.c_str());
-  if (!s.skipped.empty()) std::printf(" (%zu file(s) skipped)", s.skipped.size());
-  std::printf("\ncertificates: %zu from %s, every signature verified\n", s.certificates.size(),
-              s.certs_file.c_str());
+  Format(&out, "?\n");
+  Format(&out, "ACL: %zu %s from %s", s.acl.size(), s.acl.size() == 1 ? "entry" : "entries",
+         s.acl_dir.c_str());
+  if (!s.skipped.empty()) Format(&out, " (%zu file(s) skipped)", s.skipped.size());
+  Format(&out, "\ncertificates: %zu from %s, every signature verified\n", s.certificates.size(),
+         s.certs_file.c_str());
   if (!s.reduced) {
-    std::printf("\nthe reduction failed: %s\n", StatusText(s.verdict.result).c_str());
+    Format(&out, "\nthe reduction failed: %s\n", StatusText(s.verdict.result).c_str());
     if (s.trace.limit_reached) {
-      std::printf("it stopped at its limit of %s\n", s.trace.limit.c_str());
+      Format(&out, "it stopped at its limit of %s\n", s.trace.limit.c_str());
     }
-    return;
+    return out;
   }
 
   if (s.trace.result.empty()) {
-    std::printf("\nreduced ACL: empty; no chain leads from the ACL to the key\n");
+    Format(&out, "\nreduced ACL: empty; no chain leads from the ACL to the key\n");
   } else {
-    std::printf("\nreduced ACL (%zu %s; only the first decides):\n", s.trace.result.size(),
-                s.trace.result.size() == 1 ? "entry" : "entries");
+    Format(&out, "\nreduced ACL (%zu %s; only the first decides):\n", s.trace.result.size(),
+           s.trace.result.size() == 1 ? "entry" : "entries");
     for (size_t i = 0; i < s.trace.result.size(); ++i) {
       if (const TraceTuple* t = x.Find(s.trace.result[i])) {
-        std::printf("  %zu. [%d] %s\n", i + 1, t->id, x.Grant(*t).c_str());
+        Format(&out, "  %zu. [%d] %s\n", i + 1, t->id, x.Grant(*t).c_str());
       }
     }
-    std::printf("\nhow they came about (parents first; tags narrowed to the request):\n");
+    Format(&out, "\nhow they came about (parents first; tags narrowed to the request):\n");
     for (int id : x.Chain()) {
       if (const TraceTuple* t = x.Find(id)) {
-        std::printf("  [%d] %s\n       %s", id, x.Grant(*t).c_str(), x.Source(*t).c_str());
+        Format(&out, "  [%d] %s\n       %s", id, x.Grant(*t).c_str(), x.Source(*t).c_str());
         const std::string narrowed = x.NarrowedFrom(*t);
-        if (!narrowed.empty()) std::printf(", which states %s", narrowed.c_str());
-        std::printf("\n");
+        if (!narrowed.empty()) Format(&out, ", which states %s", narrowed.c_str());
+        Format(&out, "\n");
       }
     }
   }
   std::vector<std::string> reasons = x.Reasons();
   if (!reasons.empty()) {
-    std::printf("\nwhy not:\n");
-    for (const std::string& r : reasons) std::printf("  - %s\n", r.c_str());
+    Format(&out, "\nwhy not:\n");
+    for (const std::string& r : reasons) Format(&out, "  - %s\n", r.c_str());
   }
   if (s.trace.result.empty()) {
-    std::printf("\nevery grant in the reduction (tags narrowed to the request):\n");
-    if (s.trace.tuples.empty()) std::printf("  (none)\n");
+    Format(&out, "\nevery grant in the reduction (tags narrowed to the request):\n");
+    if (s.trace.tuples.empty()) Format(&out, "  (none)\n");
     for (const TraceTuple& t : s.trace.tuples) {
-      std::printf("  [%d] %s\n       %s\n", t.id, x.Grant(t).c_str(), x.Source(t).c_str());
+      Format(&out, "  [%d] %s\n       %s\n", t.id, x.Grant(t).c_str(), x.Source(t).c_str());
     }
   }
   std::vector<std::string> left_out = x.LeftOut();
   if (!left_out.empty()) {
-    std::printf("\nleft out (outside the requested period, or no tag in common with it):\n");
-    for (const std::string& l : left_out) std::printf("  - %s\n", l.c_str());
+    Format(&out, "\nleft out (outside the requested period, or no tag in common with it):\n");
+    for (const std::string& l : left_out) Format(&out, "  - %s\n", l.c_str());
   }
+  return out;
 }
 
 namespace {
@@ -502,6 +525,10 @@ Json VerdictJson(const Story& s) {
   out["limit_reached"] = s.trace.limit_reached;
   out["limit"] = OrNull(s.trace.limit_reached ? s.trace.limit : std::string());
   return out;
+}
+
+std::string VerdictJsonText(const Story& story) {
+  return VerdictJson(story).dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 }  // namespace velk2::cli

@@ -79,10 +79,12 @@ void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequ
 // The text verdict: "result:" and "authorized:" lines, and with |explain|
 // the question, the reduced ACL, how it came about, why not, what was left
 // out. Nothing when the verification ended before the authorization stage.
-void PrintVerdictText(const Story& story, bool explain);
+std::string VerdictText(const Story& story, bool explain);
 
-// The same as one JSON object.
+// The same as one JSON object, and that object as one line of text (bytes
+// that are not UTF-8 replaced, never thrown over).
 nlohmann::ordered_json VerdictJson(const Story& story);
+std::string VerdictJsonText(const Story& story);
 
 // "certificate N of FILE (owner X)": the certificate that ended an earlier stage.
 std::string FailedCertificate(const Story& story);
