@@ -82,6 +82,21 @@ check "another key" 1 "$velk2" authorize --acl-dir acl --certs chain.cert --key 
 check "direct grant, no certificates" 0 "$velk2" authorize --acl-dir acl --certs none.cert --key root.pub --tag '(pkg install)' --any-time
 check "chain without propagate" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)' --any-time
 
+# ---- one reading of tags: tag compare and authorize agree ----
+# The chain grants (pkg install); a tag is authorized exactly when it is equal
+# to it or narrower, whichever way it is written.
+for t in '(pkg install)' '(pkg "install")' '(tag (pkg install))' '(3:pkg7:install)' \
+  ' ( pkg  install ) ' '(pkg install now)' '(pkg)' "$any_tag" '(pkg #696e7374616c6c#)'; do
+  "$velk2" tag compare "$t" '(pkg install)' >relation.txt 2>/dev/null
+  relation=$(cat relation.txt)
+  timeout 60 "${ask[@]}" --tag "$t" --any-time >/dev/null 2>&1
+  got=$?
+  case "$relation" in equal | narrower) want=0 ;; *) want=1 ;; esac
+  [ "$got" -eq "$want" ] || fail "tag $t: compare says '$relation' but authorize exits $got"
+done
+[ "$("$velk2" tag compare '(pkg install)' '(pkg "install")')" = equal ] &&
+  fail "a quoted token read as the bare one by tag compare only"
+
 # ---- authorize: usage and unreadable input ----
 check "no tag" 2 "${ask[@]}" --any-time
 check "bad tag" 2 "${ask[@]}" --tag '(pkg' --any-time

@@ -113,11 +113,48 @@ Result SignObject(const PrivateKey& key, const SexpObject& object, const std::st
   return r;
 }
 
-Result ParseTag(const std::string& text, Ref<SexpList>* out) {
+namespace {
+
+// A canonical list spanning the whole text, or null: "(3:ftp4:host)" is taken
+// as it stands, while "(3d printer)" only looks canonical and is read as text.
+Ref<SexpList> WholeCanonicalList(const std::string& text) {
+  if (text.size() < 2 || text[0] != '(' ||
+      !((text[1] >= '1' && text[1] <= '9') || text[1] == '[')) {
+    return nullptr;
+  }
+  SexpMemorySource source;
+  Ref<SexpList> list;
+  if (source.AttachCopy(text.data(), static_cast<uint32_t>(text.size())) != VELK2_SUCCESS ||
+      ParseCanonicalList(&list, &source, nullptr) != VELK2_SUCCESS || source.GetByte(false) != -1) {
+    return nullptr;
+  }
+  return list;
+}
+
+}  // namespace
+
+Result ParseTag(const std::string& text, Ref<SexpList>* out, bool* given_whole) {
+  if (given_whole != nullptr) *given_whole = false;
+  if (text.find('\0') != std::string::npos) return VELK2_ERR_UNEXPECTED_CHAR;
   Ref<SexpList> tag;
-  Result r = ParseTextSequence(&tag, text.c_str(), "tag", nullptr);
+  Result r = VELK2_SUCCESS;
+  if (Ref<SexpList> canonical = WholeCanonicalList(text)) {
+    r = NewKeywordListWithChild(&tag, "tag", std::move(canonical), nullptr);
+  } else {
+    r = ParseTextSequence(&tag, text.c_str(), "tag", nullptr);
+  }
   if (r != VELK2_SUCCESS) return r;
   if (tag->ChildCount() < 2) return VELK2_ERR_INVALID_PARAM;
+  // A whole "(tag ...)" is the tag itself, not a tag that holds a tag.
+  const SexpObject* only = tag->ChildCount() == 2 ? tag->ChildAt(1) : nullptr;
+  if (only != nullptr && only->IsList() && only->AsList()->ChildCount() > 0 &&
+      !only->AsList()->FirstChild()->IsList() &&
+      only->AsList()->FirstChild()->AsAtom()->hint() == kHintNone &&
+      only->AsList()->FirstChild()->AsAtom()->AtomEqualsText("tag")) {
+    *out = Ref<SexpList>::Share(tag->children()[1].get()->AsList());
+    if (given_whole != nullptr) *given_whole = true;
+    return VELK2_SUCCESS;
+  }
   *out = std::move(tag);
   return VELK2_SUCCESS;
 }

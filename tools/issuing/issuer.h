@@ -29,11 +29,16 @@ Result MakeHashPrincipal(const SexpObject& object, Ref<SexpList>* out);
 Result SignObject(const PrivateKey& key, const SexpObject& object, const std::string& algorithm,
                   uint32_t hash_id, Ref<SexpList>* out);
 
-// ParseTag reads a tag in the readable form, "(pkg install)" or
-// "(ftp (* set read write))", into (tag ...): each top-level element one child.
+// ParseTag reads a tag as the library's exports read tag texts, with the
+// text reader: "(pkg install)" or "(ftp (* set read write))" becomes
+// (tag ...), each top-level element one child, every token an atom as typed
+// (quotes included: the text reader knows no quoting). A text that is one
+// whole canonical list, "(3:ftp4:host)", is that list; a whole "(tag ...)"
+// is the tag itself. Every command reads its tags here, so they all agree.
 // VELK2_ERR_UNEXPECTED_CHAR (28) or VELK2_ERR_INVALID_S_EXPRESSION (29) when it
-// does not read, VELK2_ERR_INVALID_PARAM (2) for an empty tag.
-Result ParseTag(const std::string& text, Ref<SexpList>* out);
+// does not read (28 for a NUL byte), VELK2_ERR_INVALID_PARAM (2) for an empty tag.
+// *given_whole (optional) says whether the text was a whole (tag ...).
+Result ParseTag(const std::string& text, Ref<SexpList>* out, bool* given_whole = nullptr);
 
 // ParseDate reads "YYYY-MM-DD_hh:mm:ss" (UTC) exactly: two digits for every
 // field but the year, the separators as written, every field in range.

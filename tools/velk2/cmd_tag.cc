@@ -1,18 +1,21 @@
 // velk2 tag compare A B / velk2 tag intersect A B: the engine's tag algebra
-// on two tags, for people writing ACLs. A tag is given in readable form, such
-// as '(ftp (* set read write))' or 'read', or in canonical form; either is
-// taken as the body of (tag ...) unless it already is a (tag ...) list.
+// on two tags, for people writing ACLs. Tags are read as every command reads
+// them (issuing::ParseTag): '(ftp (* set read write))', 'read', or a whole
+// canonical list, taken as the body of (tag ...) unless it already is one.
 #include <cstdio>
 #include <string>
 
+#include "acl/authorize.h"
 #include "engine/keywords.h"
 #include "engine/parser.h"
 #include "engine/printer.h"
 #include "engine/readable.h"
 #include "engine/store.h"
 #include "engine/tags.h"
+#include "tools/issuing/issuer.h"
 #include "tools/velk2/commands.h"
 #include "tools/velk2/options.h"
+#include "tools/velk2/support_acl.h"
 
 namespace velk2::cli {
 namespace {
@@ -29,50 +32,32 @@ class TagArgument {
   TagArgument(const TagArgument&) = delete;
   TagArgument& operator=(const TagArgument&) = delete;
 
-  // Read parses |text|; on failure the engine's status.
-  Status Read(EngineContext& engine, const std::string& text) {
-    bool looks_canonical =
-        text.size() > 1 && text[0] == '(' && ((text[1] >= '1' && text[1] <= '9') || text[1] == '[');
-    std::string canonical;
-    Status status = engine::SPKI_ERR_BAD_SEXP_START;
-    if (looks_canonical) {
-      status = Parse(engine, text);
-      if (status == engine::SPKI_OK) canonical = text;
-    }
-    if (canonical.empty()) {
-      Status readable = engine::ReadableToCanonical(text, &canonical);
-      if (readable != engine::SPKI_OK) return looks_canonical ? status : readable;
-      // A lone atom is a body too; a list is parsed as it stands first.
-      status = canonical[0] == '(' ? Parse(engine, canonical) : engine::SPKI_ERR_BAD_SEXP_START;
-      if (status != engine::SPKI_OK && canonical[0] == '(') return status;
-    }
-    if (status == engine::SPKI_OK && tree_->kind == engine::kNodeKeywordHead &&
-        tree_->keyword == engine::kKeywordTag) {
-      return engine::SPKI_OK;  // a (tag ...) list already
-    }
-    wrapped_ = true;
-    return Parse(engine, "(3:tag" + canonical + ")");
+  // Read reads |text| as every command reads a tag (issuing::ParseTag) and
+  // parses its canonical form into the engine. A library code on failure.
+  Result Read(EngineContext& engine, const std::string& text) {
+    Ref<SexpList> tag;
+    bool whole = false;
+    Result result = issuing::ParseTag(text, &tag, &whole);
+    if (result == VELK2_SUCCESS) result = ConvertToEngine(tag.get(), &text_);
+    if (result != VELK2_SUCCESS) return result;
+    // A tag given whole as (tag ...) is printed whole; a body as a body.
+    wrapped_ = !whole;
+    const Status status = engine::ParseText(engine, tree_.out(), text_.data(), text_.size());
+    return status == engine::SPKI_OK ? VELK2_SUCCESS : static_cast<Result>(status);
   }
 
   EngineNode* tree() const { return tree_.get(); }
   bool wrapped() const { return wrapped_; }
 
  private:
-  Status Parse(EngineContext& engine, const std::string& canonical) {
-    text_ = canonical;
-    return engine::ParseText(engine, tree_.out(), text_.data(), text_.size());
-  }
-
   std::string text_;
   NodeRef tree_;
   bool wrapped_ = false;
 };
 
-// Prints the engine's message for a tag that cannot be read.
-int BadTag(const char* command, const char* which, Status status) {
-  return UsageError(command, std::string(which) +
-                                 " is not a tag: " + engine::SpkiErrorMessageUtf8(status) + " (" +
-                                 std::to_string(status) + ")");
+// Prints why a tag cannot be read.
+int BadTag(const char* command, const char* which, Result code) {
+  return UsageError(command, std::string(which) + " is not a tag: " + StatusText(code));
 }
 
 // Reads the two positional tags; exit code on failure, -1 on success.
@@ -83,11 +68,11 @@ int ReadTags(const char* command, const Options& options, EngineContext& engine,
     std::fprintf(stderr, "velk2 %s: out of memory\n", command);
     return kExitFailure;
   }
-  if (Status status = a->Read(engine, options.positional()[0]); status != engine::SPKI_OK) {
-    return BadTag(command, "A", status);
+  if (Result code = a->Read(engine, options.positional()[0]); code != VELK2_SUCCESS) {
+    return BadTag(command, "A", code);
   }
-  if (Status status = b->Read(engine, options.positional()[1]); status != engine::SPKI_OK) {
-    return BadTag(command, "B", status);
+  if (Result code = b->Read(engine, options.positional()[1]); code != VELK2_SUCCESS) {
+    return BadTag(command, "B", code);
   }
   return -1;
 }
