@@ -34,20 +34,24 @@ int Field(const uint8_t* text, int offset, int digits) {
 
 }  // namespace
 
-Result WriteDate(SexpAtom* atom, int64_t time) {
-  if (atom == nullptr) return VELK2_ERR_INVALID_PARAM;
+std::string DateText(int64_t time) {
   const std::time_t seconds = static_cast<std::time_t>(time);
   std::tm fields{};
-  if (static_cast<int64_t>(seconds) != time || gmtime_r(&seconds, &fields) == nullptr) {
-    return kDateUnrepresentable;
-  }
+  if (static_cast<int64_t>(seconds) != time || gmtime_r(&seconds, &fields) == nullptr) return {};
   // A year past 9999 makes the text longer; like a 20-byte buffer, the date
   // keeps its first 19 bytes.
   char text[64];
   std::snprintf(text, sizeof(text), "%04lld-%02d-%02d_%02d:%02d:%02d",
                 static_cast<long long>(fields.tm_year) + 1900, fields.tm_mon + 1, fields.tm_mday,
                 fields.tm_hour, fields.tm_min, fields.tm_sec);
-  return atom->AssignBytes(text, kDateLength, atom->hint());
+  return std::string(text, kDateLength);
+}
+
+Result WriteDate(SexpAtom* atom, int64_t time) {
+  if (atom == nullptr) return VELK2_ERR_INVALID_PARAM;
+  const std::string text = DateText(time);
+  if (text.empty()) return kDateUnrepresentable;
+  return atom->AssignBytes(text.data(), kDateLength, atom->hint());
 }
 
 int64_t ReadDate(const SexpAtom* atom) {

@@ -6,6 +6,7 @@
 #define VELK2_CREDENTIALS_DATE_H_
 
 #include <cstdint>
+#include <string>
 
 #include "frame/result.h"
 #include "sexp/object.h"
@@ -23,6 +24,10 @@ constexpr Result kDateUnrepresentable = 0xFFFFFFFFu;
 // out; VELK2_ERR_INVALID_PARAM (2) for a null atom. A year past 9999 does
 // not fit the text and is cut to its first 19 bytes.
 Result WriteDate(SexpAtom* atom, int64_t time);
+
+// DateText: the date text of |time| as WriteDate writes it, or empty when
+// the time has no calendar date.
+std::string DateText(int64_t time);
 
 // ReadDate: the time that |atom|'s date text denotes, read as UTC whatever
 // the process's time zone. The digits are not checked and the separators not

@@ -167,4 +167,60 @@ bool ListDirectory(const char16_t* directory, std::vector<DirectoryEntry>* entri
   return true;
 }
 
+namespace {
+
+// Syncs the directory holding |path|, so that a rename in it is on disk.
+void SyncDirectoryOf(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  const std::string directory = slash == std::string::npos ? "."
+                                : slash == 0               ? "/"
+                                                           : path.substr(0, slash);
+  const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  (void)::fsync(fd);
+  ::close(fd);
+}
+
+}  // namespace
+
+VELK2_RESULT WriteFileAtomically(const std::string& path, const std::string& bytes, unsigned mode,
+                                 bool overwrite) {
+  struct stat st;
+  if (!overwrite && ::lstat(path.c_str(), &st) == 0) return VELK2_ERR_PARAM_NOT_NULL;
+  std::string temp = path + ".tmp-XXXXXX";
+  const int fd = ::mkstemp(temp.data());
+  if (fd < 0) return VELK2_ERR_WRITE_FILE;
+  bool ok = ::fchmod(fd, mode) == 0;
+  size_t done = 0;
+  while (ok && done < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      ok = false;
+    } else {
+      done += static_cast<size_t>(n);
+    }
+  }
+  ok = ok && ::fsync(fd) == 0;
+  ok = (::close(fd) == 0) && ok;
+  if (ok && !overwrite) {
+    // link() fails when the name appeared meanwhile: never replace another file.
+    ok = ::link(temp.c_str(), path.c_str()) == 0;
+    const int link_error = errno;
+    ::unlink(temp.c_str());
+    if (ok) {
+      SyncDirectoryOf(path);
+      return VELK2_SUCCESS;
+    }
+    return link_error == EEXIST ? VELK2_ERR_PARAM_NOT_NULL : VELK2_ERR_WRITE_FILE;
+  }
+  if (ok) ok = ::rename(temp.c_str(), path.c_str()) == 0;
+  if (!ok) {
+    ::unlink(temp.c_str());
+    return VELK2_ERR_WRITE_FILE;
+  }
+  SyncDirectoryOf(path);
+  return VELK2_SUCCESS;
+}
+
 }  // namespace velk2

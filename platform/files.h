@@ -59,6 +59,16 @@ struct DirectoryEntry {
 // folded, then bytewise. False when the directory cannot be opened.
 bool ListDirectory(const char16_t* directory, std::vector<DirectoryEntry>* entries);
 
+// WriteFileAtomically writes |bytes| to |path| through a temporary file in
+// the same directory, flushed to disk and renamed into place (the directory
+// then synced too), so a reader sees the old file or the new one, never half
+// of one, and a crash loses neither. VELK2_ERR_PARAM_NOT_NULL (39) when the
+// file exists and |overwrite| is false (also when it appears meanwhile: the
+// new file is linked, never renamed, over nothing); VELK2_ERR_WRITE_FILE (76)
+// when writing fails, with nothing left behind and the old file untouched.
+VELK2_RESULT WriteFileAtomically(const std::string& path, const std::string& bytes, unsigned mode,
+                                 bool overwrite);
+
 }  // namespace velk2
 
 #endif  // VELK2_PLATFORM_FILES_H_

@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 #include "platform/utf.h"
@@ -81,6 +82,41 @@ TEST_F(FilesTest, OnlyRegularFilesOpenAndNothingBlocks) {
   EXPECT_NE(OpenFile(Path("new").c_str(), static_cast<uint32_t>(OpenMode::kWrite)), nullptr);
   EXPECT_TRUE(fs::is_regular_file(dir_ / "new"));
   EXPECT_EQ(OpenFile(Path("plain").c_str(), 0), nullptr);
+}
+
+// A file is replaced whole or not at all, and an existing one is kept unless
+// the caller asks to overwrite it.
+TEST_F(FilesTest, WriteFileAtomicallyReplacesWholeOrNothing) {
+  const std::string path = (dir_ / "out.crl").string();
+  auto contents = [](const std::string& p) {
+    std::ifstream in(p, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  };
+  ASSERT_EQ(WriteFileAtomically(path, "first", 0600, false), VELK2_SUCCESS);
+  EXPECT_EQ(contents(path), "first");
+  EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(WriteFileAtomically(path, "second", 0644, false), VELK2_ERR_PARAM_NOT_NULL);
+  EXPECT_EQ(contents(path), "first");
+  ASSERT_EQ(WriteFileAtomically(path, std::string(1 << 20, 'x'), 0644, true), VELK2_SUCCESS);
+  EXPECT_EQ(fs::file_size(path), 1u << 20);
+  // A dangling symlink is a name taken too; overwriting replaces the link,
+  // never writes through it.
+  fs::create_symlink(dir_ / "elsewhere", dir_ / "link.crl");
+  EXPECT_EQ(WriteFileAtomically((dir_ / "link.crl").string(), "x", 0644, false),
+            VELK2_ERR_PARAM_NOT_NULL);
+  ASSERT_EQ(WriteFileAtomically((dir_ / "link.crl").string(), "y", 0644, true), VELK2_SUCCESS);
+  EXPECT_FALSE(fs::exists(dir_ / "elsewhere"));
+  EXPECT_FALSE(fs::is_symlink(dir_ / "link.crl"));
+  // Nowhere to write: nothing is left behind.
+  EXPECT_EQ(WriteFileAtomically((dir_ / "missing" / "x.crl").string(), "x", 0644, true),
+            VELK2_ERR_WRITE_FILE);
+  size_t files = 0;
+  for (const auto& entry : fs::directory_iterator(dir_)) {
+    EXPECT_EQ(entry.path().filename().string().find(".tmp-"), std::string::npos);
+    ++files;
+  }
+  EXPECT_EQ(files, 2u);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "acl/acl_entry.h"
+#include "platform/files.h"
 #include "sexp/source.h"
 #include "tools/issuing/issuer.h"
 #include "tools/issuing/private_key.h"

@@ -8,7 +8,9 @@
 #include <ctime>
 #include <vector>
 
+#include "credentials/date.h"
 #include "engine/status.h"
+#include "platform/files.h"
 #include "platform/utf.h"
 #include "platform/zcry.h"
 #include "sexp/reader.h"
@@ -162,38 +164,24 @@ Result ParseTag(const std::string& text, Ref<SexpList>* out, bool* given_whole) 
 Result ParseDate(const std::string& text, int64_t* out) {
   // Exactly 19 bytes, "%04d-%02d-%02d_%02d:%02d:%02d".
   static const char kShape[] = "dddd-dd-dd_dd:dd:dd";
-  if (text.size() != 19) return VELK2_ERR_INVALID_PARAM;
-  for (size_t i = 0; i < 19; ++i) {
+  if (text.size() != kDateLength) return VELK2_ERR_INVALID_PARAM;
+  for (size_t i = 0; i < kDateLength; ++i) {
     bool digit = text[i] >= '0' && text[i] <= '9';
     if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) return VELK2_ERR_INVALID_PARAM;
   }
-  auto field = [&](size_t at, size_t n) { return std::atoi(text.substr(at, n).c_str()); };
-  std::tm tm = {};
-  tm.tm_year = field(0, 4) - 1900;
-  tm.tm_mon = field(5, 2) - 1;
-  tm.tm_mday = field(8, 2);
-  tm.tm_hour = field(11, 2);
-  tm.tm_min = field(14, 2);
-  tm.tm_sec = field(17, 2);
-  std::tm check = tm;
-  time_t t = timegm(&check);
-  // timegm normalises out-of-range fields: a date that changed was not a date.
-  if (check.tm_mon != tm.tm_mon || check.tm_mday != tm.tm_mday || check.tm_hour != tm.tm_hour ||
-      check.tm_min != tm.tm_min || check.tm_sec != tm.tm_sec) {
-    return VELK2_ERR_INVALID_PARAM;
-  }
-  *out = static_cast<int64_t>(t);
+  Ref<SexpAtom> atom = SexpAtom::New();
+  Result r = atom->SetAtomValue(text.data(), kDateLength);
+  if (r != VELK2_SUCCESS) return r;
+  const int64_t time = ReadDate(atom.get());
+  // The reader normalises out-of-range fields: a date that does not come
+  // back as written was not a date.
+  if (DateText(time) != text) return VELK2_ERR_INVALID_PARAM;
+  *out = time;
   return VELK2_SUCCESS;
 }
 
 std::string FormatDate(int64_t time) {
-  time_t t = static_cast<time_t>(time);
-  std::tm tm = {};
-  if (gmtime_r(&t, &tm) == nullptr) return {};
-  char text[80];
-  std::snprintf(text, sizeof(text), "%04d-%02d-%02d_%02d:%02d:%02d", tm.tm_year + 1900,
-                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-  return text;
+  return DateText(time);
 }
 
 Result ReadObjectFile(const std::string& path, Ref<SexpList>* out) {

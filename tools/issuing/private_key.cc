@@ -226,35 +226,4 @@ VELK2_RESULT PrivateKey::SignDigest(const std::string& algorithm, uint32_t hash_
   return VELK2_ERR_SIGNATURE_ID;
 }
 
-VELK2_RESULT WriteFileAtomically(const std::string& path, const std::string& bytes, unsigned mode,
-                                 bool overwrite) {
-  struct stat st;
-  if (!overwrite && ::lstat(path.c_str(), &st) == 0) return VELK2_ERR_PARAM_NOT_NULL;
-  std::string temp = path + ".tmp-XXXXXX";
-  int fd = ::mkstemp(temp.data());
-  if (fd < 0) return VELK2_ERR_WRITE_FILE;
-  bool ok = ::fchmod(fd, mode) == 0;
-  size_t done = 0;
-  while (ok && done < bytes.size()) {
-    ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n <= 0)
-      ok = false;
-    else
-      done += static_cast<size_t>(n);
-  }
-  ok = ok && ::fsync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;
-  if (ok && !overwrite) {
-    // link() fails when the name appeared meanwhile: never replace another file.
-    ok = ::link(temp.c_str(), path.c_str()) == 0;
-    int link_error = errno;
-    ::unlink(temp.c_str());
-    if (ok) return VELK2_SUCCESS;
-    return link_error == EEXIST ? VELK2_ERR_PARAM_NOT_NULL : VELK2_ERR_WRITE_FILE;
-  }
-  if (ok) ok = ::rename(temp.c_str(), path.c_str()) == 0;
-  if (!ok) ::unlink(temp.c_str());
-  return ok ? VELK2_SUCCESS : VELK2_ERR_WRITE_FILE;
-}
-
 }  // namespace velk2::issuing

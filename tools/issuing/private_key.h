@@ -61,12 +61,6 @@ class PrivateKey {
   KeyType type_ = KeyType::kRsa;
 };
 
-// Writes |bytes| to |path| through a temporary file in the same directory that
-// is renamed into place, so a reader never sees half a file. 39 when the file
-// exists and |overwrite| is false; 76 when writing fails (nothing is left behind).
-VELK2_RESULT WriteFileAtomically(const std::string& path, const std::string& bytes, unsigned mode,
-                                 bool overwrite);
-
 }  // namespace velk2::issuing
 
 #endif  // VELK2_TOOLS_ISSUING_PRIVATE_KEY_H_

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "platform/files.h"
 #include "platform/zcry.h"
 #include "sexp/object.h"
 #include "tools/issuing/issuer.h"
@@ -50,7 +51,7 @@ int RunKeyNew(const Args& args) {
     return FailWith(kExitFailure, "key new", "cannot build the public key", r);
   r = key.SavePem(pem, force);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, "key new", "cannot write " + pem, r);
-  r = issuing::WriteFileAtomically(pub, StoredForm(*public_key), 0644, force);
+  r = WriteFileAtomically(pub, StoredForm(*public_key), 0644, force);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, "key new", "cannot write " + pub, r);
   std::printf("%s\n%s\n", pem.c_str(), pub.c_str());
   return kExitOk;
