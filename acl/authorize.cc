@@ -4,7 +4,9 @@
 
 #include "acl/acl_entry.h"
 #include "engine/query.h"
+#include "engine/status.h"
 #include "frame/guard.h"
+#include "platform/zcry.h"
 
 namespace velk2 {
 
@@ -74,6 +76,14 @@ Result AuthorizeKey(Velk2Context* context, const SexpList* acl, const SexpList* 
     if (requested_tag == nullptr) return VELK2_ERR_INVALID_PARAM;
     return TagGranted(requested_tag, granted.get()) ? VELK2_SUCCESS : VELK2_ERR_NOT_GRANTED;
   });
+}
+
+bool IsEngineResult(Result result) {
+  return engine::IsEngineStatus(static_cast<int32_t>(result));
+}
+
+bool IsUndecided(Result result) {
+  return IsEngineResult(result) || ZcryIsStatus(result);
 }
 
 bool TagGranted(const SexpList* requested_tag, const SexpList* granted_tag) {

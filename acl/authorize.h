@@ -53,6 +53,14 @@ Result AuthorizeKey(Velk2Context* context, const SexpList* acl, const SexpList* 
                     const SexpList* validity, engine::ReductionTrace* trace = nullptr,
                     std::string* reduced_acl = nullptr);
 
+// IsEngineResult: whether |result| is a status the authorization engine gave
+// (passed through AuthorizeKey as its 32-bit value). IsUndecided: whether it
+// is an engine status or a crypto-library status, which the library passes
+// through too: the question could not be answered, which is not the answer
+// no. Every caller that must tell "no" from "could not say" asks these.
+bool IsEngineResult(Result result);
+bool IsUndecided(Result result);
+
 // TagGranted: true when |granted_tag| authorises everything |requested_tag|
 // asks for. A null granted tag gives false; two tags with the same canonical
 // form give true without starting the engine; otherwise the engine

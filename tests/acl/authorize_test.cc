@@ -409,6 +409,9 @@ TEST(AuthorizeKey, ArgumentsAndPassedThroughCodes) {
     EXPECT_TRUE(a.reduced.empty());
     // The library has no message of its own for them.
     EXPECT_STREQ(ErrorMessageUtf8(a.result), "VELK_UNKNOWN_ERROR");
+    // ...and they are no answer: not "no", but "could not say".
+    EXPECT_TRUE(IsEngineResult(a.result));
+    EXPECT_TRUE(IsUndecided(a.result));
   }
 
   // An object the canonical writer refuses (nested past its limit) gives
@@ -509,6 +512,17 @@ TEST(VerifySequence, StagesInOrder) {
   query.tag = tag.get();
   query.acl = nullptr;
   EXPECT_EQ(VerifySequence(query).result, VELK2_ERR_PARAM_NULL);
+}
+
+// Answers are decided; the engine's and the crypto library's statuses are not.
+TEST(AuthorizeKey, UndecidedResults) {
+  for (Result answer : {kYes, kNone, kNarrow, Result{VELK2_ERR_INVALID_PARAM}}) {
+    EXPECT_FALSE(IsUndecided(answer)) << answer;
+  }
+  EXPECT_TRUE(IsUndecided(engine::kEngineArenaUnavailable));
+  EXPECT_TRUE(IsUndecided(ZCRY_E_BAD_KEY));
+  EXPECT_FALSE(IsEngineResult(ZCRY_E_BAD_KEY));
+  EXPECT_FALSE(IsUndecided(static_cast<Result>(-127)));  // a gap in the engine's table
 }
 
 TEST(TagGranted, GrantedImpliesRequested) {

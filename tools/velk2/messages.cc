@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "acl/authorize.h"
 #include "engine/status.h"
 #include "platform/zcry.h"
 #include "velk2.h"
@@ -19,7 +20,9 @@ int32_t AsStatus(long long value) {
 
 std::string MessageOf(long long value) {
   const int32_t status = AsStatus(value);
-  if (status < 0 && engine::IsEngineStatus(status)) return engine::SpkiErrorMessageUtf8(status);
+  if (status < 0 && IsEngineResult(static_cast<Result>(status))) {
+    return engine::SpkiErrorMessageUtf8(status);
+  }
   if (status == engine::kEngineArenaUnavailable) {
     return "the authorization engine could not get memory to start";
   }
@@ -35,8 +38,7 @@ std::string MessageOf(long long value) {
 }
 
 bool Undecided(long long value) {
-  const int32_t status = AsStatus(value);
-  return engine::IsEngineStatus(status) || ZcryIsStatus(static_cast<uint32_t>(value));
+  return IsUndecided(static_cast<Result>(static_cast<uint32_t>(value)));
 }
 
 }  // namespace velk2::cli
