@@ -73,8 +73,8 @@ class AclEntry final : public Credential {
   ~AclEntry() override = default;
 
  private:
-  friend Result ReadAclEntry(AclEntry* entry, SexpSource* source);
-  friend Result LoadAclEntryFile(AclEntry* entry, const char16_t* name);
+  // The reading steps of ReadAclEntry, LoadAclEntryFile and ReadAclDirectory.
+  friend struct AclEntryReader;
 
   Ref<SexpList> version_;
   Ref<Principal> subject_;

@@ -22,59 +22,86 @@ Result FromEngine(int32_t status) {
 
 }  // namespace
 
-Result ConvertToEngine(const SexpList* object, std::string* text) {
+namespace {
+
+// The unguarded steps of ConvertToEngine and TagGranted, which AuthorizeKey
+// runs under its own Guard.
+Result WriteForEngine(const SexpList* object, std::string* text) {
   if (object == nullptr || text == nullptr) return VELK2_ERR_PARAM_NULL;
-  return Guard([&]() -> Result {
-    CBuffer<uint8_t> buffer;
-    uint32_t size = 0;
-    Result result = ToCanonicalBuffer(object, &buffer, &size);
-    if (result != VELK2_SUCCESS) return result;
-    text->assign(reinterpret_cast<const char*>(buffer.get()), size);
-    return VELK2_SUCCESS;
-  });
+  CBuffer<uint8_t> buffer;
+  uint32_t size = 0;
+  Result result = ToCanonicalBuffer(object, &buffer, &size);
+  if (result != VELK2_SUCCESS) return result;
+  text->assign(reinterpret_cast<const char*>(buffer.get()), size);
+  return VELK2_SUCCESS;
+}
+
+bool Granted(const SexpList* requested_tag, const SexpList* granted_tag) {
+  if (granted_tag == nullptr) return false;
+  if (SameCanonicalForm(requested_tag, granted_tag)) return true;
+  // A tag that cannot be written stays empty, which the engine does not
+  // parse: it then implies nothing and is implied by nothing.
+  std::string requested, granted;
+  if (requested_tag != nullptr) (void)WriteForEngine(requested_tag, &requested);
+  (void)WriteForEngine(granted_tag, &granted);
+  return engine::TagImplies(requested, granted) == 1;
+}
+
+}  // namespace
+
+Result ConvertToEngine(const SexpList* object, std::string* text) {
+  return Guard([&] { return WriteForEngine(object, text); });
+}
+
+Result acl_internal::Authorize(Velk2Context* context, const SexpList* acl, const SexpList* sequence,
+                               const SexpList* subject_key, const SexpList* requested_tag,
+                               const SexpList* validity, engine::ReductionTrace* trace,
+                               std::string* reduced_acl) {
+  if (acl == nullptr || sequence == nullptr || subject_key == nullptr) {
+    return VELK2_ERR_INVALID_PARAM;
+  }
+  // Every text, the result and the read-back tag are owned here and freed
+  // on every path when the frame ends.
+  std::string acl_text, sequence_text, key_text, tag_text, validity_text, result_text;
+  Result result = WriteForEngine(acl, &acl_text);
+  if (result == VELK2_SUCCESS) result = WriteForEngine(sequence, &sequence_text);
+  if (result == VELK2_SUCCESS) result = WriteForEngine(subject_key, &key_text);
+  if (result == VELK2_SUCCESS && requested_tag != nullptr) {
+    result = WriteForEngine(requested_tag, &tag_text);
+  }
+  if (result == VELK2_SUCCESS && validity != nullptr) {
+    result = WriteForEngine(validity, &validity_text);
+  }
+  if (result != VELK2_SUCCESS) return result;
+
+  const std::string_view tag_view(tag_text);
+  const std::string_view validity_view(validity_text);
+  const int32_t status =
+      engine::ReduceCanonical(ContextWord(context), acl_text, sequence_text, key_text,
+                              requested_tag != nullptr ? &tag_view : nullptr,
+                              validity != nullptr ? &validity_view : nullptr, &result_text, trace);
+  // The engine's codes go to the caller as they are, deliberately not
+  // mapped to library codes.
+  if (status != 0) return FromEngine(status);
+  if (reduced_acl != nullptr) *reduced_acl = result_text;
+
+  if (result_text == kEmptyAcl) return VELK2_ERR_NOT_AUTHORIZED;
+  Ref<SexpList> granted;
+  result = ExtractEntryTag(&granted, result_text.data(), result_text.size(), context);
+  if (result != VELK2_SUCCESS) return result;
+  // Nothing was asked for, so nothing can be granted: a forgotten tag must
+  // not read as "authorized for whatever the ACL reaches".
+  if (requested_tag == nullptr) return VELK2_ERR_INVALID_PARAM;
+  return Granted(requested_tag, granted.get()) ? VELK2_SUCCESS : VELK2_ERR_NOT_GRANTED;
 }
 
 Result AuthorizeKey(Velk2Context* context, const SexpList* acl, const SexpList* sequence,
                     const SexpList* subject_key, const SexpList* requested_tag,
                     const SexpList* validity, engine::ReductionTrace* trace,
                     std::string* reduced_acl) {
-  if (acl == nullptr || sequence == nullptr || subject_key == nullptr) {
-    return VELK2_ERR_INVALID_PARAM;
-  }
-  return Guard([&]() -> Result {
-    // Every text, the result and the read-back tag are owned here and freed
-    // on every path when the frame ends.
-    std::string acl_text, sequence_text, key_text, tag_text, validity_text, result_text;
-    Result result = ConvertToEngine(acl, &acl_text);
-    if (result == VELK2_SUCCESS) result = ConvertToEngine(sequence, &sequence_text);
-    if (result == VELK2_SUCCESS) result = ConvertToEngine(subject_key, &key_text);
-    if (result == VELK2_SUCCESS && requested_tag != nullptr) {
-      result = ConvertToEngine(requested_tag, &tag_text);
-    }
-    if (result == VELK2_SUCCESS && validity != nullptr) {
-      result = ConvertToEngine(validity, &validity_text);
-    }
-    if (result != VELK2_SUCCESS) return result;
-
-    const std::string_view tag_view(tag_text);
-    const std::string_view validity_view(validity_text);
-    const int32_t status = engine::ReduceCanonical(
-        ContextWord(context), acl_text, sequence_text, key_text,
-        requested_tag != nullptr ? &tag_view : nullptr,
-        validity != nullptr ? &validity_view : nullptr, &result_text, trace);
-    // The engine's codes go to the caller as they are, deliberately not
-    // mapped to library codes.
-    if (status != 0) return FromEngine(status);
-    if (reduced_acl != nullptr) *reduced_acl = result_text;
-
-    if (result_text == kEmptyAcl) return VELK2_ERR_NOT_AUTHORIZED;
-    Ref<SexpList> granted;
-    result = ExtractEntryTag(&granted, result_text.data(), result_text.size(), context);
-    if (result != VELK2_SUCCESS) return result;
-    // Nothing was asked for, so nothing can be granted: a forgotten tag must
-    // not read as "authorized for whatever the ACL reaches".
-    if (requested_tag == nullptr) return VELK2_ERR_INVALID_PARAM;
-    return TagGranted(requested_tag, granted.get()) ? VELK2_SUCCESS : VELK2_ERR_NOT_GRANTED;
+  return Guard([&] {
+    return acl_internal::Authorize(context, acl, sequence, subject_key, requested_tag, validity,
+                                   trace, reduced_acl);
   });
 }
 
@@ -87,17 +114,9 @@ bool IsUndecided(Result result) {
 }
 
 bool TagGranted(const SexpList* requested_tag, const SexpList* granted_tag) {
-  if (granted_tag == nullptr) return false;
-  if (SameCanonicalForm(requested_tag, granted_tag)) return true;
-  Result result = Guard([&]() -> Result {
-    // A tag that cannot be written stays empty, which the engine does not
-    // parse: it then implies nothing and is implied by nothing.
-    std::string requested, granted;
-    if (requested_tag != nullptr) (void)ConvertToEngine(requested_tag, &requested);
-    (void)ConvertToEngine(granted_tag, &granted);
-    return engine::TagImplies(requested, granted) == 1 ? VELK2_SUCCESS : VELK2_ERR_NOT_GRANTED;
-  });
-  return result == VELK2_SUCCESS;
+  return Guard([&] {
+           return Granted(requested_tag, granted_tag) ? VELK2_SUCCESS : VELK2_ERR_NOT_GRANTED;
+         }) == VELK2_SUCCESS;
 }
 
 }  // namespace velk2

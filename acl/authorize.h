@@ -61,6 +61,14 @@ Result AuthorizeKey(Velk2Context* context, const SexpList* acl, const SexpList* 
 bool IsEngineResult(Result result);
 bool IsUndecided(Result result);
 
+namespace acl_internal {
+// AuthorizeKey's steps without its Guard, for the verification pipeline,
+// which runs under its own.
+Result Authorize(Velk2Context* context, const SexpList* acl, const SexpList* sequence,
+                 const SexpList* subject_key, const SexpList* requested_tag,
+                 const SexpList* validity, engine::ReductionTrace* trace, std::string* reduced_acl);
+}  // namespace acl_internal
+
 // TagGranted: true when |granted_tag| authorises everything |requested_tag|
 // asks for. A null granted tag gives false; two tags with the same canonical
 // form give true without starting the engine; otherwise the engine

@@ -53,8 +53,8 @@ SequenceVerdict Run(const SequenceQuery& query) {
   Result result = RebuildForAuthorization(sequence, &rebuilt);
   if (result != VELK2_SUCCESS) return Verdict(result, VerifyStage::kAuthorization);
   const SexpList* key = query.key != nullptr ? query.key : sequence.entry(0).certificate->subject();
-  result = AuthorizeKey(query.context, query.acl, rebuilt.get(), key, query.tag, query.validity,
-                        query.trace, query.reduced_acl);
+  result = acl_internal::Authorize(query.context, query.acl, rebuilt.get(), key, query.tag,
+                                   query.validity, query.trace, query.reduced_acl);
   return Verdict(result, VerifyStage::kAuthorization);
 }
 

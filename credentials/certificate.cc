@@ -29,38 +29,36 @@ const KOfN* KOfN::From(const SexpObject* object) {
 
 Result KOfN::Parse(SexpSource* source) {
   if (source == nullptr || ChildCount() != 0) return VELK2_ERR_INVALID_PARAM;
-  return Guard([&]() -> Result {
-    Result result = source->Expect("(6:k-of-n");
-    if (result != VELK2_SUCCESS) return result;
-    Ref<SexpAtom> k_atom, n_atom;
-    result = ReadCanonicalAtom(&k_atom, source, context());
-    if (result != VELK2_SUCCESS) return result;
-    result = ReadCanonicalAtom(&n_atom, source, context());
-    if (result != VELK2_SUCCESS) return result;
-    // Only the first byte counts; an empty atom has none.
-    if (k_atom->length() == 0 || n_atom->length() == 0) return VELK2_ERR_PARSE_FILE;
-    k_ = k_atom->data()[0];
-    n_ = n_atom->data()[0];
+  Result result = source->Expect("(6:k-of-n");
+  if (result != VELK2_SUCCESS) return result;
+  Ref<SexpAtom> k_atom, n_atom;
+  result = ReadCanonicalAtom(&k_atom, source, context());
+  if (result != VELK2_SUCCESS) return result;
+  result = ReadCanonicalAtom(&n_atom, source, context());
+  if (result != VELK2_SUCCESS) return result;
+  // Only the first byte counts; an empty atom has none.
+  if (k_atom->length() == 0 || n_atom->length() == 0) return VELK2_ERR_PARSE_FILE;
+  k_ = k_atom->data()[0];
+  n_ = n_atom->data()[0];
 
-    result = AppendTextAtom("k-of-n");
+  result = AppendTextAtom("k-of-n");
+  if (result != VELK2_SUCCESS) return result;
+  for (uint32_t number : {k_, n_}) {
+    Ref<SexpAtom> rebuilt = SexpAtom::New(context());
+    const uint8_t byte = static_cast<uint8_t>(number);
+    result = rebuilt->SetAtomValue(&byte, 1, kHintNum);
     if (result != VELK2_SUCCESS) return result;
-    for (uint32_t number : {k_, n_}) {
-      Ref<SexpAtom> rebuilt = SexpAtom::New(context());
-      const uint8_t byte = static_cast<uint8_t>(number);
-      result = rebuilt->SetAtomValue(&byte, 1, kHintNum);
-      if (result != VELK2_SUCCESS) return result;
-      result = Append(std::move(rebuilt));
-      if (result != VELK2_SUCCESS) return result;
-    }
-    for (uint32_t i = 0; i < n_; ++i) {
-      Ref<PublicKey> key = PublicKey::New(context());
-      result = key->Parse(source);
-      if (result != VELK2_SUCCESS) return result;
-      result = Append(std::move(key));
-      if (result != VELK2_SUCCESS) return result;
-    }
-    return source->Expect(")");
-  });
+    result = Append(std::move(rebuilt));
+    if (result != VELK2_SUCCESS) return result;
+  }
+  for (uint32_t i = 0; i < n_; ++i) {
+    Ref<PublicKey> key = PublicKey::New(context());
+    result = key->Parse(source);
+    if (result != VELK2_SUCCESS) return result;
+    result = Append(std::move(key));
+    if (result != VELK2_SUCCESS) return result;
+  }
+  return source->Expect(")");
 }
 
 // ---- Subjects ------------------------------------------------------------------
@@ -73,13 +71,11 @@ Result ReadSubject(SexpSource* source, Ref<Principal>* out, Velk2Context* contex
       !MatchLiteral(source, "(6", kExpectPeek)) {
     return ReadPrincipal(source, out, context);
   }
-  return Guard([&]() -> Result {
-    Ref<KOfN> group = KOfN::New(context);
-    Result result = group->Parse(source);
-    if (result != VELK2_SUCCESS) return result;
-    *out = std::move(group);
-    return VELK2_SUCCESS;
-  });
+  Ref<KOfN> group = KOfN::New(context);
+  Result result = group->Parse(source);
+  if (result != VELK2_SUCCESS) return result;
+  *out = std::move(group);
+  return VELK2_SUCCESS;
 }
 
 // ---- Certificates --------------------------------------------------------------
@@ -99,72 +95,70 @@ Result ParseCertificate(Certificate* certificate, SexpSource* source) {
   if (source == nullptr) return VELK2_ERR_INVALID_PARAM;
   Certificate& c = *certificate;
   Velk2Context* context = c.context();
-  return Guard([&]() -> Result {
-    Result result = source->Expect("(4:cert");
-    if (result != VELK2_SUCCESS) return result;
-    result = c.AppendTextAtom("cert");
-    if (result != VELK2_SUCCESS) return result;
+  Result result = source->Expect("(4:cert");
+  if (result != VELK2_SUCCESS) return result;
+  result = c.AppendTextAtom("cert");
+  if (result != VELK2_SUCCESS) return result;
 
-    // A version field with any other text does not match here; the body then
-    // fails at the issuer's literal.
-    if (MatchLiteral(source, "(7:version1:1)", kExpectOptional)) {
-      Ref<SexpList> version;
-      result = NewKeywordListWithText(&version, "version", "1", context);
-      if (result != VELK2_SUCCESS) return result;
-      c.version_ = version;
-      result = c.Append(std::move(version));
-      if (result != VELK2_SUCCESS) return result;
-    }
+  // A version field with any other text does not match here; the body then
+  // fails at the issuer's literal.
+  if (MatchLiteral(source, "(7:version1:1)", kExpectOptional)) {
+    Ref<SexpList> version;
+    result = NewKeywordListWithText(&version, "version", "1", context);
+    if (result != VELK2_SUCCESS) return result;
+    c.version_ = version;
+    result = c.Append(std::move(version));
+    if (result != VELK2_SUCCESS) return result;
+  }
 
-    result = source->Expect("(6:issuer");
-    if (result != VELK2_SUCCESS) return result;
-    Ref<Principal> issuer;
-    result = ReadFieldPrincipal(source, false, &issuer, context);
-    if (result != VELK2_SUCCESS) return result;
-    c.issuer_ = issuer;
-    result = AppendField(&c, "issuer", std::move(issuer));
-    if (result != VELK2_SUCCESS) return result;
+  result = source->Expect("(6:issuer");
+  if (result != VELK2_SUCCESS) return result;
+  Ref<Principal> issuer;
+  result = ReadFieldPrincipal(source, false, &issuer, context);
+  if (result != VELK2_SUCCESS) return result;
+  c.issuer_ = issuer;
+  result = AppendField(&c, "issuer", std::move(issuer));
+  if (result != VELK2_SUCCESS) return result;
 
-    result = source->Expect("(7:subject");
-    if (result != VELK2_SUCCESS) return result;
-    Ref<Principal> subject;
-    result = ReadFieldPrincipal(source, true, &subject, context);
-    if (result != VELK2_SUCCESS) return result;
-    c.subject_ = subject;
-    result = AppendField(&c, "subject", std::move(subject));
-    if (result != VELK2_SUCCESS) return result;
+  result = source->Expect("(7:subject");
+  if (result != VELK2_SUCCESS) return result;
+  Ref<Principal> subject;
+  result = ReadFieldPrincipal(source, true, &subject, context);
+  if (result != VELK2_SUCCESS) return result;
+  c.subject_ = subject;
+  result = AppendField(&c, "subject", std::move(subject));
+  if (result != VELK2_SUCCESS) return result;
 
-    if (MatchLiteral(source, "(9:propagate)", kExpectOptional)) {
-      c.propagate_ = true;
-      result = AppendField(&c, "propagate", Ref<SexpObject>());
-      if (result != VELK2_SUCCESS) return result;
-    }
-
-    if (MatchLiteral(source, "(3:", kExpectPeek)) {
-      Ref<SexpList> tag;
-      result = ParseCanonicalList(&tag, source, context);
-      if (result != VELK2_SUCCESS) return result;
-      c.tag_ = tag;
-      result = c.Append(std::move(tag));
-      if (result != VELK2_SUCCESS) return result;
-    }
-
-    result = ReadOptionalValidField(source, &c, &c.not_before_, &c.not_after_);
+  if (MatchLiteral(source, "(9:propagate)", kExpectOptional)) {
+    c.propagate_ = true;
+    result = AppendField(&c, "propagate", Ref<SexpObject>());
     if (result != VELK2_SUCCESS) return result;
-    result = ReadOptionalAtomField(source, &c, "(7:comment", "comment", &c.comment_);
+  }
+
+  if (MatchLiteral(source, "(3:", kExpectPeek)) {
+    Ref<SexpList> tag;
+    result = ParseCanonicalList(&tag, source, context);
     if (result != VELK2_SUCCESS) return result;
+    c.tag_ = tag;
+    result = c.Append(std::move(tag));
+    if (result != VELK2_SUCCESS) return result;
+  }
 
-    if (MatchLiteral(source, "(1", kExpectPeek)) {
-      Ref<SexpList> revocation;
-      result = ParseCanonicalList(&revocation, source, context);
-      if (result != VELK2_SUCCESS) return result;
-      c.revocation_spec_ = revocation;
-      result = c.Append(std::move(revocation));
-      if (result != VELK2_SUCCESS) return result;
-    }
+  result = ReadOptionalValidField(source, &c, &c.not_before_, &c.not_after_);
+  if (result != VELK2_SUCCESS) return result;
+  result = ReadOptionalAtomField(source, &c, "(7:comment", "comment", &c.comment_);
+  if (result != VELK2_SUCCESS) return result;
 
-    return source->Expect(")");
-  });
+  if (MatchLiteral(source, "(1", kExpectPeek)) {
+    Ref<SexpList> revocation;
+    result = ParseCanonicalList(&revocation, source, context);
+    if (result != VELK2_SUCCESS) return result;
+    c.revocation_spec_ = revocation;
+    result = c.Append(std::move(revocation));
+    if (result != VELK2_SUCCESS) return result;
+  }
+
+  return source->Expect(")");
 }
 
 CertificateFields Certificate::fields() const {

@@ -16,32 +16,30 @@ const CertificateSequence* CertificateSequence::From(const SexpObject* object) {
 
 Result CertificateSequence::Parse(SexpSource* source) {
   if (source == nullptr || ChildCount() != 0) return VELK2_ERR_INVALID_PARAM;
-  return Guard([&]() -> Result {
-    Result result = source->Expect("(8:sequence");
+  Result result = source->Expect("(8:sequence");
+  if (result != VELK2_SUCCESS) return result;
+  result = AppendTextAtom("sequence");
+  if (result != VELK2_SUCCESS) return result;
+  while (MatchLiteral(source, "(", kExpectPeek)) {
+    Ref<Certificate> certificate = Certificate::New(context());
+    result = certificate->Parse(source);
     if (result != VELK2_SUCCESS) return result;
-    result = AppendTextAtom("sequence");
+    result = Append(std::move(certificate));
     if (result != VELK2_SUCCESS) return result;
-    while (MatchLiteral(source, "(", kExpectPeek)) {
-      Ref<Certificate> certificate = Certificate::New(context());
-      result = certificate->Parse(source);
-      if (result != VELK2_SUCCESS) return result;
-      result = Append(std::move(certificate));
-      if (result != VELK2_SUCCESS) return result;
 
-      Ref<Signature> signature = Signature::New(context());
-      result = signature->Parse(source);
-      if (result != VELK2_SUCCESS) return result;
-      result = Append(std::move(signature));
-      if (result != VELK2_SUCCESS) return result;
+    Ref<Signature> signature = Signature::New(context());
+    result = signature->Parse(source);
+    if (result != VELK2_SUCCESS) return result;
+    result = Append(std::move(signature));
+    if (result != VELK2_SUCCESS) return result;
 
-      Ref<SexpList> owner;
-      result = ParseCanonicalList(&owner, source, context());
-      if (result != VELK2_SUCCESS) return result;
-      result = Append(std::move(owner));
-      if (result != VELK2_SUCCESS) return result;
-    }
-    return source->Expect(")");
-  });
+    Ref<SexpList> owner;
+    result = ParseCanonicalList(&owner, source, context());
+    if (result != VELK2_SUCCESS) return result;
+    result = Append(std::move(owner));
+    if (result != VELK2_SUCCESS) return result;
+  }
+  return source->Expect(")");
 }
 
 CertificateEntry CertificateSequence::entry(size_t index) const {

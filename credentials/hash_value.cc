@@ -60,32 +60,30 @@ HashValue::~HashValue() {
 
 Result HashValue::Parse(SexpSource* source) {
   if (source == nullptr || ChildCount() != 0 || hash_ != nullptr) return VELK2_ERR_INVALID_PARAM;
-  return Guard([&]() -> Result {
-    Result result = source->Expect("(4:hash");
-    if (result != VELK2_SUCCESS) return result;
-    Ref<SexpAtom> name;
-    result = ReadCanonicalAtom(&name, source, context());
-    if (result != VELK2_SUCCESS) return result;
-    Ref<SexpAtom> digest;
-    result = ReadCanonicalAtom(&digest, source, context());
-    if (result != VELK2_SUCCESS) return result;
+  Result result = source->Expect("(4:hash");
+  if (result != VELK2_SUCCESS) return result;
+  Ref<SexpAtom> name;
+  result = ReadCanonicalAtom(&name, source, context());
+  if (result != VELK2_SUCCESS) return result;
+  Ref<SexpAtom> digest;
+  result = ReadCanonicalAtom(&digest, source, context());
+  if (result != VELK2_SUCCESS) return result;
 
-    const HashAlgorithm* algorithm = FindHashAlgorithm(name->bytes());
-    if (algorithm == nullptr) return VELK2_ERR_HASH_ID;
-    // Two-way on purpose: 32 bytes for "sha256", 20 for every other name.
-    if (digest->length() != algorithm->read_length) return VELK2_ERR_INVALID_HASH;
-    algorithm_ = static_cast<int32_t>(algorithm->id);
+  const HashAlgorithm* algorithm = FindHashAlgorithm(name->bytes());
+  if (algorithm == nullptr) return VELK2_ERR_HASH_ID;
+  // Two-way on purpose: 32 bytes for "sha256", 20 for every other name.
+  if (digest->length() != algorithm->read_length) return VELK2_ERR_INVALID_HASH;
+  algorithm_ = static_cast<int32_t>(algorithm->id);
 
-    result = AppendTextAtom("hash");
-    if (result != VELK2_SUCCESS) return result;
-    result = Append(std::move(name));
-    if (result != VELK2_SUCCESS) return result;
-    Ref<SexpAtom> value = digest;
-    result = Append(std::move(digest));
-    if (result != VELK2_SUCCESS) return result;
-    value_ = std::move(value);
-    return source->Expect(")");
-  });
+  result = AppendTextAtom("hash");
+  if (result != VELK2_SUCCESS) return result;
+  result = Append(std::move(name));
+  if (result != VELK2_SUCCESS) return result;
+  Ref<SexpAtom> value = digest;
+  result = Append(std::move(digest));
+  if (result != VELK2_SUCCESS) return result;
+  value_ = std::move(value);
+  return source->Expect(")");
 }
 
 Result HashValue::Begin(uint32_t id) {

@@ -79,59 +79,57 @@ PublicKey::~PublicKey() {
 Result PublicKey::Parse(SexpSource* source) {
   // A key is read once: a second read would replace the crypto handle.
   if (source == nullptr || ChildCount() != 0 || handle_ != nullptr) return VELK2_ERR_INVALID_PARAM;
-  return Guard([&]() -> Result {
-    Result result = source->Expect("(10:public-key(3:");
-    if (result != VELK2_SUCCESS) return result;
+  Result result = source->Expect("(10:public-key(3:");
+  if (result != VELK2_SUCCESS) return result;
 
-    // The first letter of the algorithm name decides the form; its literal
-    // then checks the whole name.
-    Ref<SexpAtom> numbers[4];
-    size_t count = 0;
-    const int letter = source->GetByte(false);
-    if (letter == 'r') {
-      type_ = kKeyRsa;
-      algorithm_name_ = "rsa";
-      static const char* const kLiterals[] = {"rsa(1:e", ")(1:n"};
-      for (const char* literal : kLiterals) {
-        result = ReadParameter(source, literal, &numbers[count++], context());
-        if (result != VELK2_SUCCESS) return result;
-      }
-    } else if (letter == 'd') {
-      type_ = kKeyDsa;
-      algorithm_name_ = "dsa";
-      // g before q: the order is part of the format.
-      static const char* const kLiterals[] = {"dsa(1:p", ")(1:g", ")(1:q", ")(1:y"};
-      for (const char* literal : kLiterals) {
-        result = ReadParameter(source, literal, &numbers[count++], context());
-        if (result != VELK2_SUCCESS) return result;
-      }
-    } else {
-      return VELK2_ERR_PARSE_FILE;
-    }
-    result = source->Expect(")");
-    if (result != VELK2_SUCCESS) return result;
-
-    result = AppendTextAtom("public-key");
-    if (result != VELK2_SUCCESS) return result;
-    Ref<SexpList> algorithm = SexpList::New(context());
-    result = algorithm->AppendTextAtom(algorithm_name_);
-    if (result != VELK2_SUCCESS) return result;
-    static const char* const kRsaNames[] = {"e", "n"};
-    static const char* const kDsaNames[] = {"p", "g", "q", "y"};
-    const char* const* names = type_ == kKeyRsa ? kRsaNames : kDsaNames;
-    for (size_t i = 0; i < count; ++i) {
-      result = AppendParameter(algorithm.get(), names[i], numbers[i]);
+  // The first letter of the algorithm name decides the form; its literal
+  // then checks the whole name.
+  Ref<SexpAtom> numbers[4];
+  size_t count = 0;
+  const int letter = source->GetByte(false);
+  if (letter == 'r') {
+    type_ = kKeyRsa;
+    algorithm_name_ = "rsa";
+    static const char* const kLiterals[] = {"rsa(1:e", ")(1:n"};
+    for (const char* literal : kLiterals) {
+      result = ReadParameter(source, literal, &numbers[count++], context());
       if (result != VELK2_SUCCESS) return result;
     }
-    result = Append(std::move(algorithm));
-    if (result != VELK2_SUCCESS) return result;
+  } else if (letter == 'd') {
+    type_ = kKeyDsa;
+    algorithm_name_ = "dsa";
+    // g before q: the order is part of the format.
+    static const char* const kLiterals[] = {"dsa(1:p", ")(1:g", ")(1:q", ")(1:y"};
+    for (const char* literal : kLiterals) {
+      result = ReadParameter(source, literal, &numbers[count++], context());
+      if (result != VELK2_SUCCESS) return result;
+    }
+  } else {
+    return VELK2_ERR_PARSE_FILE;
+  }
+  result = source->Expect(")");
+  if (result != VELK2_SUCCESS) return result;
 
-    result = type_ == kKeyRsa ? DefineRsa(numbers[0].get(), numbers[1].get())
-                              : DefineDsa(numbers[0].get(), numbers[1].get(), numbers[2].get(),
-                                          numbers[3].get());
+  result = AppendTextAtom("public-key");
+  if (result != VELK2_SUCCESS) return result;
+  Ref<SexpList> algorithm = SexpList::New(context());
+  result = algorithm->AppendTextAtom(algorithm_name_);
+  if (result != VELK2_SUCCESS) return result;
+  static const char* const kRsaNames[] = {"e", "n"};
+  static const char* const kDsaNames[] = {"p", "g", "q", "y"};
+  const char* const* names = type_ == kKeyRsa ? kRsaNames : kDsaNames;
+  for (size_t i = 0; i < count; ++i) {
+    result = AppendParameter(algorithm.get(), names[i], numbers[i]);
     if (result != VELK2_SUCCESS) return result;
-    return source->Expect("))");
-  });
+  }
+  result = Append(std::move(algorithm));
+  if (result != VELK2_SUCCESS) return result;
+
+  result = type_ == kKeyRsa
+               ? DefineRsa(numbers[0].get(), numbers[1].get())
+               : DefineDsa(numbers[0].get(), numbers[1].get(), numbers[2].get(), numbers[3].get());
+  if (result != VELK2_SUCCESS) return result;
+  return source->Expect("))");
 }
 
 Result PublicKey::DefineRsa(const SexpAtom* e, const SexpAtom* n) {

@@ -52,45 +52,43 @@ const Signature* Signature::From(const SexpObject* object) {
 
 Result Signature::Parse(SexpSource* source) {
   if (source == nullptr || ChildCount() != 0) return VELK2_ERR_INVALID_PARAM;
-  return Guard([&]() -> Result {
-    Result result = source->Expect("(9:signature");
-    if (result != VELK2_SUCCESS) return result;
-    result = AppendTextAtom("signature");
-    if (result != VELK2_SUCCESS) return result;
+  Result result = source->Expect("(9:signature");
+  if (result != VELK2_SUCCESS) return result;
+  result = AppendTextAtom("signature");
+  if (result != VELK2_SUCCESS) return result;
 
-    Ref<HashValue> hash = HashValue::New(context());
-    result = hash->Parse(source);
-    if (result != VELK2_SUCCESS) return result;
-    hash_value_ = hash;
-    result = Append(std::move(hash));
-    if (result != VELK2_SUCCESS) return result;
+  Ref<HashValue> hash = HashValue::New(context());
+  result = hash->Parse(source);
+  if (result != VELK2_SUCCESS) return result;
+  hash_value_ = hash;
+  result = Append(std::move(hash));
+  if (result != VELK2_SUCCESS) return result;
 
-    Ref<Principal> signer;
-    result = ReadPrincipal(source, &signer, context());
-    if (result != VELK2_SUCCESS) return result;
-    signer_ = signer;
-    result = Append(std::move(signer));
-    if (result != VELK2_SUCCESS) return result;
+  Ref<Principal> signer;
+  result = ReadPrincipal(source, &signer, context());
+  if (result != VELK2_SUCCESS) return result;
+  signer_ = signer;
+  result = Append(std::move(signer));
+  if (result != VELK2_SUCCESS) return result;
 
-    result = source->Expect("(");
-    if (result != VELK2_SUCCESS) return result;
-    Ref<SexpList> value = SexpList::New(context());
-    Ref<SexpAtom> name;
-    result = ReadCanonicalAtom(&name, source, context());
-    if (result != VELK2_SUCCESS) return result;
-    algorithm_ = name;
-    result = value->Append(std::move(name));
-    if (result != VELK2_SUCCESS) return result;
-    Ref<SexpAtom> bytes;
-    result = ReadCanonicalAtom(&bytes, source, context());
-    if (result != VELK2_SUCCESS) return result;
-    signature_bytes_ = bytes;
-    result = value->Append(std::move(bytes));
-    if (result != VELK2_SUCCESS) return result;
-    result = Append(std::move(value));
-    if (result != VELK2_SUCCESS) return result;
-    return source->Expect("))");
-  });
+  result = source->Expect("(");
+  if (result != VELK2_SUCCESS) return result;
+  Ref<SexpList> value = SexpList::New(context());
+  Ref<SexpAtom> name;
+  result = ReadCanonicalAtom(&name, source, context());
+  if (result != VELK2_SUCCESS) return result;
+  algorithm_ = name;
+  result = value->Append(std::move(name));
+  if (result != VELK2_SUCCESS) return result;
+  Ref<SexpAtom> bytes;
+  result = ReadCanonicalAtom(&bytes, source, context());
+  if (result != VELK2_SUCCESS) return result;
+  signature_bytes_ = bytes;
+  result = value->Append(std::move(bytes));
+  if (result != VELK2_SUCCESS) return result;
+  result = Append(std::move(value));
+  if (result != VELK2_SUCCESS) return result;
+  return source->Expect("))");
 }
 
 Result Signature::Build(HashValue* hash, Principal* signer, const char* algorithm,
@@ -131,20 +129,18 @@ Result Signature::Build(HashValue* hash, Principal* signer, const char* algorith
 
 Result ReadPrincipal(SexpSource* source, Ref<Principal>* out, Velk2Context* context) {
   if (source == nullptr || out == nullptr || *out != nullptr) return VELK2_ERR_INVALID_PARAM;
-  return Guard([&]() -> Result {
-    Ref<Principal> principal;
-    if (MatchLiteral(source, "(1", kExpectPeek)) {
-      principal = PublicKey::New(context);
-    } else if (MatchLiteral(source, "(4", kExpectPeek)) {
-      principal = HashValue::New(context);
-    } else {
-      return VELK2_ERR_PRINCIPAL;
-    }
-    Result result = principal->Parse(source);
-    if (result != VELK2_SUCCESS) return result;
-    *out = std::move(principal);
-    return VELK2_SUCCESS;
-  });
+  Ref<Principal> principal;
+  if (MatchLiteral(source, "(1", kExpectPeek)) {
+    principal = PublicKey::New(context);
+  } else if (MatchLiteral(source, "(4", kExpectPeek)) {
+    principal = HashValue::New(context);
+  } else {
+    return VELK2_ERR_PRINCIPAL;
+  }
+  Result result = principal->Parse(source);
+  if (result != VELK2_SUCCESS) return result;
+  *out = std::move(principal);
+  return VELK2_SUCCESS;
 }
 
 Result VerifySignature(const Signature* signature, const Credential* object) {

@@ -5,9 +5,11 @@
 
 #include <cstdint>
 
+#include "frame/boundary.h"
 #include "velk2.h"
 
-struct Velk2Context {
+struct Velk2Context : velk2::Tagged<velk2::ClassTag::kContext> {
+  explicit Velk2Context(uint32_t context_word = 0) : word(context_word) {}
   uint32_t word;
 };
 

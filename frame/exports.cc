@@ -1,7 +1,9 @@
 // The exported frame: context, store roots, versions, conversions, messages.
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
+#include "frame/boundary.h"
 #include "frame/context.h"
 #include "frame/paths.h"
 #include "frame/result.h"
@@ -28,16 +30,19 @@ extern "C" {
 VELK2_EXPORT VELK2_RESULT Velk2Init(Velk2Context** context_out, uint32_t word) {
   // A null out-pointer is accepted and nothing is made: callers rely on it.
   if (context_out == nullptr) return VELK2_SUCCESS;
-  auto* context = static_cast<Velk2Context*>(std::malloc(sizeof(Velk2Context)));
-  *context_out = context;
-  if (context == nullptr) return VELK2_ERR_MEM_ALLOC;
-  context->word = word;
-  return VELK2_SUCCESS;
+  *context_out = nullptr;
+  return Guard([&]() -> Result {
+    *context_out = std::make_unique<Velk2Context>(word).release();
+    return VELK2_SUCCESS;
+  });
 }
 
 VELK2_EXPORT VELK2_RESULT Velk2FreeContext(Velk2Context* context) {
-  std::free(context);
-  return VELK2_SUCCESS;
+  if (context == nullptr) return VELK2_SUCCESS;
+  // Anything but a live context (freed twice, or another object) is refused
+  // rather than freed.
+  std::unique_ptr<Velk2Context> owned(FromOpaque<Velk2Context>(context));
+  return owned != nullptr ? VELK2_SUCCESS : VELK2_ERR_INVALID_PARAM;
 }
 
 VELK2_EXPORT VELK2_RESULT Velk2HomeDirectory(const char16_t* path) {

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "frame/context.h"
 #include "frame/file_item.h"
 #include "frame/paths.h"
 #include "velk2.h"
@@ -13,8 +14,17 @@ TEST(Frame, ContextHoldsTheCallersWord) {
   Velk2Context* context = nullptr;
   ASSERT_EQ(Velk2Init(&context, 0xABCD), 0u);
   ASSERT_NE(context, nullptr);
+  EXPECT_EQ(velk2::ContextWord(context), 0xABCDu);
   EXPECT_EQ(Velk2FreeContext(context), 0u);
   EXPECT_EQ(Velk2FreeContext(nullptr), 0u);
+  // A pointer to anything but a context is refused, not freed.
+  uint32_t not_a_context[4] = {0xABCD, 0, 0, 0};
+  EXPECT_EQ(Velk2FreeContext(reinterpret_cast<Velk2Context*>(not_a_context)),
+            VELK2_ERR_INVALID_PARAM);
+  Velk2Context* other = nullptr;
+  ASSERT_EQ(Velk2Init(&other, 1), 0u);
+  EXPECT_NE(velk2::FromOpaque<Velk2Context>(other), nullptr);
+  EXPECT_EQ(Velk2FreeContext(other), 0u);
 }
 
 TEST(Frame, VersionAndDoNothing) {

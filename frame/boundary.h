@@ -1,0 +1,57 @@
+// The export boundary. Every exported function does, in this order:
+//   1. the null checks of its documentation, in the documented order;
+//   2. a checked conversion of each opaque pointer it was handed
+//      (FromOpaque: the object's class tag is verified before any use, so a
+//      stale, foreign or already freed pointer gives an error, not a crash
+//      deep inside);
+//   3. one Guard around the rest, and nothing below it guards again within
+//      the same layer.
+// Objects that cross the boundary as opaque pointers derive from Tagged.
+#ifndef VELK2_FRAME_BOUNDARY_H_
+#define VELK2_FRAME_BOUNDARY_H_
+
+#include <cstdint>
+
+#include "frame/guard.h"
+
+namespace velk2 {
+
+// The class tags of objects handed to callers: four letters each, and never
+// the value of a pointer or a small count.
+enum class ClassTag : uint32_t {
+  kContext = 0x5843'3256,              // "V2CX"
+  kCertificateSequence = 0x5145'3256,  // "V2EQ"
+  kRevocationList = 0x4C52'3256,       // "V2RL"
+  kManifestContext = 0x464D'3256,      // "V2MF"
+};
+
+// Tagged<kTag>: a base that carries the tag while the object lives and
+// clears it when the object dies, so a freed object no longer converts.
+template <ClassTag kTag>
+class Tagged {
+ public:
+  static constexpr ClassTag kClassTag = kTag;
+  bool HasTag() const { return tag_ == kTag; }
+
+ protected:
+  Tagged() = default;
+  Tagged(const Tagged&) : tag_(kTag) {}
+  Tagged& operator=(const Tagged&) { return *this; }
+  ~Tagged() { tag_ = ClassTag{0}; }
+
+ private:
+  volatile ClassTag tag_ = kTag;
+};
+
+// FromOpaque converts a pointer that came through the C interface to the T
+// it was made from when it carries T's tag; null for null or another tag.
+template <typename T>
+T* FromOpaque(void* opaque) {
+  if (opaque == nullptr) return nullptr;
+  T* object = static_cast<T*>(opaque);
+  return object->HasTag() ? object : nullptr;
+}
+
+}  // namespace velk2
+
+#endif  // VELK2_FRAME_BOUNDARY_H_
