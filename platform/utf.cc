@@ -74,8 +74,25 @@ char32_t DecodeUtf8(std::string_view s, size_t& i) {
 
 }  // namespace
 
+void AppendHex(std::string* out, const void* bytes, size_t length) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  const auto* b = static_cast<const uint8_t*>(bytes);
+  const size_t start = out->size();
+  out->resize(start + 2 * length);
+  char* to = out->data() + start;
+  for (size_t i = 0; i < length; ++i) {
+    to[2 * i] = kDigits[b[i] >> 4];
+    to[2 * i + 1] = kDigits[b[i] & 15];
+  }
+}
+
+std::string HexString(const void* bytes, size_t length) {
+  std::string out;
+  AppendHex(&out, bytes, length);
+  return out;
+}
+
 std::string EscapeForDisplay(std::string_view text) {
-  static constexpr char kHex[] = "0123456789abcdef";
   std::string out;
   out.reserve(text.size());
   for (size_t i = 0; i < text.size();) {
@@ -91,8 +108,7 @@ std::string EscapeForDisplay(std::string_view text) {
     } else if (ill_formed || control || reorders) {
       for (unsigned char b : bytes) {
         out += "\\x";
-        out += kHex[b >> 4];
-        out += kHex[b & 0xF];
+        AppendHex(&out, &b, 1);
       }
     } else {
       out.append(bytes);

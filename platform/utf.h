@@ -19,6 +19,12 @@ std::string Utf16ToUtf8(std::u16string_view text);
 // well-formed UTF-8 passes unchanged.
 std::string EscapeForDisplay(std::string_view text);
 
+// AppendHex appends |length| bytes as lowercase hex, two digits a byte: the
+// one hex encoder of the library, the engine and the tool. HexString is the
+// same as a new string.
+void AppendHex(std::string* out, const void* bytes, size_t length);
+std::string HexString(const void* bytes, size_t length);
+
 // Length of a NUL-terminated UTF-16 string (0 for null).
 size_t WideLength(const char16_t* text);
 

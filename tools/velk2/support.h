@@ -19,8 +19,6 @@ int Fail(int exit_code, const char* command, const std::string& message);
 int FailWith(int exit_code, const char* command, const std::string& message, Result code);
 
 bool FileExists(const std::string& path);
-// Lowercase hex of |length| bytes.
-std::string Hex(const uint8_t* bytes, size_t length);
 
 // What `key show` prints of a key.
 struct KeyInfo {

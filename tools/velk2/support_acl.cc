@@ -23,7 +23,7 @@ std::string DigestHex(const SexpObject& object, uint32_t hash_id) {
   CBuffer<uint8_t> digest;
   uint32_t length = 0;
   if (ComputeHash(&object, &digest, &length, hash_id, true) != VELK2_SUCCESS) return {};
-  return Hex(digest.get(), length);
+  return HexString(digest.get(), length);
 }
 
 }  // namespace
@@ -63,7 +63,7 @@ std::string PrincipalFingerprint(const SexpObject& principal,
   const HashAlgorithm* algorithm = FindHashAlgorithm(list->ChildAt(1)->AsAtom()->bytes());
   std::string_view digest = list->ChildAt(2)->AsAtom()->bytes();
   if (algorithm == nullptr) return Fingerprint(principal);
-  const std::string hex = Hex(reinterpret_cast<const uint8_t*>(digest.data()), digest.size());
+  const std::string hex = HexString(reinterpret_cast<const uint8_t*>(digest.data()), digest.size());
   if (algorithm->id == ZCRY_HASH_SHA256 && digest.size() == 32) return hex;
   for (const SexpObject* key : known_keys) {
     if (key != nullptr && DigestHex(*key, algorithm->id) == hex) return Fingerprint(*key);
@@ -86,7 +86,7 @@ std::string DescribePrincipal(const SexpObject& principal) {
       !list->ChildAt(2)->IsList()) {
     std::string_view digest = list->ChildAt(2)->AsAtom()->bytes();
     return "hash " + EscapeForDisplay(list->ChildAt(1)->AsAtom()->bytes()) + " " +
-           Hex(reinterpret_cast<const uint8_t*>(digest.data()), digest.size());
+           HexString(reinterpret_cast<const uint8_t*>(digest.data()), digest.size());
   }
   if (AtomIs(head, "k-of-n") && list->ChildCount() >= 3 && !list->ChildAt(1)->IsList() &&
       !list->ChildAt(2)->IsList()) {

@@ -48,17 +48,6 @@ bool FileExists(const std::string& path) {
   return ::lstat(path.c_str(), &st) == 0;
 }
 
-std::string Hex(const uint8_t* bytes, size_t length) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  out.reserve(length * 2);
-  for (size_t i = 0; i < length; ++i) {
-    out.push_back(kDigits[bytes[i] >> 4]);
-    out.push_back(kDigits[bytes[i] & 15]);
-  }
-  return out;
-}
-
 Result LoadPublicKey(const std::string& path, Ref<SexpList>* out) {
   if (EndsWith(path, ".pem")) {
     issuing::PrivateKey key;
@@ -93,7 +82,7 @@ Result ReadKeyInfo(const std::string& path, KeyInfo* info) {
   uint32_t length = 0;
   r = ComputeHash(key.get(), &digest, &length, ZCRY_HASH_SHA256, true);
   if (r != VELK2_SUCCESS) return r;
-  info->fingerprint = Hex(digest.get(), length);
+  info->fingerprint = HexString(digest.get(), length);
   return VELK2_SUCCESS;
 }
 
