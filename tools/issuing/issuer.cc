@@ -8,7 +8,9 @@
 #include <ctime>
 #include <vector>
 
+#include "credentials/certificate.h"
 #include "credentials/date.h"
+#include "credentials/signature.h"
 #include "engine/status.h"
 #include "platform/files.h"
 #include "platform/utf.h"
@@ -221,21 +223,47 @@ Result AppendGrantFields(SexpList* list, const GrantFields& grant) {
   return r;
 }
 
+namespace {
+
+// |object| read back as the library reads a principal from a certificate
+// (a subject may also be a k-of-n group): what the toolkit signs is what
+// every reader takes. VELK2_ERR_PRINCIPAL (11) for anything else.
+Result AsPrincipal(const SexpObject& object, bool subject, Ref<Principal>* out) {
+  const std::string stored = StoredForm(object);
+  SexpMemorySource source;
+  Result r = source.AttachCopy(stored.data(), stored.size());
+  if (r != VELK2_SUCCESS) return r;
+  r = subject ? ReadSubject(&source, out, nullptr) : ReadPrincipal(&source, out, nullptr);
+  if (r == VELK2_SUCCESS && source.GetByte(false) != -1) r = VELK2_ERR_PRINCIPAL;
+  return r == VELK2_ERR_MEM_ALLOC || r == VELK2_SUCCESS ? r : VELK2_ERR_PRINCIPAL;
+}
+
+Result DateAtom(int64_t time, Ref<SexpAtom>* out) {
+  Ref<SexpAtom> atom = SexpAtom::New();
+  Result r = WriteDate(atom.get(), time);
+  if (r == VELK2_SUCCESS) *out = std::move(atom);
+  return r == kDateUnrepresentable ? VELK2_ERR_INVALID_PARAM : r;
+}
+
+}  // namespace
+
 Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out) {
   if (!request.issuer || !request.subject) return VELK2_ERR_INVALID_PARAM;
-  Ref<SexpList> body, version, issuer, subject;
-  Result r = NewKeywordList(&body, "cert", nullptr);
-  if (r == VELK2_SUCCESS) r = NewKeywordListWithText(&version, "version", "1", nullptr);
-  if (r == VELK2_SUCCESS) r = body->Append(std::move(version));
-  if (r == VELK2_SUCCESS) {
-    r = NewKeywordListWithChild(&issuer, "issuer", Ref<SexpObject>(request.issuer), nullptr);
+  CertificateFields fields;
+  Result r = AsPrincipal(*request.issuer, false, &fields.issuer);
+  if (r == VELK2_SUCCESS) r = AsPrincipal(*request.subject, true, &fields.subject);
+  fields.propagate = request.propagate;
+  fields.tag = request.tag;
+  if (r == VELK2_SUCCESS && request.not_before)
+    r = DateAtom(*request.not_before, &fields.not_before);
+  if (r == VELK2_SUCCESS && request.not_after) r = DateAtom(*request.not_after, &fields.not_after);
+  if (r == VELK2_SUCCESS && request.comment) {
+    fields.comment = SexpAtom::New();
+    r = fields.comment->SetAtomValue(request.comment->data(),
+                                     static_cast<uint32_t>(request.comment->size()));
   }
-  if (r == VELK2_SUCCESS) r = body->Append(std::move(issuer));
-  if (r == VELK2_SUCCESS) {
-    r = NewKeywordListWithChild(&subject, "subject", Ref<SexpObject>(request.subject), nullptr);
-  }
-  if (r == VELK2_SUCCESS) r = body->Append(std::move(subject));
-  if (r == VELK2_SUCCESS) r = AppendGrantFields(body.get(), request);
+  Ref<Certificate> body = Certificate::New();
+  if (r == VELK2_SUCCESS) r = BuildCertificate(body.get(), fields);
   if (r == VELK2_SUCCESS) *out = std::move(body);
   return r;
 }
