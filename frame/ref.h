@@ -13,16 +13,15 @@ namespace velk2 {
 
 // Base of every reference-counted class. Counts are plain integers: objects are
 // never shared between threads.
+template <typename T>
+class Ref;
+
+// Counts move only through Ref<T>: no code holds or drops a reference by hand.
 class RefCounted {
  public:
   RefCounted(const RefCounted&) = delete;
   RefCounted& operator=(const RefCounted&) = delete;
 
-  void AddRef() const { ++ref_count_; }
-  // Drops one reference; destroys the object when the count falls below 1.
-  void Release() const {
-    if (--ref_count_ < 1) delete this;
-  }
   int32_t ref_count() const { return ref_count_; }
 
  protected:
@@ -30,6 +29,15 @@ class RefCounted {
   virtual ~RefCounted() = default;
 
  private:
+  template <typename T>
+  friend class Ref;
+
+  void AddRef() const { ++ref_count_; }
+  // Drops one reference; destroys the object when the count falls below 1.
+  void Release() const {
+    if (--ref_count_ < 1) delete this;
+  }
+
   mutable int32_t ref_count_ = 1;
 };
 
