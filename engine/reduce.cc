@@ -57,18 +57,18 @@ class TupleRef {
   FiveTuple* tuple_;
 };
 
-const char* OriginName(uint8_t origin) {
+TraceKind KindOf(uint8_t origin) {
   switch (origin) {
     case kFromAclEntry:
-      return "acl entry";
+      return TraceKind::kAclEntry;
     case kFromCertificate:
-      return "certificate";
+      return TraceKind::kCertificate;
     case kFromChaining:
-      return "derived";
+      return TraceKind::kDerived;
     case kFromName:
-      return "name";
+      return TraceKind::kName;
     default:
-      return "threshold";
+      return TraceKind::kThreshold;
   }
 }
 
@@ -244,7 +244,7 @@ Status Reducer::TraceAccepted(FiveTuple* tuple) {
     TraceTuple told;
     told.id = next_trace_id_++;
     tuple->trace_id = told.id;
-    told.kind = OriginName(tuple->origin);
+    told.kind = KindOf(tuple->origin);
     if (tuple->issuer != nullptr) told.issuer = DigestHex(tuple->issuer->digest);
     if (tuple->subject != nullptr) told.subject = DigestHex(tuple->subject->digest);
     told.propagate = tuple->propagate != 0;
@@ -782,6 +782,22 @@ Status Reduce(EngineContext& engine, uint32_t crypto_context, EngineNode* acl, E
   }
   *result = reduced;
   return SPKI_OK;
+}
+
+const char* TraceKindName(TraceKind kind) {
+  switch (kind) {
+    case TraceKind::kAclEntry:
+      return "acl entry";
+    case TraceKind::kCertificate:
+      return "certificate";
+    case TraceKind::kDerived:
+      return "derived";
+    case TraceKind::kName:
+      return "name";
+    case TraceKind::kThreshold:
+      break;
+  }
+  return "threshold";
 }
 
 }  // namespace velk2::engine

@@ -23,12 +23,20 @@
 namespace velk2::engine {
 
 // One tuple of a reduction as told to people (`velk2 authorize --explain`).
+// Where a tuple of the story came from.
+enum class TraceKind {
+  kAclEntry,     // an ACL entry
+  kCertificate,  // a certificate
+  kDerived,      // two tuples chained
+  kName,         // a name reference resolved by a name definition
+  kThreshold,    // a k-of-n subject reached by enough members
+};
+// "acl entry", "certificate", "derived", "name", "threshold".
+const char* TraceKindName(TraceKind kind);
+
 struct TraceTuple {
   int id = 0;
-  // "acl entry", "certificate", "derived" (two tuples chained), "name" (a name
-  // reference resolved by a name definition) or "threshold" (a k-of-n
-  // subject reached by enough members).
-  std::string kind;
+  TraceKind kind = TraceKind::kAclEntry;
   // Principals as the lowercase hex SHA-256 digest of their canonical text
   // (what `velk2 key show` prints as the fingerprint); a hash principal
   // stands for its key, so a SHA-256 hash gives the hashed value itself, and

@@ -332,7 +332,7 @@ TEST(AuthorizeKey, AnswersFromARealChain) {
   // The story: the two certificates and the ACL entry, chained twice.
   ASSERT_EQ(yes.trace.result.size(), 1u);
   EXPECT_EQ(yes.trace.tuples.size(), 5u);
-  EXPECT_EQ(yes.trace.tuples.back().kind, "derived");
+  EXPECT_EQ(yes.trace.tuples.back().kind, engine::TraceKind::kDerived);
   EXPECT_EQ(yes.trace.tuples.back().not_before, "2026-01-01_00:00:00");
 
   Answer no = Ask(acl.get(), sequence.get(), 2, "(pkg remove)");

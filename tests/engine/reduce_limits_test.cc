@@ -397,7 +397,7 @@ TEST(ReduceTrace, TellsWhoGrantsWhatToWhom) {
   for (const TraceTuple& t : trace.tuples) by_id[t.id] = &t;
   ASSERT_EQ(trace.result.size(), 1u);
   const TraceTuple* root = by_id.at(trace.result[0]);
-  EXPECT_EQ(root->kind, "derived");
+  EXPECT_EQ(root->kind, TraceKind::kDerived);
   EXPECT_EQ(root->issuer, "");
   EXPECT_EQ(root->subject, Hex(Digest("SHA256", K2)));
   EXPECT_EQ(root->tag, kFtp);
@@ -412,7 +412,8 @@ TEST(ReduceTrace, TellsWhoGrantsWhatToWhom) {
   std::function<void(int)> walk = [&](int id) {
     const TraceTuple* t = by_id.at(id);
     if (t->parents.empty()) {
-      leaves.push_back(t->kind + " " + (t->issuer.empty() ? "acl" : t->issuer.substr(0, 4)) + ">" +
+      leaves.push_back(TraceKindName(t->kind) + std::string(" ") +
+                       (t->issuer.empty() ? "acl" : t->issuer.substr(0, 4)) + ">" +
                        t->subject.substr(0, 4));
     }
     for (int parent : t->parents) {
@@ -436,12 +437,12 @@ TEST(ReduceTrace, TellsWhoGrantsWhatToWhom) {
             SPKI_OK);
   std::map<std::string, int> seen;
   for (const TraceTuple& t : kinds.tuples) {
-    ++seen[t.kind];
-    if (t.kind == "acl entry" && !t.subject_names.empty()) {
+    ++seen[TraceKindName(t.kind)];
+    if (t.kind == TraceKind::kAclEntry && !t.subject_names.empty()) {
       EXPECT_EQ(t.subject_names, "team x");
       EXPECT_EQ(t.threshold_index, 1);
     }
-    if (t.kind == "certificate") {
+    if (t.kind == TraceKind::kCertificate) {
       EXPECT_EQ(t.issuer_name, "team");
     }
   }

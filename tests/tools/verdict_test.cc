@@ -10,6 +10,7 @@
 namespace velk2::cli {
 namespace {
 
+using engine::TraceKind;
 using engine::TraceTuple;
 using Json = nlohmann::json;
 
@@ -17,7 +18,7 @@ const std::string kRoot(64, 'a');
 const std::string kDev(64, 'b');
 const std::string kPkg(64, 'c');
 
-TraceTuple Tuple(int id, const char* kind, const std::string& issuer, const std::string& subject,
+TraceTuple Tuple(int id, TraceKind kind, const std::string& issuer, const std::string& subject,
                  bool propagate, std::vector<int> parents = {}) {
   TraceTuple t;
   t.id = id;
@@ -42,19 +43,19 @@ Story Chain(bool dev_may_delegate) {
   s.certificates = {{1, "root", kRoot, kDev, dev_may_delegate, {"(pkg install)", "", ""}},
                     {2, "dev", kDev, kPkg, false, {"(pkg install)", "", ""}}};
   s.names = {{kPkg, "pkg.pub"}, {kRoot, "subject of root.acl"}};
-  s.trace.tuples = {Tuple(1, "acl entry", "", kRoot, true),
-                    Tuple(2, "certificate", kRoot, kDev, dev_may_delegate),
-                    Tuple(3, "certificate", kDev, kPkg, false)};
+  s.trace.tuples = {Tuple(1, TraceKind::kAclEntry, "", kRoot, true),
+                    Tuple(2, TraceKind::kCertificate, kRoot, kDev, dev_may_delegate),
+                    Tuple(3, TraceKind::kCertificate, kDev, kPkg, false)};
   s.trace.tuples[2].on_key_path = true;
   s.verdict.stage = VerifyStage::kAuthorization;
   s.reduced = true;
   if (dev_may_delegate) {
-    s.trace.tuples.push_back(Tuple(4, "derived", "", kDev, true, {1, 2}));
-    s.trace.tuples.push_back(Tuple(5, "derived", "", kPkg, false, {4, 3}));
+    s.trace.tuples.push_back(Tuple(4, TraceKind::kDerived, "", kDev, true, {1, 2}));
+    s.trace.tuples.push_back(Tuple(5, TraceKind::kDerived, "", kPkg, false, {4, 3}));
     s.trace.result = {5};
     s.verdict.result = VELK2_SUCCESS;
   } else {
-    s.trace.tuples.push_back(Tuple(4, "derived", "", kDev, false, {1, 2}));
+    s.trace.tuples.push_back(Tuple(4, TraceKind::kDerived, "", kDev, false, {1, 2}));
     s.verdict.result = VELK2_ERR_NOT_AUTHORIZED;
   }
   return s;

@@ -16,6 +16,7 @@
 namespace velk2::cli {
 
 using engine::ReductionTrace;
+using engine::TraceKind;
 using engine::TraceTuple;
 using Json = nlohmann::ordered_json;
 
@@ -115,7 +116,7 @@ class Explainer {
       }
       return out;
     };
-    if (t.kind == "acl entry") {
+    if (t.kind == TraceKind::kAclEntry) {
       std::string files;
       for (const AclFile& f : s_.acl) {
         if (f.subject == t.subject && f.propagate == t.propagate) {
@@ -124,7 +125,7 @@ class Explainer {
       }
       return "ACL entry " + (files.empty() ? std::string("(unknown file)") : files);
     }
-    if (t.kind == "certificate") {
+    if (t.kind == TraceKind::kCertificate) {
       std::string found;
       for (const CertificateInfo& c : s_.certificates) {
         bool subject = t.threshold_index > 0 ? c.subject.empty() : c.subject == t.subject;
@@ -134,23 +135,22 @@ class Explainer {
       }
       return "certificate " + (found.empty() ? std::string("(unknown)") : found);
     }
-    if (t.kind == "derived") return "chained from " + ids();
-    if (t.kind == "name") return "name resolved through " + ids();
-    if (t.kind == "threshold") return "k-of-n group reached by " + ids();
-    return t.kind;
+    if (t.kind == TraceKind::kDerived) return "chained from " + ids();
+    if (t.kind == TraceKind::kName) return "name resolved through " + ids();
+    return "k-of-n group reached by " + ids();
   }
 
   // The tag the matching entry or certificate states, when the reduction
   // narrowed it to the request; empty otherwise.
   std::string NarrowedFrom(const TraceTuple& t) const {
     const Stated* stated = nullptr;
-    if (t.kind == "acl entry") {
+    if (t.kind == TraceKind::kAclEntry) {
       for (const AclFile& f : s_.acl) {
         if (stated == nullptr && f.subject == t.subject && f.propagate == t.propagate) {
           stated = &f.stated;
         }
       }
-    } else if (t.kind == "certificate") {
+    } else if (t.kind == TraceKind::kCertificate) {
       for (const CertificateInfo& c : s_.certificates) {
         bool subject = t.threshold_index > 0 ? c.subject.empty() : c.subject == t.subject;
         if (stated == nullptr && c.issuer == t.issuer && subject && c.propagate == t.propagate) {
@@ -200,8 +200,8 @@ class Explainer {
     for (const AclFile& f : s_.acl) {
       bool used = false;
       for (const TraceTuple& t : s_.trace.tuples) {
-        used =
-            used || (t.kind == "acl entry" && t.subject == f.subject && t.propagate == f.propagate);
+        used = used || (t.kind == TraceKind::kAclEntry && t.subject == f.subject &&
+                        t.propagate == f.propagate);
       }
       if (!used) out.push_back(&f);
     }
@@ -213,7 +213,7 @@ class Explainer {
       bool used = false;
       for (const TraceTuple& t : s_.trace.tuples) {
         bool subject = c.subject.empty() ? t.threshold_index > 0 : t.subject == c.subject;
-        used = used || (t.kind == "certificate" && t.issuer == c.issuer && subject &&
+        used = used || (t.kind == TraceKind::kCertificate && t.issuer == c.issuer && subject &&
                         t.propagate == c.propagate);
       }
       if (!used) out.push_back(&c);
@@ -248,7 +248,7 @@ class Explainer {
     std::set<std::string> extended;  // issuers whose grants towards the key were chained on
     for (const TraceTuple& t : s_.trace.tuples) {
       if (t.on_key_path) towards_key.push_back(&t);
-      if (t.kind == "derived") {
+      if (t.kind == TraceKind::kDerived) {
         for (int p : t.parents) {
           const TraceTuple* parent = Find(p);
           if (parent != nullptr && parent->on_key_path) extended.insert(parent->issuer);
@@ -394,7 +394,7 @@ Json OrNull(const std::string& text) {
 
 Json TupleJson(const Explainer& x, const TraceTuple& t) {
   return Json{{"id", t.id},
-              {"kind", t.kind},
+              {"kind", engine::TraceKindName(t.kind)},
               {"issuer", OrNull(t.issuer)},
               {"issuer_name", x.Who(t.issuer, true)},
               {"subject", OrNull(t.subject)},
