@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "engine/keywords.h"
+#include "engine/ranges.h"
 #include "engine/tags.h"
 #include "engine_fixture.h"
 
