@@ -15,14 +15,32 @@ namespace {
 constexpr char kRangeTemplate[] = "(1:*5:range)";
 constexpr char kSetTemplate[] = "(1:*3:set)";
 
-// Inside the algebra a tie (each operand inside the other, as with two equal
-// ranges, prefixes or sets) is told apart from a plain 1, so that a set of
-// such members is seen to cover the other set too. It leaves as 1: ties go to
-// the first operand.
-constexpr TagRelation kTagTie = static_cast<TagRelation>(5);
+// The algebra's own relation: the five it reports, and a tie (each operand
+// inside the other, as with two equal ranges, prefixes or sets), told apart
+// from a plain "narrower" so that a set of such members is seen to cover the
+// other set too. A tie leaves as "narrower": ties go to the first operand.
+enum class Relation : uint32_t {
+  kEqual = kTagEqual,
+  kNarrower = kTagNarrower,
+  kBroader = kTagBroader,
+  kDisjoint = kTagDisjoint,
+  kOverlapping = kTagOverlapping,
+  kTie,
+};
 
-TagRelation Public(TagRelation r) {
-  return r == kTagTie ? kTagNarrower : r;
+TagRelation Public(Relation r) {
+  return r == Relation::kTie ? kTagNarrower : static_cast<TagRelation>(r);
+}
+
+Relation Internal(TagRelation r) {
+  return static_cast<Relation>(r);
+}
+
+// "first narrower" and "second narrower" swapped; a tie stays a tie.
+Relation Mirrored(Relation r) {
+  if (r == Relation::kNarrower) return Relation::kBroader;
+  if (r == Relation::kBroader) return Relation::kNarrower;
+  return r;
 }
 
 bool IsPlain(ElementClass c) {
@@ -31,11 +49,11 @@ bool IsPlain(ElementClass c) {
 bool IsStarForm(ElementClass c) {
   return c >= kClassSet && c <= kClassRange;
 }
-bool InsideOrEqual(TagRelation r) {
-  return r == kTagEqual || r == kTagNarrower || r == kTagTie;
+bool InsideOrEqual(Relation r) {
+  return r == Relation::kEqual || r == Relation::kNarrower || r == Relation::kTie;
 }
-bool CoversOrEqual(TagRelation r) {
-  return r == kTagEqual || r == kTagBroader || r == kTagTie;
+bool CoversOrEqual(Relation r) {
+  return r == Relation::kEqual || r == Relation::kBroader || r == Relation::kTie;
 }
 
 bool SameHints(const EngineAtom* a, const EngineAtom* b) {
@@ -124,16 +142,16 @@ class Algebra {
  public:
   explicit Algebra(EngineContext& engine) : engine_(engine) {}
 
-  Status CompareLists(const EngineNode* a, const EngineNode* b, int depth, TagRelation* out);
-  Status CompareElements(const EngineNode* a, const EngineNode* b, int depth, TagRelation* out);
+  Status CompareLists(const EngineNode* a, const EngineNode* b, int depth, Relation* out);
+  Status CompareElements(const EngineNode* a, const EngineNode* b, int depth, Relation* out);
   Status InSet(const EngineNode* element, const EngineNode* set, int depth, bool* inside);
-  Status CompareSet(const EngineNode* set, const EngineNode* other, int depth, TagRelation* out);
+  Status CompareSet(const EngineNode* set, const EngineNode* other, int depth, Relation* out);
   Status IntersectLists(EngineNode* a, EngineNode* b, int depth, EngineNode** out);
   Status IntersectElements(EngineNode* a, EngineNode* b, int depth, EngineNode** out);
   Status IntersectSet(EngineNode* set, EngineNode* element, int depth, EngineNode** out);
 
-  Status PrefixRange(const EngineNode* prefix, const EngineNode* range, TagRelation* out);
-  Status RangeRange(const EngineNode* a, const EngineNode* b, TagRelation* out);
+  Status PrefixRange(const EngineNode* prefix, const EngineNode* range, Relation* out);
+  Status RangeRange(const EngineNode* a, const EngineNode* b, Relation* out);
   Status InRange(const EngineAtom* atom, const EngineNode* range, bool* inside);
 
  private:
@@ -157,7 +175,7 @@ ElementClass Algebra::Classify(const EngineNode* element) {
   if (element_class == kClassRange) {
     ScopedBounds scoped(engine_);
     AddRangeElementBounds(engine_, &scoped.bounds, element, 1);
-    if (EvaluateRange(scoped.bounds) == kTagDisjoint) return kClassUnclassifiable;
+    if (Internal(EvaluateRange(scoped.bounds)) == Relation::kDisjoint) return kClassUnclassifiable;
   }
   return element_class;
 }
@@ -242,57 +260,58 @@ bool SortedAtoms::Within(const SortedAtoms& other, bool* overlap) const {
   return all;
 }
 
-Status Algebra::CompareLists(const EngineNode* a, const EngineNode* b, int depth,
-                             TagRelation* out) {
-  TagRelation state = kTagEqual;
+Status Algebra::CompareLists(const EngineNode* a, const EngineNode* b, int depth, Relation* out) {
+  Relation state = Relation::kEqual;
   bool tie = false;  // an element pair tied: a list otherwise equal ties too
   for (;; a = a->next, b = b->next) {
     if (a == b) {
-      *out = state == kTagEqual && tie ? kTagTie : state;
+      *out = state == Relation::kEqual && tie ? Relation::kTie : state;
       return SPKI_OK;
     }
     if (a == nullptr) {  // the first is shorter, hence broader
-      *out = state == kTagEqual || state == kTagBroader ? kTagBroader : kTagOverlapping;
+      *out = state == Relation::kEqual || state == Relation::kBroader ? Relation::kBroader
+                                                                      : Relation::kOverlapping;
       return SPKI_OK;
     }
     if (b == nullptr) {
-      *out = state == kTagEqual || state == kTagNarrower ? kTagNarrower : kTagOverlapping;
+      *out = state == Relation::kEqual || state == Relation::kNarrower ? Relation::kNarrower
+                                                                       : Relation::kOverlapping;
       return SPKI_OK;
     }
-    TagRelation relation;
+    Relation relation;
     Status status = CompareElements(a, b, depth + 1, &relation);
     if (status != SPKI_OK) return status;
-    switch (static_cast<uint32_t>(relation)) {
-      case kTagEqual:
+    switch (relation) {
+      case Relation::kEqual:
         break;
-      case kTagTie:
+      case Relation::kTie:
         tie = true;
         break;
-      case kTagNarrower:
-        if (state == kTagEqual) state = kTagNarrower;
-        if (state == kTagBroader) state = kTagOverlapping;
+      case Relation::kNarrower:
+        if (state == Relation::kEqual) state = Relation::kNarrower;
+        if (state == Relation::kBroader) state = Relation::kOverlapping;
         break;
-      case kTagBroader:
-        if (state == kTagEqual) state = kTagBroader;
-        if (state == kTagNarrower) state = kTagOverlapping;
+      case Relation::kBroader:
+        if (state == Relation::kEqual) state = Relation::kBroader;
+        if (state == Relation::kNarrower) state = Relation::kOverlapping;
         break;
-      case kTagOverlapping:
-        state = kTagOverlapping;
+      case Relation::kOverlapping:
+        state = Relation::kOverlapping;
         break;
       default:
-        *out = kTagDisjoint;
+        *out = Relation::kDisjoint;
         return SPKI_OK;
     }
   }
 }
 
 Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int depth,
-                                TagRelation* out) {
+                                Relation* out) {
   if (depth > kMaxTagDepth) return SPKI_ERR_BAD_SEXP;
-  *out = kTagDisjoint;
+  *out = Relation::kDisjoint;
   if (!engine_.ChargeWork(1)) return SPKI_ERR_UNKNOWN;
   if (a == b) {
-    *out = kTagEqual;
+    *out = Relation::kEqual;
     return SPKI_OK;
   }
   if (a == nullptr || b == nullptr) return SPKI_OK;
@@ -301,24 +320,24 @@ Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int de
   if (ca == kClassUnclassifiable || cb == kClassUnclassifiable) return SPKI_OK;
 
   if (cb == kClassAll) {
-    *out = ca == kClassAll ? kTagEqual : kTagNarrower;
+    *out = ca == kClassAll ? Relation::kEqual : Relation::kNarrower;
     return SPKI_OK;
   }
   if (ca == kClassAll) {
-    *out = kTagBroader;
+    *out = Relation::kBroader;
     return SPKI_OK;
   }
   if (cb == kClassSet) {
     if (IsPlain(ca)) {
       bool inside = false;
       Status status = InSet(a, b, depth, &inside);
-      if (status == SPKI_OK && inside) *out = kTagNarrower;
+      if (status == SPKI_OK && inside) *out = Relation::kNarrower;
       return status;
     }
     if (IsStarForm(ca)) {
-      TagRelation relation;
+      Relation relation;
       Status status = CompareSet(b, a, depth, &relation);
-      if (status == SPKI_OK) *out = Mirror(relation);
+      if (status == SPKI_OK) *out = Mirrored(relation);
       return status;
     }
     return SPKI_OK;
@@ -326,20 +345,21 @@ Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int de
 
   switch (ca) {
     case kClassKeywordHead:
-      if (cb == kClassKeywordHead && a->keyword == b->keyword) *out = kTagEqual;
+      if (cb == kClassKeywordHead && a->keyword == b->keyword) *out = Relation::kEqual;
       return SPKI_OK;
     case kClassAtomHead:
-      if (cb == kClassAtomHead && CompareAtoms(a->atom, b->atom) == kOrderEqual) *out = kTagEqual;
+      if (cb == kClassAtomHead && CompareAtoms(a->atom, b->atom) == kOrderEqual)
+        *out = Relation::kEqual;
       return SPKI_OK;
     case kClassAtom:
       if (cb == kClassAtom) {
-        if (CompareAtoms(a->atom, b->atom) == kOrderEqual) *out = kTagEqual;
+        if (CompareAtoms(a->atom, b->atom) == kOrderEqual) *out = Relation::kEqual;
       } else if (cb == kClassPrefix) {
-        if (StartsWith(a->atom, PrefixOf(b))) *out = kTagNarrower;
+        if (StartsWith(a->atom, PrefixOf(b))) *out = Relation::kNarrower;
       } else if (cb == kClassRange) {
         bool inside = false;
         Status status = InRange(a->atom, b, &inside);
-        if (status == SPKI_OK && inside) *out = kTagNarrower;
+        if (status == SPKI_OK && inside) *out = Relation::kNarrower;
         return status;
       }
       return SPKI_OK;
@@ -350,21 +370,21 @@ Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int de
       if (IsPlain(cb)) {
         bool inside = false;
         Status status = InSet(b, a, depth, &inside);
-        if (status == SPKI_OK && inside) *out = kTagBroader;
+        if (status == SPKI_OK && inside) *out = Relation::kBroader;
         return status;
       }
       return CompareSet(a, b, depth, out);  // cb is a prefix or a range here
     case kClassPrefix:
       if (cb == kClassAtom) {
-        if (StartsWith(b->atom, PrefixOf(a))) *out = kTagBroader;
+        if (StartsWith(b->atom, PrefixOf(a))) *out = Relation::kBroader;
       } else if (cb == kClassPrefix) {
         const EngineAtom* pa = PrefixOf(a);
         const EngineAtom* pb = PrefixOf(b);
         // Equal prefixes tie: 1 for the first operand.
         if (StartsWith(pa, pb)) {
-          *out = StartsWith(pb, pa) ? kTagTie : kTagNarrower;
+          *out = StartsWith(pb, pa) ? Relation::kTie : Relation::kNarrower;
         } else if (StartsWith(pb, pa)) {
-          *out = kTagBroader;
+          *out = Relation::kBroader;
         }
       } else if (cb == kClassRange) {
         return PrefixRange(a, b, out);
@@ -374,13 +394,13 @@ Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int de
       if (cb == kClassAtom) {
         bool inside = false;
         Status status = InRange(b->atom, a, &inside);
-        if (status == SPKI_OK && inside) *out = kTagBroader;
+        if (status == SPKI_OK && inside) *out = Relation::kBroader;
         return status;
       }
       if (cb == kClassPrefix) {
-        TagRelation relation;
+        Relation relation;
         Status status = PrefixRange(b, a, &relation);
-        if (status == SPKI_OK) *out = Mirror(relation);
+        if (status == SPKI_OK) *out = Mirrored(relation);
         return status;
       }
       if (cb == kClassRange) return RangeRange(a, b, out);
@@ -393,7 +413,7 @@ Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int de
 Status Algebra::InSet(const EngineNode* element, const EngineNode* set, int depth, bool* inside) {
   *inside = false;
   for (const EngineNode* member = FirstMember(set); member != nullptr; member = member->next) {
-    TagRelation relation;
+    Relation relation;
     Status status = CompareElements(element, member, depth + 1, &relation);
     if (status != SPKI_OK) return status;
     if (InsideOrEqual(relation)) {
@@ -417,8 +437,8 @@ Status Algebra::InSet(const EngineNode* element, const EngineNode* set, int dept
 // When both hold, the two tie (and the first operand of the comparison is
 // taken as the narrower, as for equal ranges and prefixes).
 Status Algebra::CompareSet(const EngineNode* set, const EngineNode* other, int depth,
-                           TagRelation* out) {
-  *out = kTagDisjoint;
+                           Relation* out) {
+  *out = Relation::kDisjoint;
   bool all_inside = true;
   bool covered = false;
   bool overlap = false;
@@ -432,11 +452,11 @@ Status Algebra::CompareSet(const EngineNode* set, const EngineNode* other, int d
       // the sorted members answers in O(n log n) what pairing them would.
       all_inside = mine.Within(theirs, &overlap);
       covered = theirs.Within(mine, &overlap);
-      *out = all_inside && covered ? kTagTie
-             : all_inside          ? kTagNarrower
-             : covered             ? kTagBroader
-             : overlap             ? kTagOverlapping
-                                   : kTagDisjoint;
+      *out = all_inside && covered ? Relation::kTie
+             : all_inside          ? Relation::kNarrower
+             : covered             ? Relation::kBroader
+             : overlap             ? Relation::kOverlapping
+                                   : Relation::kDisjoint;
       return SPKI_OK;
     }
     size_t count = ChainLength(FirstMember(other));
@@ -452,7 +472,7 @@ Status Algebra::CompareSet(const EngineNode* set, const EngineNode* other, int d
       bool inside = false;
       size_t j = 0;
       for (const EngineNode* n = FirstMember(other); n != nullptr; n = n->next, ++j) {
-        TagRelation relation;
+        Relation relation;
         Status status = CompareElements(m, n, depth + 1, &relation);
         if (status != SPKI_OK) {
           engine_.FreeScratch(hit);
@@ -460,7 +480,7 @@ Status Algebra::CompareSet(const EngineNode* set, const EngineNode* other, int d
         }
         if (InsideOrEqual(relation)) inside = true;
         if (CoversOrEqual(relation)) hit[j] = 1;
-        if (relation != kTagDisjoint) overlap = true;
+        if (relation != Relation::kDisjoint) overlap = true;
       }
       if (!inside) all_inside = false;
     }
@@ -470,22 +490,22 @@ Status Algebra::CompareSet(const EngineNode* set, const EngineNode* other, int d
   } else {
     for (const EngineNode* m = FirstMember(set); m != nullptr; m = m->next) {
       if (Classify(m) == kClassUnclassifiable) continue;
-      TagRelation relation;
+      Relation relation;
       Status status = CompareElements(m, other, depth + 1, &relation);
       if (status != SPKI_OK) return status;
       if (!InsideOrEqual(relation)) all_inside = false;
       if (CoversOrEqual(relation)) covered = true;
-      if (relation != kTagDisjoint) overlap = true;
+      if (relation != Relation::kDisjoint) overlap = true;
     }
   }
   if (all_inside && covered) {
-    *out = kTagTie;
+    *out = Relation::kTie;
   } else if (all_inside) {
-    *out = kTagNarrower;
+    *out = Relation::kNarrower;
   } else if (covered) {
-    *out = kTagBroader;
+    *out = Relation::kBroader;
   } else {
-    *out = overlap ? kTagOverlapping : kTagDisjoint;
+    *out = overlap ? Relation::kOverlapping : Relation::kDisjoint;
   }
   return SPKI_OK;
 }
@@ -497,27 +517,27 @@ Status Algebra::CompareSet(const EngineNode* set, const EngineNode* other, int d
 // either one finding an operand inside the other decides; inside both ways
 // is a tie, reported as 1 like two identical ranges.
 // Both arguments are oriented alike: 1 means the first operand is narrower.
-TagRelation CombineOrders(TagRelation one_order, TagRelation other_order) {
-  bool first_inside = one_order == kTagNarrower || other_order == kTagNarrower;
-  bool second_inside = one_order == kTagBroader || other_order == kTagBroader;
-  if (first_inside && second_inside) return kTagTie;
-  if (first_inside) return kTagNarrower;
-  if (second_inside) return kTagBroader;
+Relation CombineOrders(Relation one_order, Relation other_order) {
+  bool first_inside = one_order == Relation::kNarrower || other_order == Relation::kNarrower;
+  bool second_inside = one_order == Relation::kBroader || other_order == Relation::kBroader;
+  if (first_inside && second_inside) return Relation::kTie;
+  if (first_inside) return Relation::kNarrower;
+  if (second_inside) return Relation::kBroader;
   return one_order;
 }
 
-Status Algebra::PrefixRange(const EngineNode* prefix, const EngineNode* range, TagRelation* out) {
+Status Algebra::PrefixRange(const EngineNode* prefix, const EngineNode* range, Relation* out) {
   // The range's bounds go in with source 2 and before the prefix's: the
   // prefix is read in the range's ordering.
-  TagRelation range_first;
+  Relation range_first;
   {
     ScopedBounds scoped(engine_);
     AddRangeElementBounds(engine_, &scoped.bounds, range, 2);
     Status status = AddPrefixBounds(engine_, &scoped.bounds, prefix, 1);
     if (status != SPKI_OK) return status;
-    range_first = EvaluateRange(scoped.bounds);
+    range_first = Internal(EvaluateRange(scoped.bounds));
   }
-  TagRelation prefix_first;
+  Relation prefix_first;
   {
     ScopedBounds scoped(engine_);
     const EngineNode* ordering = StarWord(range)->next;  // a valid range: checked above
@@ -527,29 +547,29 @@ Status Algebra::PrefixRange(const EngineNode* prefix, const EngineNode* range, T
     Status status = AddPrefixBounds(engine_, &scoped.bounds, prefix, 2);
     if (status != SPKI_OK) return status;
     AddRangeElementBounds(engine_, &scoped.bounds, range, 1);
-    prefix_first = EvaluateRange(scoped.bounds);
+    prefix_first = Internal(EvaluateRange(scoped.bounds));
   }
-  if (range_first == kTagDisjoint || range_first == kTagEqual) {
+  if (range_first == Relation::kDisjoint || range_first == Relation::kEqual) {
     *out = range_first;
     return SPKI_OK;
   }
-  *out = CombineOrders(range_first, Mirror(prefix_first));
+  *out = CombineOrders(range_first, Mirrored(prefix_first));
   return SPKI_OK;
 }
 
-Status Algebra::RangeRange(const EngineNode* a, const EngineNode* b, TagRelation* out) {
+Status Algebra::RangeRange(const EngineNode* a, const EngineNode* b, Relation* out) {
   auto evaluate = [this](const EngineNode* first, const EngineNode* second) {
     ScopedBounds scoped(engine_);
     AddRangeElementBounds(engine_, &scoped.bounds, first, 1);
     AddRangeElementBounds(engine_, &scoped.bounds, second, 2);
-    return EvaluateRange(scoped.bounds);
+    return Internal(EvaluateRange(scoped.bounds));
   };
-  TagRelation a_first = evaluate(a, b);
-  if (a_first == kTagDisjoint || a_first == kTagEqual) {
+  Relation a_first = evaluate(a, b);
+  if (a_first == Relation::kDisjoint || a_first == Relation::kEqual) {
     *out = a_first;
     return SPKI_OK;
   }
-  *out = CombineOrders(a_first, Mirror(evaluate(b, a)));
+  *out = CombineOrders(a_first, Mirrored(evaluate(b, a)));
   return SPKI_OK;
 }
 
@@ -591,18 +611,18 @@ Status Algebra::IntersectLists(EngineNode* a, EngineNode* b, int depth, EngineNo
   NodeRef result(engine_);
   EngineNode** tail = result.out();
   for (;;) {
-    TagRelation relation;
+    Relation relation;
     Status status = CompareLists(a, b, depth, &relation);
     if (status != SPKI_OK) return status;
     if (InsideOrEqual(relation)) {
       AssignNode(engine_, tail, a);
       break;
     }
-    if (relation == kTagBroader) {
+    if (relation == Relation::kBroader) {
       AssignNode(engine_, tail, b);
       break;
     }
-    if (relation != kTagOverlapping) return SPKI_OK;  // disjoint: no result at all
+    if (relation != Relation::kOverlapping) return SPKI_OK;  // disjoint: no result at all
     // Overlapping: both chains are present here.
     EngineNode* element = nullptr;
     status = IntersectElements(a, b, depth + 1, &element);
@@ -655,11 +675,11 @@ Status Algebra::IntersectElements(EngineNode* a, EngineNode* b, int depth, Engin
   if ((ca == kClassPrefix || ca == kClassRange) && (cb == kClassPrefix || cb == kClassRange)) {
     return IntersectRanges(a, ca, b, cb, out);
   }
-  TagRelation relation;
+  Relation relation;
   Status status = CompareElements(a, b, depth, &relation);
   if (status != SPKI_OK) return status;
   if (InsideOrEqual(relation)) return Copy(a, out);
-  if (relation == kTagBroader) return Copy(b, out);
+  if (relation == Relation::kBroader) return Copy(b, out);
   return SPKI_OK;
 }
 
@@ -680,7 +700,7 @@ Status Algebra::IntersectRanges(const EngineNode* a, ElementClass a_class, const
     }
   }
   if (status != SPKI_OK) return status;
-  if (EvaluateRange(scoped.bounds) == kTagDisjoint) return SPKI_OK;
+  if (Internal(EvaluateRange(scoped.bounds)) == Relation::kDisjoint) return SPKI_OK;
   return BuildRange(scoped.bounds, out);
 }
 
@@ -720,10 +740,10 @@ Status Algebra::BuildRange(const RangeBounds& bounds, EngineNode** out) {
 Status Algebra::AddUnique(NodeRef* front, EngineNode* element, int depth, size_t* count) {
   NodeRef owned(engine_, element);
   for (const EngineNode* kept = front->get(); kept != nullptr; kept = kept->next) {
-    TagRelation relation;
+    Relation relation;
     Status status = CompareElements(kept, element, depth + 1, &relation);
     if (status != SPKI_OK) return status;
-    if (relation == kTagEqual) return SPKI_OK;
+    if (relation == Relation::kEqual) return SPKI_OK;
   }
   element->next = front->release();
   front->reset(owned.release());
@@ -763,15 +783,15 @@ Status Algebra::IntersectSet(EngineNode* set, EngineNode* element, int depth, En
   }
   for (EngineNode* member = const_cast<EngineNode*>(FirstMember(set)); member != nullptr;
        member = member->next) {
-    TagRelation relation;
+    Relation relation;
     Status status = CompareElements(member, element, depth + 1, &relation);
     if (status != SPKI_OK) return status;
     NodeRef kept(engine_);
     if (InsideOrEqual(relation)) {
       status = Copy(member, kept.out());
-    } else if (relation == kTagBroader) {
+    } else if (relation == Relation::kBroader) {
       status = Copy(element, kept.out());
-    } else if (relation == kTagOverlapping) {
+    } else if (relation == Relation::kOverlapping) {
       status = IntersectElements(member, element, depth + 1, kept.out());
     }
     if (status != SPKI_OK) return status;
@@ -883,16 +903,18 @@ const char* TagRelationName(TagRelation relation) {
 Status CompareTagLists(EngineContext& engine, const EngineNode* first, const EngineNode* second,
                        TagRelation* relation) {
   if (relation == nullptr) return SPKI_ERR_NULL_PARAM;
-  Status status = Algebra(engine).CompareLists(first, second, 0, relation);
-  *relation = Public(*relation);
+  Relation internal = Relation::kDisjoint;
+  Status status = Algebra(engine).CompareLists(first, second, 0, &internal);
+  *relation = Public(internal);
   return status;
 }
 
 Status CompareTagElements(EngineContext& engine, const EngineNode* first, const EngineNode* second,
                           TagRelation* relation) {
   if (relation == nullptr) return SPKI_ERR_NULL_PARAM;
-  Status status = Algebra(engine).CompareElements(first, second, 1, relation);
-  *relation = Public(*relation);
+  Relation internal = Relation::kDisjoint;
+  Status status = Algebra(engine).CompareElements(first, second, 1, &internal);
+  *relation = Public(internal);
   return status;
 }
 
@@ -929,8 +951,9 @@ Status CompareSetWith(EngineContext& engine, const EngineNode* set, const Engine
   if (relation == nullptr) return SPKI_ERR_NULL_PARAM;
   *relation = kTagDisjoint;
   if (ClassOf(set) != kClassSet || !IsStarForm(ClassOf(other))) return SPKI_OK;
-  Status status = Algebra(engine).CompareSet(set, other, 1, relation);
-  *relation = Public(*relation);
+  Relation internal = Relation::kDisjoint;
+  Status status = Algebra(engine).CompareSet(set, other, 1, &internal);
+  *relation = Public(internal);
   return status;
 }
 
