@@ -8,6 +8,7 @@
 #include <map>
 #include <vector>
 
+#include "engine/dates.h"
 #include "engine/reduce.h"
 #include "engine/status.h"
 #include "engine/store.h"
@@ -114,6 +115,24 @@ inline constexpr int kBucketCount = 256;
 // The partial result of one path of the threshold search.
 struct Combination;
 
+inline EngineNode* Unwrap(EngineNode* node) {
+  return node != nullptr && node->kind == kNodeSublist ? node->sublist : node;
+}
+
+// The head of the list an element holds when that head is a keyword.
+inline EngineNode* KeywordListOf(const EngineNode* element) {
+  if (element == nullptr || element->kind != kNodeSublist || element->sublist == nullptr) {
+    return nullptr;
+  }
+  return element->sublist->kind == kNodeKeywordHead ? element->sublist : nullptr;
+}
+
+inline bool SameBytes(const EngineAtom* a, const EngineAtom* b) {
+  if (a == b) return true;
+  if (a == nullptr || b == nullptr) return false;
+  return a->length == b->length && CompareAtoms(a, b) == kOrderEqual;
+}
+
 class Reducer {
  public:
   Reducer(EngineContext& engine, uint32_t crypto_context, const ReduceOptions& options);
@@ -123,6 +142,12 @@ class Reducer {
 
   Status Run(EngineNode* acl, EngineNode* sequence, EngineNode* key, EngineNode* tag,
              EngineNode* validity, EngineNode** result);
+
+  // Counts of tuples, for the scoped holders of the reduction's sources.
+  void RetainTuple(FiveTuple* tuple) { ++tuple->ref_count; }
+  void ReleaseTuple(FiveTuple* tuple);
+
+ private:
 
   // ---- principals (reduce_principals.cc)
   Status RegisterKeys(const EngineNode* list, int depth);
@@ -169,8 +194,6 @@ class Reducer {
   // ---- records
   FiveTuple* NewTuple();
   FiveTuple* CopyTuple(const FiveTuple* tuple);
-  void RetainTuple(FiveTuple* tuple) { ++tuple->ref_count; }
-  void ReleaseTuple(FiveTuple* tuple);
   Status PushTuple(TupleEntry** list, FiveTuple* tuple);
   void ClearTupleList(TupleEntry** list);
 
@@ -187,7 +210,6 @@ class Reducer {
 
   EngineContext& engine() { return engine_; }
 
- private:
   void Cleanup();
 
   EngineContext& engine_;
@@ -223,6 +245,22 @@ class Reducer {
   const FiveTuple* path_[256] = {};
   int16_t fillable_[258] = {};
   std::map<uint32_t, std::vector<int>> trace_parents_;
+};
+
+// A scoped count of a tuple.
+class TupleRef {
+ public:
+  TupleRef(Reducer& reducer, FiveTuple* tuple) : reducer_(reducer), tuple_(tuple) {}
+  ~TupleRef() { reducer_.ReleaseTuple(tuple_); }
+  TupleRef(const TupleRef&) = delete;
+  TupleRef& operator=(const TupleRef&) = delete;
+  FiveTuple* get() const { return tuple_; }
+  FiveTuple* operator->() const { return tuple_; }
+  explicit operator bool() const { return tuple_ != nullptr; }
+
+ private:
+  Reducer& reducer_;
+  FiveTuple* tuple_;
 };
 
 }  // namespace velk2::engine::reduce
