@@ -247,21 +247,12 @@ class Reducer {
   std::map<uint32_t, std::vector<int>> trace_parents_;
 };
 
-// A scoped count of a tuple.
-class TupleRef {
- public:
-  TupleRef(Reducer& reducer, FiveTuple* tuple) : reducer_(reducer), tuple_(tuple) {}
-  ~TupleRef() { reducer_.ReleaseTuple(tuple_); }
-  TupleRef(const TupleRef&) = delete;
-  TupleRef& operator=(const TupleRef&) = delete;
-  FiveTuple* get() const { return tuple_; }
-  FiveTuple* operator->() const { return tuple_; }
-  explicit operator bool() const { return tuple_ != nullptr; }
+inline void DropRecord(Reducer& reducer, FiveTuple* tuple) {
+  reducer.ReleaseTuple(tuple);
+}
 
- private:
-  Reducer& reducer_;
-  FiveTuple* tuple_;
-};
+// A scoped count of a tuple.
+using TupleRef = PoolRef<FiveTuple, Reducer>;
 
 }  // namespace velk2::engine::reduce
 

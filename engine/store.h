@@ -204,18 +204,27 @@ EngineAtom* NewKeywordAtom(EngineContext& engine, int32_t keyword);
 // ChainLength returns the number of nodes in the chain that starts at |chain|.
 size_t ChainLength(const EngineNode* chain);
 
-// EngineRef<T>: a scoped count of an engine record (EngineNode or EngineAtom),
-// released when it goes out of scope.
-template <typename T>
-class EngineRef {
+// DropRecord releases one count of a record through the owner of its pool.
+inline void DropRecord(EngineContext& engine, EngineNode* node) {
+  ReleaseNode(engine, node);
+}
+inline void DropRecord(EngineContext& engine, EngineAtom* atom) {
+  ReleaseAtom(engine, atom);
+}
+
+// PoolRef<T, Owner>: the one scoped count of a pool record, released through
+// its owner when it goes out of scope: engine nodes and atoms (owner: the
+// EngineContext) and the reduction's tuples (owner: the reducer). Whoever
+// owns a pool gives DropRecord(Owner&, T*).
+template <typename T, typename Owner>
+class PoolRef {
  public:
-  explicit EngineRef(EngineContext& engine, T* record = nullptr)
-      : engine_(&engine), record_(record) {}
-  EngineRef(const EngineRef&) = delete;
-  EngineRef& operator=(const EngineRef&) = delete;
-  EngineRef(EngineRef&& other) noexcept
-      : engine_(other.engine_), record_(std::exchange(other.record_, nullptr)) {}
-  ~EngineRef() { reset(); }
+  explicit PoolRef(Owner& owner, T* record = nullptr) : owner_(&owner), record_(record) {}
+  PoolRef(const PoolRef&) = delete;
+  PoolRef& operator=(const PoolRef&) = delete;
+  PoolRef(PoolRef&& other) noexcept
+      : owner_(other.owner_), record_(std::exchange(other.record_, nullptr)) {}
+  ~PoolRef() { reset(); }
 
   T* get() const { return record_; }
   T* operator->() const { return record_; }
@@ -231,19 +240,16 @@ class EngineRef {
   [[nodiscard]] T* release() { return std::exchange(record_, nullptr); }
   void reset(T* record = nullptr) {
     T* old = std::exchange(record_, record);
-    if (old != nullptr) Drop(old);
+    if (old != nullptr) DropRecord(*owner_, old);
   }
 
  private:
-  void Drop(EngineNode* node) { ReleaseNode(*engine_, node); }
-  void Drop(EngineAtom* atom) { ReleaseAtom(*engine_, atom); }
-
-  EngineContext* engine_;
+  Owner* owner_;
   T* record_;
 };
 
-using NodeRef = EngineRef<EngineNode>;
-using AtomRef = EngineRef<EngineAtom>;
+using NodeRef = PoolRef<EngineNode, EngineContext>;
+using AtomRef = PoolRef<EngineAtom, EngineContext>;
 
 }  // namespace velk2::engine
 

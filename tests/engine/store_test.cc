@@ -313,7 +313,7 @@ TEST_F(StoreTest, CopyElementSharesTheValueOnly) {
   ReleaseNode(engine_, sub);
   EXPECT_EQ(engine_.nodes().free_count(), 6u);
 
-  // EngineRef: out() releases what it held first; release() gives the count up.
+  // PoolRef: out() releases what it held first; release() gives the count up.
   {
     NodeRef held(engine_, NewKeywordHead(engine_, 3));
     EngineNode** slot = held.out();
