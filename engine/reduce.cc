@@ -30,56 +30,52 @@ Reducer::Reducer(EngineContext& engine, uint32_t crypto_context, const ReduceOpt
   engine_.SetWorkLimit(options_.limits.work_steps);
 }
 
-Reducer::~Reducer() {
-  Cleanup();
-  engine_.SetWorkLimit(UINT64_MAX);
+Reducer::NameIndex::~NameIndex() {
+  for (IndexEntry*& bucket : buckets) {
+    while (IndexEntry* entry = bucket) {
+      bucket = entry->next;
+      reducer.ReleaseTuple(entry->tuple);
+      reducer.index_entries_.Give(entry);
+    }
+  }
 }
 
-void Reducer::Cleanup() {
-  // Every list lets go of its tuples first; principals and blocks, which the
-  // tuples only point to, go last.
-  ClearTupleList(&pending_);
-  ClearTupleList(&root_);
-  for (IndexEntry** buckets : {definitions_, references_}) {
-    for (int b = 0; b < kBucketCount; ++b) {
-      while (IndexEntry* entry = buckets[b]) {
-        buckets[b] = entry->next;
-        ReleaseTuple(entry->tuple);
-        index_entries_.Give(entry);
-      }
+Reducer::BlockList::~BlockList() {
+  // Every slot lets go of its arrivals before any block goes.
+  for (ThresholdBlock* block = head; block != nullptr; block = block->next_block) {
+    for (int32_t i = 1; i <= block->n; ++i) reducer.ClearTupleList(&block->slots[i]);
+  }
+  while (ThresholdBlock* block = head) {
+    head = block->next_block;
+    AssignNode(reducer.engine_, &block->node, nullptr);
+    reducer.blocks_.Give(block);  // the slot array stays in the arena
+  }
+}
+
+Reducer::PrincipalTable::~PrincipalTable() {
+  // Every principal lets go of its tuples before any principal goes.
+  for (IndexEntry* bucket : buckets) {
+    for (IndexEntry* entry = bucket; entry != nullptr; entry = entry->next) {
+      reducer.ClearTupleList(&entry->principal->issued);
+      reducer.ClearTupleList(&entry->principal->subjects);
     }
   }
-  for (ThresholdBlock* block = blocks_list_; block != nullptr; block = block->next_block) {
-    for (int32_t i = 1; i <= block->n; ++i) ClearTupleList(&block->slots[i]);
-  }
-  for (int b = 0; b < kBucketCount; ++b) {
-    for (IndexEntry* entry = principal_index_[b]; entry != nullptr; entry = entry->next) {
-      ClearTupleList(&entry->principal->issued);
-      ClearTupleList(&entry->principal->subjects);
+  for (IndexEntry*& bucket : buckets) {
+    while (IndexEntry* entry = bucket) {
+      bucket = entry->next;
+      AssignNode(reducer.engine_, &entry->principal->node, nullptr);
+      reducer.principals_.Give(entry->principal);
+      reducer.index_entries_.Give(entry);
     }
   }
-  while (ThresholdBlock* block = blocks_list_) {
-    blocks_list_ = block->next_block;
-    AssignNode(engine_, &block->node, nullptr);
-    blocks_.Give(block);  // the slot array stays in the arena
+}
+
+Reducer::Report::~Report() {
+  if (reducer.options_.stats != nullptr) {
+    *reducer.options_.stats = reducer.stats_;
+    reducer.options_.stats->live_tuples = static_cast<uint32_t>(reducer.live_tuples_);
   }
-  for (int b = 0; b < kBucketCount; ++b) {
-    while (IndexEntry* entry = principal_index_[b]) {
-      principal_index_[b] = entry->next;
-      AssignNode(engine_, &entry->principal->node, nullptr);
-      principals_.Give(entry->principal);
-      index_entries_.Give(entry);
-    }
-  }
-  keys_ = nullptr;
-  key_ = nullptr;
-  AssignNode(engine_, &tag_, nullptr);
-  AssignNode(engine_, &validity_, nullptr);
-  trace_parents_.clear();
-  if (options_.stats != nullptr) {
-    *options_.stats = stats_;
-    options_.stats->live_tuples = static_cast<uint32_t>(live_tuples_);
-  }
+  reducer.engine_.SetWorkLimit(UINT64_MAX);
 }
 
 // ---- records ---------------------------------------------------------------
@@ -175,8 +171,8 @@ Status Reducer::Run(EngineNode* acl, EngineNode* sequence, EngineNode* key, Engi
   acl = Unwrap(acl);
   sequence = Unwrap(sequence);
   key = Unwrap(key);
-  AssignNode(engine_, &tag_, Unwrap(tag));
-  AssignNode(engine_, &validity_, Unwrap(validity));
+  AssignNode(engine_, tag_.out(), Unwrap(tag));
+  AssignNode(engine_, validity_.out(), Unwrap(validity));
 
   // Every key met anywhere is registered first, so that a hash principal met
   // later is matched with its key.
@@ -204,12 +200,12 @@ Status Reducer::Insert(FiveTuple* tuple, bool derived) {
     ++stats_.derived_tuples;
   }
   tuple->derived = derived ? 1 : 0;
-  return PushTuple(&pending_, tuple);
+  return PushTuple(&pending_.head, tuple);
 }
 
 Status Reducer::Settle() {
-  while (TupleEntry* entry = pending_) {
-    pending_ = entry->next;
+  while (TupleEntry* entry = pending_.head) {
+    pending_.head = entry->next;
     FiveTuple* tuple = entry->tuple;  // the entry's count is now ours
     entries_.Give(entry);
     Status status = Process(tuple);
@@ -236,7 +232,7 @@ Status Reducer::AddAuthorization(FiveTuple* tuple) {
     Status status = ThresholdArrival(tuple);
     if (status != SPKI_OK) return status;
   } else {
-    TupleEntry** issued = &root_;
+    TupleEntry** issued = &root_.head;
     uint32_t* issued_count = &root_count_;
     if (tuple->issuer != nullptr) {
       issued = &tuple->issuer->issued;
@@ -405,7 +401,7 @@ Status Reducer::BuildResult(EngineNode** out) {
   if (!head) return SPKI_ERR_NO_MEM;
   EngineNode* tail = head.get();
   // The root list holds the newest tuple first.
-  for (TupleEntry* entry = root_; entry != nullptr; entry = entry->next) {
+  for (TupleEntry* entry = root_.head; entry != nullptr; entry = entry->next) {
     const FiveTuple* tuple = entry->tuple;
     if (!tuple->on_key_path) continue;
     EngineNode* element = nullptr;

@@ -95,18 +95,18 @@ Status Reducer::AddCredential(EngineNode* credential) {
   }
 
   // A credential outside the period asked about is no error: it vanishes.
-  if (validity_ != nullptr) {
-    Status status = IntersectValidity(engine_, &t->not_before, &t->not_after, validity_);
+  if (validity_) {
+    Status status = IntersectValidity(engine_, &t->not_before, &t->not_after, validity_.get());
     if (status == SPKI_ERR_DATE_INTERSECTION) return SPKI_OK;
     if (status != SPKI_OK) return status;
   }
   // Every credential is pruned by the tag asked about, here, at reading.
   if (t->tag == nullptr) {
-    if (t->issuer_name == nullptr) AssignNode(engine_, &t->tag, tag_);
-  } else if (tag_ != nullptr) {
+    if (t->issuer_name == nullptr) AssignNode(engine_, &t->tag, tag_.get());
+  } else if (tag_) {
     NodeRef narrowed(engine_);
     bool empty = false;
-    Status status = IntersectTags(t->tag, tag_, narrowed.out(), &empty);
+    Status status = IntersectTags(t->tag, tag_.get(), narrowed.out(), &empty);
     if (status != SPKI_OK) return status;
     if (empty) return SPKI_OK;
     AssignNode(engine_, &t->tag, narrowed.get());

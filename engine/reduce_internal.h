@@ -136,7 +136,7 @@ inline bool SameBytes(const EngineAtom* a, const EngineAtom* b) {
 class Reducer {
  public:
   Reducer(EngineContext& engine, uint32_t crypto_context, const ReduceOptions& options);
-  ~Reducer();
+  ~Reducer() = default;
   Reducer(const Reducer&) = delete;
   Reducer& operator=(const Reducer&) = delete;
 
@@ -148,7 +148,6 @@ class Reducer {
   void ReleaseTuple(FiveTuple* tuple);
 
  private:
-
   // ---- principals (reduce_principals.cc)
   Status RegisterKeys(const EngineNode* list, int depth);
   Status InternKey(EngineNode* key, Principal** out);
@@ -210,12 +209,65 @@ class Reducer {
 
   EngineContext& engine() { return engine_; }
 
-  void Cleanup();
+  // What the reducer holds, each part letting go of its records when the
+  // reducer ends. Members end in the reverse of their order here: the lists
+  // of tuples first, then the threshold blocks and the principals they
+  // point to, then the report; the pools, the counters and the trace's
+  // bookkeeping outlive them all.
+  struct TupleList {  // the root list, the pending work
+    explicit TupleList(Reducer& owner) : reducer(owner) {}
+    ~TupleList() { reducer.ClearTupleList(&head); }
+    TupleList(const TupleList&) = delete;
+    TupleList& operator=(const TupleList&) = delete;
+    Reducer& reducer;
+    TupleEntry* head = nullptr;
+  };
+  struct NameIndex {  // name definitions or references, by digest; owns tuple counts
+    explicit NameIndex(Reducer& owner) : reducer(owner) {}
+    ~NameIndex();
+    NameIndex(const NameIndex&) = delete;
+    NameIndex& operator=(const NameIndex&) = delete;
+    Reducer& reducer;
+    IndexEntry* buckets[kBucketCount] = {};
+  };
+  struct BlockList {  // every threshold block, with its slots of arrivals
+    explicit BlockList(Reducer& owner) : reducer(owner) {}
+    ~BlockList();
+    BlockList(const BlockList&) = delete;
+    BlockList& operator=(const BlockList&) = delete;
+    Reducer& reducer;
+    ThresholdBlock* head = nullptr;
+  };
+  struct PrincipalTable {  // every principal by digest, with the tuples it issued and received
+    explicit PrincipalTable(Reducer& owner) : reducer(owner) {}
+    ~PrincipalTable();
+    PrincipalTable(const PrincipalTable&) = delete;
+    PrincipalTable& operator=(const PrincipalTable&) = delete;
+    Reducer& reducer;
+    IndexEntry* buckets[kBucketCount] = {};
+    Principal* keys = nullptr;  // the chain of principals known as keys
+  };
+  struct Report {  // the statistics and the engine's work limit, once all is released
+    explicit Report(Reducer& owner) : reducer(owner) {}
+    ~Report();
+    Report(const Report&) = delete;
+    Report& operator=(const Report&) = delete;
+    Reducer& reducer;
+  };
 
   EngineContext& engine_;
   uint32_t crypto_;
   const ReduceOptions& options_;
   ReductionStats stats_;
+  uint32_t next_serial_ = 0;
+  int32_t live_tuples_ = 0;
+  int next_trace_id_ = 1;
+  std::map<uint32_t, std::vector<int>> trace_parents_;
+  // The arrivals along the current path of the threshold search (k <= 255),
+  // and for each slot j of the block searched, how many slots from j on
+  // (the new arrival's own left out) hold an arrival at the same principal.
+  const FiveTuple* path_[256] = {};
+  int16_t fillable_[258] = {};
 
   RecordPool<FiveTuple> tuples_;
   RecordPool<TupleEntry> entries_;
@@ -223,28 +275,18 @@ class Reducer {
   RecordPool<IndexEntry> index_entries_;
   RecordPool<ThresholdBlock> blocks_;
 
-  IndexEntry* principal_index_[kBucketCount] = {};
-  IndexEntry* definitions_[kBucketCount] = {};
-  IndexEntry* references_[kBucketCount] = {};
-  TupleEntry* root_ = nullptr;
+  Report report_{*this};
+  PrincipalTable principal_index_{*this};
+  BlockList blocks_list_{*this};
+  NameIndex definitions_{*this};
+  NameIndex references_{*this};
+  TupleList root_{*this};
   uint32_t root_count_ = 0;
-  TupleEntry* pending_ = nullptr;  // derived tuples waiting to join, newest first
-  Principal* keys_ = nullptr;
-  ThresholdBlock* blocks_list_ = nullptr;
+  TupleList pending_{*this};  // derived tuples waiting to join, newest first
 
   Principal* key_ = nullptr;
-  EngineNode* tag_ = nullptr;
-  EngineNode* validity_ = nullptr;
-
-  uint32_t next_serial_ = 0;
-  int32_t live_tuples_ = 0;
-  int next_trace_id_ = 1;
-  // The arrivals along the current path of the threshold search (k <= 255),
-  // and for each slot j of the block searched, how many slots from j on
-  // (the new arrival's own left out) hold an arrival at the same principal.
-  const FiveTuple* path_[256] = {};
-  int16_t fillable_[258] = {};
-  std::map<uint32_t, std::vector<int>> trace_parents_;
+  NodeRef tag_{engine_};
+  NodeRef validity_{engine_};
 };
 
 inline void DropRecord(Reducer& reducer, FiveTuple* tuple) {

@@ -34,7 +34,7 @@ Status Reducer::AddNameDefinition(FiveTuple* tuple) {
   uint8_t digest[kPrincipalDigestSize];
   Status status = NameDigest(tuple->issuer, tuple->issuer_name, digest);
   if (status != SPKI_OK) return status;
-  IndexEntry** bucket = &definitions_[digest[0]];
+  IndexEntry** bucket = &definitions_.buckets[digest[0]];
   // A definition of the same name for the same subject over the same period
   // adds nothing: dropped. Definitions only narrow periods, so name cycles
   // end here.
@@ -52,7 +52,7 @@ Status Reducer::AddNameDefinition(FiveTuple* tuple) {
   status = IndexName(bucket, digest, tuple);
   if (status != SPKI_OK) return status;
 
-  for (IndexEntry* entry = references_[digest[0]]; entry != nullptr; entry = entry->next) {
+  for (IndexEntry* entry = references_.buckets[digest[0]]; entry != nullptr; entry = entry->next) {
     status = Step();
     if (status == SPKI_OK && std::memcmp(entry->digest, digest, kPrincipalDigestSize) == 0) {
       status = Resolve(entry->tuple, tuple);
@@ -66,7 +66,7 @@ Status Reducer::AddNameReference(FiveTuple* tuple) {
   uint8_t digest[kPrincipalDigestSize];
   Status status = NameDigest(tuple->subject, tuple->subject_name, digest);
   if (status != SPKI_OK) return status;
-  IndexEntry** bucket = &references_[digest[0]];
+  IndexEntry** bucket = &references_.buckets[digest[0]];
   for (IndexEntry* entry = *bucket; entry != nullptr; entry = entry->next) {
     status = Step();
     bool same = false;
@@ -79,7 +79,7 @@ Status Reducer::AddNameReference(FiveTuple* tuple) {
   status = IndexName(bucket, digest, tuple);
   if (status != SPKI_OK) return status;
 
-  for (IndexEntry* entry = definitions_[digest[0]]; entry != nullptr; entry = entry->next) {
+  for (IndexEntry* entry = definitions_.buckets[digest[0]]; entry != nullptr; entry = entry->next) {
     status = Step();
     if (status == SPKI_OK && std::memcmp(entry->digest, digest, kPrincipalDigestSize) == 0) {
       status = Resolve(tuple, entry->tuple);

@@ -191,14 +191,14 @@ Status Reducer::InternKey(EngineNode* key, Principal** out) {
   uint8_t digest[kPrincipalDigestSize];
   Status status = PrincipalDigest(crypto_, key, digest);
   if (status != SPKI_OK) return status;
-  Principal* principal = FindPrincipal(principal_index_, digest);
+  Principal* principal = FindPrincipal(principal_index_.buckets, digest);
   if (principal != nullptr) {
     if (!principal->is_key) {
       // Met first as a hash of its digest; now the key itself is known.
       AssignNode(engine_, &principal->node, key);
       principal->is_key = 1;
-      principal->next_key = keys_;
-      keys_ = principal;
+      principal->next_key = principal_index_.keys;
+      principal_index_.keys = principal;
     }
     *out = principal;
     return SPKI_OK;
@@ -206,8 +206,8 @@ Status Reducer::InternKey(EngineNode* key, Principal** out) {
   status = NewPrincipal(digest, key, &principal);
   if (status != SPKI_OK) return status;
   principal->is_key = 1;
-  principal->next_key = keys_;
-  keys_ = principal;
+  principal->next_key = principal_index_.keys;
+  principal_index_.keys = principal;
   *out = principal;
   return SPKI_OK;
 }
@@ -246,7 +246,7 @@ Status Reducer::InternHash(EngineNode* hash, Principal** out) {
   if (known->id == ZCRY_HASH_SHA256) {
     std::memcpy(digest, bytes->bytes, kPrincipalDigestSize);
   } else {
-    for (Principal* key = keys_; key != nullptr; key = key->next_key) {
+    for (Principal* key = principal_index_.keys; key != nullptr; key = key->next_key) {
       Status status = Step();
       if (status != SPKI_OK) return status;
       uint8_t* cached = known->id == ZCRY_HASH_SHA1 ? key->sha1 : key->rmd160;
@@ -264,7 +264,7 @@ Status Reducer::InternHash(EngineNode* hash, Principal** out) {
     Status status = PrincipalDigest(crypto_, hash, digest);
     if (status != SPKI_OK) return status;
   }
-  Principal* principal = FindPrincipal(principal_index_, digest);
+  Principal* principal = FindPrincipal(principal_index_.buckets, digest);
   if (principal != nullptr) {
     *out = principal;
     return SPKI_OK;
@@ -287,8 +287,8 @@ Status Reducer::NewPrincipal(const uint8_t digest[kPrincipalDigestSize], EngineN
   AssignNode(engine_, &principal->node, node);
   std::memcpy(entry->digest, digest, kPrincipalDigestSize);
   entry->principal = principal;
-  entry->next = principal_index_[digest[0]];
-  principal_index_[digest[0]] = entry;
+  entry->next = principal_index_.buckets[digest[0]];
+  principal_index_.buckets[digest[0]] = entry;
   ++stats_.principals;
   *out = principal;
   return SPKI_OK;

@@ -85,8 +85,8 @@ Status Reducer::ExpandThreshold(FiveTuple* tuple) {
   block->parent_block = tuple->threshold;
   block->issuer = tuple->issuer;
   AssignNode(engine_, &block->node, group);
-  block->next_block = blocks_list_;
-  blocks_list_ = block;
+  block->next_block = blocks_list_.head;
+  blocks_list_.head = block;
 
   Members members(*this);
   bool repeated[256] = {};
