@@ -3,6 +3,7 @@
 #include <new>
 
 #include "engine/keywords.h"
+#include "platform/utf.h"
 
 namespace velk2::engine {
 namespace {
@@ -153,7 +154,6 @@ void AppendReadableString(std::string* out, const uint8_t* bytes, uint32_t lengt
     out->append(reinterpret_cast<const char*>(bytes), length);
     return;
   }
-  static constexpr char kHex[] = "0123456789abcdef";
   out->push_back('"');
   for (uint32_t i = 0; i < length; ++i) {
     uint8_t c = bytes[i];
@@ -164,8 +164,7 @@ void AppendReadableString(std::string* out, const uint8_t* bytes, uint32_t lengt
       out->push_back(static_cast<char>(c));
     } else {
       out->append("\\x");
-      out->push_back(kHex[c >> 4]);
-      out->push_back(kHex[c & 15]);
+      AppendHex(out, &c, 1);
     }
   }
   out->push_back('"');

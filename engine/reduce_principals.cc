@@ -6,6 +6,7 @@
 #include "engine/keywords.h"
 #include "engine/printer.h"
 #include "engine/reduce_internal.h"
+#include "platform/utf.h"
 #include "platform/zcry.h"
 
 namespace velk2::engine {
@@ -148,13 +149,7 @@ Status PrincipalDigest(uint32_t crypto_context, const EngineNode* node,
 }
 
 std::string DigestHex(const uint8_t digest[kPrincipalDigestSize]) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string hex(2 * kPrincipalDigestSize, '0');
-  for (size_t i = 0; i < kPrincipalDigestSize; ++i) {
-    hex[2 * i] = kHex[digest[i] >> 4];
-    hex[2 * i + 1] = kHex[digest[i] & 0x0F];
-  }
-  return hex;
+  return HexString(digest, kPrincipalDigestSize);
 }
 
 namespace reduce {

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "frame/guard.h"
+#include "platform/utf.h"
 #include "sexp/char_class.h"
 #include "sexp/reader.h"
 
@@ -24,13 +25,9 @@ bool IsTokenByte(unsigned char c) {
          std::memchr(kMarks, c, sizeof(kMarks) - 1) != nullptr;  // not strchr: it finds a NUL
 }
 
-void AppendHex(const uint8_t* bytes, uint32_t length, std::string* out) {
-  static constexpr char kDigits[] = "0123456789abcdef";
+void AppendHexAtom(const uint8_t* bytes, uint32_t length, std::string* out) {
   out->push_back('#');
-  for (uint32_t i = 0; i < length; ++i) {
-    out->push_back(kDigits[bytes[i] >> 4]);
-    out->push_back(kDigits[bytes[i] & 15]);
-  }
+  AppendHex(out, bytes, length);
   out->push_back('#');
 }
 
@@ -90,7 +87,7 @@ void AppendAtom(const SexpAtom& atom, std::string* out) {
     }
     out->push_back('"');
   } else if (length <= kMaxHexBytes) {
-    AppendHex(bytes, length, out);
+    AppendHexAtom(bytes, length, out);
   } else {
     AppendBase64(bytes, length, out);
   }

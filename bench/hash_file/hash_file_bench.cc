@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "credentials/hash_value.h"
+#include "platform/utf.h"
 
 namespace {
 
@@ -26,16 +27,6 @@ std::string g_openssl_hex;
 // Seconds of each timed run, per contender; the best of them is reported.
 std::vector<double> g_hashfile_seconds;
 std::vector<double> g_openssl_seconds;
-
-std::string Hex(const uint8_t* bytes, size_t count) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string hex;
-  for (size_t i = 0; i < count; ++i) {
-    hex += kDigits[bytes[i] >> 4];
-    hex += kDigits[bytes[i] & 15];
-  }
-  return hex;
-}
 
 bool MakeFile(const std::string& path, uint64_t size) {
   std::FILE* file = std::fopen(path.c_str(), "wb");
@@ -67,7 +58,7 @@ void BM_HashFile(benchmark::State& state) {
       return;
     }
     g_hashfile_seconds.push_back(elapsed.count());
-    g_hashfile_hex = Hex(digest, length);
+    g_hashfile_hex = HexString(digest, length);
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * g_size));
 }
