@@ -15,14 +15,17 @@ bool IsLengthStart(uint8_t byte) {
   return byte >= '1' && byte <= '9';
 }
 
-Status ParseListAt(EngineContext& engine, EngineNode** out, ParseCursor* cursor, int depth) {
+Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, int depth) {
   *out = nullptr;
-  if (cursor->AtEnd()) return SPKI_ERR_BAD_SEXP_START;
-  if (*cursor->current != '(') {
-    ++cursor->current;
+  const int start = cursor->Peek();
+  if (start == -1) return SPKI_ERR_BAD_SEXP_START;
+  if (start != '(') {
+    cursor->Skip(1);
     return SPKI_ERR_BAD_SEXP_START;
   }
-  const uint8_t* open = cursor->current++;
+  const uint8_t* open = cursor->here();
+  const size_t open_position = cursor->position();
+  cursor->Skip(1);
 
   AtomRef first(engine);
   Status status = ParseAtom(engine, first.out(), cursor);
@@ -33,8 +36,7 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ParseCursor* cursor,
   head->source = open;
 
   EngineNode* tail = head.get();
-  while (!cursor->AtEnd()) {
-    uint8_t byte = *cursor->current;
+  for (int byte = cursor->Peek(); byte != -1; byte = cursor->Peek()) {
     NodeRef element(engine);
     if (byte == '(') {
       if (depth >= kMaxNesting) return SPKI_ERR_BAD_SEXP;
@@ -42,14 +44,14 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ParseCursor* cursor,
       status = ParseListAt(engine, sublist.out(), cursor, depth + 1);
       if (status != SPKI_OK) return status;
       element.reset(NewSublistElement(engine, sublist.get()));
-    } else if (IsLengthStart(byte) || byte == '[') {
+    } else if (IsLengthStart(static_cast<uint8_t>(byte)) || byte == '[') {
       AtomRef atom(engine);
       status = ParseAtom(engine, atom.out(), cursor);
       if (status != SPKI_OK) return status;
       element.reset(NewAtomElement(engine, atom.get()));
     } else if (byte == ')') {
-      ++cursor->current;
-      size_t length = static_cast<size_t>(cursor->current - open);
+      cursor->Skip(1);
+      const size_t length = cursor->position() - open_position;
       if (length > std::numeric_limits<uint32_t>::max()) return SPKI_ERR_STRING_TOO_LONG;
       head->source_length = static_cast<uint32_t>(length);
       *out = head.release();
@@ -75,51 +77,50 @@ void ClearSources(EngineNode* chain, int depth) {
 
 }  // namespace
 
-Status ParseLength(uint32_t* out, ParseCursor* cursor) {
+Status ParseLength(uint32_t* out, ByteCursor* cursor) {
   if (out == nullptr || cursor == nullptr) return SPKI_ERR_NULL_PARAM;
-  if (cursor->AtEnd() || !IsLengthStart(*cursor->current)) return SPKI_ERR_BAD_LTH_FORMAT;
-  uint32_t value = *cursor->current++ - '0';
-  while (!cursor->AtEnd() && IsDigit(*cursor->current)) {
+  const int first = cursor->Peek();
+  if (first == -1 || !IsLengthStart(static_cast<uint8_t>(first))) return SPKI_ERR_BAD_LTH_FORMAT;
+  uint32_t value = static_cast<uint32_t>(cursor->Next() - '0');
+  for (int next = cursor->Peek(); next != -1 && IsDigit(static_cast<uint8_t>(next));
+       next = cursor->Peek()) {
     if (value > 214748364) return SPKI_ERR_LTH_TOO_BIG;
-    value = value * 10 + (*cursor->current++ - '0');
+    value = value * 10 + static_cast<uint32_t>(cursor->Next() - '0');
   }
-  if (cursor->AtEnd() || *cursor->current != ':') return SPKI_ERR_COLON_EXPECTED;
-  ++cursor->current;
+  if (!cursor->Match(":")) return SPKI_ERR_COLON_EXPECTED;
   *out = value;
   return SPKI_OK;
 }
 
-Status ParseAtom(EngineContext& engine, EngineAtom** out, ParseCursor* cursor) {
+Status ParseAtom(EngineContext& engine, EngineAtom** out, ByteCursor* cursor) {
   if (out == nullptr || cursor == nullptr) return SPKI_ERR_NULL_PARAM;
   *out = nullptr;
   const uint8_t* hint = nullptr;
   uint32_t hint_length = 0;
-  if (!cursor->AtEnd() && *cursor->current == '[') {
-    ++cursor->current;
+  if (cursor->Match("[")) {
     Status status = ParseLength(&hint_length, cursor);
     if (status != SPKI_OK) return status;
     // The "]" must be there, with at least one byte after it.
-    if (cursor->Remaining() < static_cast<size_t>(hint_length) + 2) {
+    if (cursor->remaining() < static_cast<size_t>(hint_length) + 2) {
       return SPKI_ERR_DISP_HINT_TOO_LONG;
     }
-    hint = cursor->current;
-    cursor->current += hint_length;
-    if (*cursor->current != ']') return SPKI_ERR_DISP_HINT_NOT_CLOSED;
-    ++cursor->current;
+    cursor->Take(hint_length, &hint);
+    if (!cursor->Match("]")) return SPKI_ERR_DISP_HINT_NOT_CLOSED;
   }
   uint32_t length = 0;
   Status status = ParseLength(&length, cursor);
   if (status != SPKI_OK) return status;
-  if (length > cursor->Remaining()) return SPKI_ERR_STRING_TOO_LONG;
-  EngineAtom* atom = NewAtomOver(engine, cursor->current, length, hint, hint_length);
+  const uint8_t* bytes = nullptr;
+  if (length > cursor->remaining()) return SPKI_ERR_STRING_TOO_LONG;
+  EngineAtom* atom = NewAtomOver(engine, cursor->here(), length, hint, hint_length);
   if (atom == nullptr) return SPKI_ERR_NO_MEM;
-  cursor->current += length;
+  cursor->Take(length, &bytes);
   *out = atom;
   return SPKI_OK;
 }
 
-Status ParseList(EngineContext& engine, EngineNode** out, ParseCursor* cursor) {
-  if (out == nullptr || cursor == nullptr || cursor->current == nullptr) {
+Status ParseList(EngineContext& engine, EngineNode** out, ByteCursor* cursor) {
+  if (out == nullptr || cursor == nullptr || cursor->data() == nullptr) {
     return SPKI_ERR_NULL_PARAM;
   }
   return ParseListAt(engine, out, cursor, 1);
@@ -127,9 +128,9 @@ Status ParseList(EngineContext& engine, EngineNode** out, ParseCursor* cursor) {
 
 Status ParseText(EngineContext& engine, EngineNode** out, const void* text, size_t length) {
   if (out == nullptr || text == nullptr) return SPKI_ERR_NULL_PARAM;
-  ParseCursor cursor = ParseCursor::Over(text, length);
+  ByteCursor cursor(text, length);
   Status status = ParseList(engine, out, &cursor);
-  if (status == SPKI_OK && !cursor.AtEnd()) {
+  if (status == SPKI_OK && !cursor.at_end()) {
     ReleaseNode(engine, *out);
     *out = nullptr;
     status = SPKI_ERR_BAD_SEXP_FORMAT;

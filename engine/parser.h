@@ -1,6 +1,7 @@
 // The engine's canonical parser: canonical S-expression text, with display
-// hints and without any white space, into engine nodes. Atoms point into the
-// parsed text, which must outlive the tree.
+// hints and without any white space, into engine nodes, read through the
+// bounds-checked ByteCursor. Atoms point into the parsed text, which must
+// outlive the tree.
 #ifndef VELK2_ENGINE_PARSER_H_
 #define VELK2_ENGINE_PARSER_H_
 
@@ -9,35 +10,22 @@
 
 #include "engine/status.h"
 #include "engine/store.h"
+#include "platform/cursor.h"
 
 namespace velk2::engine {
-
-// A bounds-checked parse cursor: every read checks |current| against |end|.
-struct ParseCursor {
-  const uint8_t* start;
-  const uint8_t* current;
-  const uint8_t* end;
-
-  static ParseCursor Over(const void* data, size_t length) {
-    auto* bytes = static_cast<const uint8_t*>(data);
-    return {bytes, bytes, bytes + length};
-  }
-  bool AtEnd() const { return current >= end; }
-  size_t Remaining() const { return AtEnd() ? 0 : static_cast<size_t>(end - current); }
-};
 
 // ParseLength reads a decimal length (first digit 1-9) and the ":" after it.
 // Returns 0 with |*out| set and the cursor after the ":", or
 // SPKI_ERR_BAD_LTH_FORMAT (-135), SPKI_ERR_LTH_TOO_BIG (-132) when the value
 // passes 214748364 before another digit, SPKI_ERR_COLON_EXPECTED (-136).
-Status ParseLength(uint32_t* out, ParseCursor* cursor);
+Status ParseLength(uint32_t* out, ByteCursor* cursor);
 
 // ParseAtom reads one atom with an optional "[n:hint]" display hint. On
 // success |*out| holds a new atom (count 1) whose bytes point into the text.
 // Errors: ParseLength's, SPKI_ERR_DISP_HINT_TOO_LONG (-138),
 // SPKI_ERR_DISP_HINT_NOT_CLOSED (-137), SPKI_ERR_STRING_TOO_LONG (-139),
 // SPKI_ERR_NO_MEM (-129).
-Status ParseAtom(EngineContext& engine, EngineAtom** out, ParseCursor* cursor);
+Status ParseAtom(EngineContext& engine, EngineAtom** out, ByteCursor* cursor);
 
 // ParseList reads one list. On success |*out| holds the list's head node
 // (count 1): kind 1 when the first atom is a keyword (id above 0), else kind
@@ -47,7 +35,7 @@ Status ParseAtom(EngineContext& engine, EngineAtom** out, ParseCursor* cursor);
 // SPKI_ERR_BAD_SEXP_FORMAT (-142), SPKI_ERR_SEXP_NOT_CLOSED (-143),
 // SPKI_ERR_BAD_SEXP (-130) for lists nested deeper than kMaxNesting,
 // SPKI_ERR_NO_MEM (-129), SPKI_ERR_NULL_PARAM (-126).
-Status ParseList(EngineContext& engine, EngineNode** out, ParseCursor* cursor);
+Status ParseList(EngineContext& engine, EngineNode** out, ByteCursor* cursor);
 
 // ParseText parses |length| bytes that must hold exactly one list; bytes
 // after the list give SPKI_ERR_BAD_SEXP_FORMAT (-142).

@@ -24,16 +24,17 @@ int HexValue(char c) {
   return -1;
 }
 
-// A bounds-checked reader over the readable text.
+// The readable text, read through the bounds-checked cursor. Peek and Take
+// are called only where AtEnd() is false.
 class Reader {
  public:
-  explicit Reader(std::string_view text) : text_(text) {}
+  explicit Reader(std::string_view text) : cursor_(text) {}
 
-  bool AtEnd() const { return position_ >= text_.size(); }
-  char Peek() const { return text_[position_]; }
-  char Take() { return text_[position_++]; }
+  bool AtEnd() const { return cursor_.at_end(); }
+  char Peek() const { return static_cast<char>(cursor_.Peek()); }
+  char Take() { return static_cast<char>(cursor_.Next()); }
   void SkipBlanks() {
-    while (!AtEnd() && IsBlank(Peek())) ++position_;
+    cursor_.SkipWhile([](uint8_t byte) { return IsBlank(static_cast<char>(byte)); });
   }
 
   Status Expression(std::string* out, int depth) {
@@ -143,8 +144,7 @@ class Reader {
     return out->empty() ? SPKI_ERR_BAD_LTH_FORMAT : SPKI_OK;
   }
 
-  std::string_view text_;
-  size_t position_ = 0;
+  ByteCursor cursor_;
 };
 
 void AppendReadableString(std::string* out, const uint8_t* bytes, uint32_t length) {

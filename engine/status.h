@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "platform/cursor.h"
+
 namespace velk2::engine {
 
 using Status = int32_t;
@@ -53,11 +55,11 @@ inline constexpr Status SPKI_ERR_UNKNOWN = -200;
 // be obtained from the allocator (hexadecimal 4002; positive, unlike the rest).
 inline constexpr Status kEngineArenaUnavailable = 16386;
 
-// The deepest list nesting the parser accepts. Trees the engine builds are
-// never deeper than their operands, so the printer, the tag algebra and the
-// validity walk use the same figure (the tag algebra twice over: a comparison
-// descends into both operands).
-inline constexpr int kMaxNesting = 64;
+// The deepest list nesting the parser accepts: the one limit of velk2. Trees
+// the engine builds are never deeper than their operands, so the printer, the
+// tag algebra and the validity walk use the same figure (the tag algebra twice
+// over: a comparison descends into both operands).
+using velk2::kMaxNesting;
 
 // IsEngineStatus: whether |code| is a status only the engine gives (a code of
 // its table, or kEngineArenaUnavailable). The library passes these through

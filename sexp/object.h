@@ -21,6 +21,7 @@
 #include "frame/ref.h"
 #include "frame/result.h"
 #include "frame/text.h"
+#include "platform/cursor.h"
 #include "platform/zcry.h"
 
 namespace velk2 {
@@ -37,13 +38,15 @@ enum DisplayHint : uint32_t {
 // The largest atom that SetAtomValue and the canonical reader accept.
 constexpr uint32_t kMaxAtomLength = 8192;
 // Lists nested deeper than this are refused by every reader. A credential
-// nests about ten deep.
-constexpr uint32_t kMaxReadDepth = 256;
+// nests about ten deep and never past kMaxNesting, which the engine enforces;
+// the reader takes four times that, because a signed manifest's tree nests
+// as deep as its package's directories.
+constexpr uint32_t kMaxReadDepth = 4 * kMaxNesting;
 // Lists nested deeper than this are refused by the writers, hashing, lengths
 // and printing. It leaves room above kMaxReadDepth so that a list read at the
 // limit can still be written inside the credential that holds it; it also
 // stops a list that was (wrongly) appended to itself.
-constexpr uint32_t kMaxWriteDepth = 512;
+constexpr uint32_t kMaxWriteDepth = 2 * kMaxReadDepth;
 
 // The token sink of EmitTokens: receives each token's bytes; its result is
 // not looked at.

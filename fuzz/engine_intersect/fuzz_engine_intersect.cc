@@ -52,7 +52,7 @@ bool HoldsSetOfEverything(const EngineNode* chain, int depth) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   EngineContext engine;
   if (engine.Init(HeapAllocator()) != SPKI_OK) std::abort();
-  ParseCursor cursor = ParseCursor::Over(data, size);
+  velk2::ByteCursor cursor(data, size);
   NodeRef a(engine);
   NodeRef b(engine);
   if (ParseList(engine, a.out(), &cursor) != SPKI_OK) return 0;

@@ -54,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   EngineContext engine;
   if (engine.Init(HeapAllocator()) != SPKI_OK) Fail("engine init", "");
-  ParseCursor cursor = ParseCursor::Over(data, size);
+  velk2::ByteCursor cursor(data, size);
   EngineNode* tree = nullptr;
   Status status = ParseList(engine, &tree, &cursor);
   if (status != SPKI_OK) {
@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   if (tree->source != data ||
-      tree->source_length != static_cast<size_t>(cursor.current - cursor.start)) {
+      tree->source_length != cursor.position()) {
     Fail("source text of the head", "");
   }
   CheckAtoms(tree, 1);

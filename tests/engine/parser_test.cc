@@ -67,15 +67,15 @@ TEST_F(ParserTest, LengthsAndCursors) {
   };
   for (const Case& c : kCases) {
     std::string text = c.text;
-    ParseCursor cursor = ParseCursor::Over(text.data(), text.size());
+    ByteCursor cursor(text.data(), text.size());
     uint32_t value = 0;
     EXPECT_EQ(ParseLength(&value, &cursor), c.want) << text;
     if (c.want == SPKI_OK) {
       EXPECT_EQ(value, c.value) << text;
-      EXPECT_EQ(static_cast<size_t>(cursor.current - cursor.start), c.consumed) << text;
+      EXPECT_EQ(cursor.position(), c.consumed) << text;
     }
   }
-  ParseCursor empty = ParseCursor::Over("", 0);
+  ByteCursor empty("", 0);
   uint32_t value = 0;
   EXPECT_EQ(ParseLength(&value, &empty), SPKI_ERR_BAD_LTH_FORMAT);
   EXPECT_EQ(ParseLength(nullptr, &empty), SPKI_ERR_NULL_PARAM);
@@ -84,11 +84,11 @@ TEST_F(ParserTest, LengthsAndCursors) {
 
   // A list that does not start with "(" still moves the cursor by one.
   std::string text = "x(1:a)";
-  ParseCursor cursor = ParseCursor::Over(text.data(), text.size());
+  ByteCursor cursor(text.data(), text.size());
   EXPECT_EQ(ParseList(engine_, &out, &cursor), SPKI_ERR_BAD_SEXP_START);
-  EXPECT_EQ(cursor.current, cursor.start + 1);
+  EXPECT_EQ(cursor.position(), 1u);
   EXPECT_EQ(ParseList(engine_, &out, &cursor), SPKI_OK);
-  EXPECT_TRUE(cursor.AtEnd());
+  EXPECT_TRUE(cursor.at_end());
   ReleaseNode(engine_, out);
 }
 
