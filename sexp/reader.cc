@@ -36,9 +36,11 @@ Result ParseCanonicalListAt(Ref<SexpList>* out, SexpSource* source, Velk2Context
                             uint32_t depth) {
   Result result = source->Expect("(", 1, kExpectRequired);
   if (result != VELK2_SUCCESS) return result;
+  // The byte loop peeks through the source's cursor, not a virtual call.
+  ByteCursor& bytes = *source->cursor();
   Ref<SexpList> list = SexpList::New(context);
   for (;;) {
-    const int next = source->GetByte(false);
+    const int next = bytes.Peek();
     if (next == ')' || next == -1) break;
     if (next == '(') {
       if (depth >= kMaxReadDepth) return VELK2_ERR_PARSE_FILE;
@@ -146,13 +148,13 @@ Result ParseLengthPrefixedListAt(Ref<SexpList>* out, const char* text, size_t le
 Result ParseCanonicalAtom(SexpAtom* atom, SexpSource* source) {
   if (source == nullptr || atom == nullptr) return VELK2_ERR_PARAM_NULL;
 
+  ByteCursor& bytes = *source->cursor();
   DisplayHint hint = kHintNone;
-  if (source->GetByte(false) == '[') {
-    source->GetByte(true);
+  if (bytes.Match("[")) {
     char text[kMaxHintText];
     size_t size = 0;
     for (;;) {
-      const int next = source->GetByte(true);
+      const int next = bytes.Next();
       if (next == ']') break;
       if (next == -1 || size == kMaxHintText) return VELK2_ERR_PARSE_FILE;
       text[size++] = static_cast<char>(next);
@@ -167,19 +169,21 @@ Result ParseCanonicalAtom(SexpAtom* atom, SexpSource* source) {
     return code;
   };
   uint32_t length = 0;
-  for (int digits = 0; IsDigitByte(source->GetByte(false)); ++digits) {
+  for (int digits = 0; IsDigitByte(bytes.Peek()); ++digits) {
     if (digits == kMaxLengthDigits) return fail(VELK2_ERR_MAX_BYTE_STRING);
-    length = length * 10 + static_cast<uint32_t>(source->GetByte(true) - '0');
+    length = length * 10 + static_cast<uint32_t>(bytes.Next() - '0');
   }
   if (length > kMaxAtomLength) return fail(VELK2_ERR_MAX_BYTE_STRING);
   Result result = source->Expect(":", 1, kExpectRequired);
   if (result != VELK2_SUCCESS) return fail(result);
-  result = atom->ResizeBytes(length);
-  if (result != VELK2_SUCCESS) return fail(result);
-  if (length != 0 &&
-      source->Read(atom->mutable_data(), length, true) != static_cast<int32_t>(length)) {
+  const uint8_t* value = nullptr;
+  if (!bytes.Take(length, &value)) {
+    // A short atom is read to the end of the data, where its failure lies.
+    bytes.Seek(bytes.size());
     return fail(VELK2_ERR_PARSE_FILE);
   }
+  result = atom->AssignBytes(value, length, kHintNone);
+  if (result != VELK2_SUCCESS) return fail(result);
   atom->set_hint(hint);
   return VELK2_SUCCESS;
 }

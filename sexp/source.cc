@@ -1,4 +1,4 @@
-// The memory source: every read checks the position against the length.
+// The memory source: its reads go through the bounds-checked cursor.
 #include "sexp/source.h"
 
 #include <cstring>
@@ -11,8 +11,8 @@ namespace velk2 {
 Result SexpMemorySource::Attach(std::vector<uint8_t> bytes) {
   if (has_data_) return VELK2_ERR_INVALID_DATA;
   if (bytes.size() > static_cast<size_t>(INT32_MAX)) return VELK2_ERR_INVALID_PARAM;
-  length_ = static_cast<int32_t>(bytes.size());
   data_ = std::move(bytes);
+  cursor_ = ByteCursor(data_.data(), data_.size());
   has_data_ = true;
   return VELK2_SUCCESS;
 }
@@ -43,21 +43,17 @@ Result SexpMemorySource::LoadFile(const char16_t* path) {
 
 Result SexpMemorySource::Expect(const char* literal, uint32_t length, uint32_t mode) {
   if (!has_data_ || literal == nullptr) return VELK2_ERR_INVALID_PARAM;
-  const uint64_t size = length >= 0xFFFFFFFEu ? std::strlen(literal) : length;
-  if (position_ < 0 || position_ + size > static_cast<uint64_t>(length_)) {
+  const std::string_view wanted(literal, length >= 0xFFFFFFFEu ? std::strlen(literal) : length);
+  if (wanted.size() > cursor_.remaining()) {
     // A required literal that runs past the end leaves the source at its end.
     // An optional or peeked one leaves the position alone: the credential
     // readers take such a field as absent and read on, and a short file (an
     // ACL entry with a small tag) must not lose its last bytes to the attempt.
-    if (mode == kExpectRequired) position_ = length_;
+    if (mode == kExpectRequired) cursor_.Seek(cursor_.size());
     return VELK2_ERR_FILE_OPEN;
   }
-  if (size != 0 && std::memcmp(data_.data() + position_, literal, size) != 0) {
-    return VELK2_ERR_INVALID_DATA;
-  }
-  if (mode == kExpectRequired || mode == kExpectOptional) {
-    position_ += static_cast<int32_t>(size);
-  }
+  if (!cursor_.StartsWith(wanted)) return VELK2_ERR_INVALID_DATA;
+  if (mode == kExpectRequired || mode == kExpectOptional) cursor_.Skip(wanted.size());
   return VELK2_SUCCESS;
 }
 
@@ -65,38 +61,37 @@ int SexpMemorySource::Seek(int64_t offset, uint32_t origin) {
   // No target is further away than the buffer is long; bounding the offset
   // first keeps the arithmetic below from wrapping.
   if (!has_data_ || offset < -int64_t{UINT32_MAX} || offset > int64_t{UINT32_MAX}) return -1;
+  const int64_t position = static_cast<int64_t>(cursor_.position());
+  const int64_t size = static_cast<int64_t>(cursor_.size());
   int64_t target;
   switch (origin) {
     case kSeekCurrent:
-      target = int64_t{position_} + offset;
+      target = position + offset;
       break;
     case kSeekSet:
       target = offset;
       break;
     case kSeekEnd:
-      target = int64_t{length_} - offset;
+      target = size - offset;
       break;
     default:
       return -1;
   }
-  if (target < 0 || target > length_) return -1;
-  position_ = static_cast<int32_t>(target);
+  if (target < 0 || !cursor_.Seek(static_cast<size_t>(target))) return -1;
   return 0;
 }
 
 int SexpMemorySource::GetByte(bool advance) {
-  if (!has_data_ || position_ < 0 || position_ >= length_) return -1;
-  int byte = data_[static_cast<size_t>(position_)];
-  if (advance) ++position_;
-  return byte;
+  if (!has_data_) return -1;
+  return advance ? cursor_.Next() : cursor_.Peek();
 }
 
 int32_t SexpMemorySource::Read(void* buffer, uint32_t count, bool advance) {
-  if (!has_data_ || buffer == nullptr || position_ < 0 || position_ >= length_) return -1;
-  const uint32_t left = static_cast<uint32_t>(length_ - position_);
-  const uint32_t copied = count < left ? count : left;
-  std::memcpy(buffer, data_.data() + position_, copied);
-  if (advance) position_ += static_cast<int32_t>(copied);
+  if (!has_data_ || buffer == nullptr || cursor_.at_end()) return -1;
+  // A short read copies what is left: the caller compares the count.
+  const size_t copied = count < cursor_.remaining() ? count : cursor_.remaining();
+  std::memcpy(buffer, cursor_.here(), copied);
+  if (advance) cursor_.Skip(copied);
   return static_cast<int32_t>(copied);
 }
 

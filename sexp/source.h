@@ -1,5 +1,5 @@
-// Byte sources of the canonical reader: a bounds-checked cursor over a buffer
-// that the source owns, filled from the caller or from a whole file.
+// Byte sources of the canonical reader: a buffer that the source owns, filled
+// from the caller or from a whole file, read through a ByteCursor.
 #ifndef VELK2_SEXP_SOURCE_H_
 #define VELK2_SEXP_SOURCE_H_
 
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "frame/result.h"
+#include "platform/cursor.h"
 
 namespace velk2 {
 
@@ -71,6 +72,10 @@ class SexpSource {
   // and returns how many (moving past them when |advance|); -1 without data,
   // with a null buffer, or at the end.
   virtual int32_t Read(void* buffer, uint32_t count, bool advance) = 0;
+  // The cursor over the data, for the canonical reader's byte loop (its
+  // fast path): the position it moves is the source's own. Never null; empty
+  // without data.
+  virtual ByteCursor* cursor() = 0;
 };
 
 // The one source: a byte buffer held in memory. Its length and position are
@@ -86,20 +91,20 @@ class SexpMemorySource final : public SexpSource {
   int Seek(int64_t offset, uint32_t origin) override;
   int GetByte(bool advance) override;
   int32_t Read(void* buffer, uint32_t count, bool advance) override;
+  ByteCursor* cursor() override { return &cursor_; }
 
   // AttachCopy attaches a copy of |length| bytes (as Attach).
   Result AttachCopy(const void* bytes, size_t length);
 
   bool has_data() const { return has_data_; }
-  int32_t length() const { return length_; }
-  int32_t position() const { return position_; }
+  int32_t length() const { return static_cast<int32_t>(cursor_.size()); }
+  int32_t position() const { return static_cast<int32_t>(cursor_.position()); }
   const uint8_t* data() const { return data_.data(); }
 
  private:
   bool has_data_ = false;
-  int32_t length_ = 0;
-  int32_t position_ = 0;
   std::vector<uint8_t> data_;
+  ByteCursor cursor_;  // over data_
 };
 
 // NewMemorySource and NewFileSource make a source and Attach or LoadFile;
