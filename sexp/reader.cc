@@ -60,38 +60,67 @@ Result ParseCanonicalListAt(Ref<SexpList>* out, SexpSource* source, Velk2Context
   return VELK2_SUCCESS;
 }
 
-// The first byte of the text, or 0 at the end of a bounded text.
-char ByteAt(const char* text, size_t length, size_t position) {
-  return position < length ? text[position] : '\0';
+// ---- Text parsers on the cursor -----------------------------------------------
+// A NUL-terminated text is a cursor over its strlen bytes, so its end and its
+// NUL are the same thing; in a bounded text a NUL byte also ends the text.
+
+bool IsTextEnd(int byte) {
+  return byte == -1 || byte == '\0';
 }
 
-Result ParseTextListAt(Ref<SexpList>* out, const char* text, size_t* position,
-                       Velk2Context* context, uint32_t depth) {
-  SkipSpace(text, position);
-  if (text[*position] != '(') return VELK2_ERR_UNEXPECTED_CHAR;
-  ++*position;
+void SkipSpaceIn(ByteCursor& text) {
+  text.SkipWhile([](uint8_t byte) { return IsSpaceByte(byte); });
+}
+
+// ExpectLiteralBounded's step: the comparison starts at literal index
+// |position|. kOvershoot when the literal reaches past the end unchecked.
+constexpr Result kOvershoot = 0xFFFFFFFFu;
+Result ExpectLiteralIn(ByteCursor& text, std::string_view literal) {
+  const size_t start = text.position();
+  for (size_t i = start; i < literal.size(); ++i) {
+    const int byte = text.PeekAt(i);
+    if (byte == -1) return VELK2_ERR_BUFFER_OVERFLOW;
+    if (byte != static_cast<uint8_t>(literal[i])) return VELK2_ERR_UNEXPECTED_CHAR;
+  }
+  return text.Skip(literal.size()) ? VELK2_SUCCESS : kOvershoot;
+}
+
+Result TokenIn(Ref<SexpAtom>* out, ByteCursor& text, Velk2Context* context) {
+  SkipSpaceIn(text);
+  const uint8_t* start = text.here();
+  const size_t count = text.SkipWhile([](uint8_t byte) {
+    return byte != '\0' && byte != '(' && byte != ')' && !IsSpaceByte(byte);
+  });
+  if (count > UINT32_MAX) return VELK2_ERR_MEM_ALLOC;
+  Ref<SexpAtom> atom = SexpAtom::New(context);
+  Result result = atom->AssignBytes(start, static_cast<uint32_t>(count));
+  if (result != VELK2_SUCCESS) return result;
+  *out = std::move(atom);
+  return VELK2_SUCCESS;
+}
+
+Result TextListIn(Ref<SexpList>* out, ByteCursor& text, Velk2Context* context, uint32_t depth) {
+  SkipSpaceIn(text);
+  if (!text.Match("(")) return VELK2_ERR_UNEXPECTED_CHAR;
   Ref<SexpAtom> first;
-  Result result = ParseToken(&first, text, position, context);
+  Result result = TokenIn(&first, text, context);
   if (result != VELK2_SUCCESS) return result;
   Ref<SexpList> list = SexpList::New(context);
   result = list->Append(std::move(first));
   if (result != VELK2_SUCCESS) return result;
   for (;;) {
-    SkipSpace(text, position);
-    const char next = text[*position];
-    if (next == '\0') return VELK2_ERR_INVALID_S_EXPRESSION;
-    if (next == ')') {
-      ++*position;
-      break;
-    }
+    SkipSpaceIn(text);
+    const int next = text.Peek();
+    if (IsTextEnd(next)) return VELK2_ERR_INVALID_S_EXPRESSION;
+    if (text.Match(")")) break;
     if (next == '(') {
       if (depth >= kMaxReadDepth) return VELK2_ERR_INVALID_S_EXPRESSION;
       Ref<SexpList> child;
-      result = ParseTextListAt(&child, text, position, context, depth + 1);
+      result = TextListIn(&child, text, context, depth + 1);
       if (result == VELK2_SUCCESS) result = list->Append(std::move(child));
     } else {
       Ref<SexpAtom> token;
-      result = ParseToken(&token, text, position, context);
+      result = TokenIn(&token, text, context);
       if (result == VELK2_SUCCESS) result = list->Append(std::move(token));
     }
     if (result != VELK2_SUCCESS) return result;
@@ -100,39 +129,62 @@ Result ParseTextListAt(Ref<SexpList>* out, const char* text, size_t* position,
   return VELK2_SUCCESS;
 }
 
-Result ParseLengthPrefixedListAt(Ref<SexpList>* out, const char* text, size_t length,
-                                 size_t* position, Velk2Context* context, uint32_t depth) {
-  SkipSpace(text, length, position);
-  Result result = ExpectLiteralBounded("(", text, length, position);
+Result LengthPrefixedAtomIn(Ref<SexpAtom>* out, ByteCursor& text, Velk2Context* context) {
+  SkipSpaceIn(text);
+  // The count is read without a digit limit but is checked against the text
+  // that is left instead of being trusted.
+  uint64_t count = 0;
+  bool too_long = false;
+  for (int next = text.Peek(); IsDigitByte(next); next = text.Peek()) {
+    count = count * 10 + static_cast<uint64_t>(text.Next() - '0');
+    if (count > UINT32_MAX) {
+      too_long = true;
+      count = UINT32_MAX;
+    }
+  }
+  Result result = ExpectLiteralIn(text, ":");
+  if (result == kOvershoot) return VELK2_ERR_BUFFER_OVERFLOW;
+  if (result != VELK2_SUCCESS) return result;
+  const uint8_t* bytes = nullptr;
+  if (too_long || !text.Take(count, &bytes)) return VELK2_ERR_BUFFER_OVERFLOW;
+  Ref<SexpAtom> atom = SexpAtom::New(context);
+  result = atom->AssignBytes(bytes, static_cast<uint32_t>(count));
+  if (result != VELK2_SUCCESS) return result;
+  *out = std::move(atom);
+  return VELK2_SUCCESS;
+}
+
+Result LengthPrefixedListIn(Ref<SexpList>* out, ByteCursor& text, Velk2Context* context,
+                            uint32_t depth) {
+  SkipSpaceIn(text);
+  Result result = ExpectLiteralIn(text, "(");
+  // Past the end the text has ended inside the list.
+  if (result == kOvershoot) return VELK2_ERR_INVALID_S_EXPRESSION;
   if (result != VELK2_SUCCESS) return result;
   Ref<SexpList> list = SexpList::New(context);
-  char next = ByteAt(text, length, *position);
-  if (next == '\0') return VELK2_ERR_INVALID_S_EXPRESSION;
-  if (next == ')') {
+  if (IsTextEnd(text.Peek())) return VELK2_ERR_INVALID_S_EXPRESSION;
+  if (text.Peek() == ')') {
     // The ")" of an empty list stays unread.
     *out = std::move(list);
     return VELK2_SUCCESS;
   }
   Ref<SexpAtom> first;
-  result = ParseLengthPrefixedAtom(&first, text, length, position, context);
+  result = LengthPrefixedAtomIn(&first, text, context);
   if (result == VELK2_SUCCESS) result = list->Append(std::move(first));
   if (result != VELK2_SUCCESS) return result;
   for (;;) {
-    SkipSpace(text, length, position);
-    next = ByteAt(text, length, *position);
-    if (next == '\0') return VELK2_ERR_INVALID_S_EXPRESSION;
-    if (next == ')') {
-      ++*position;
-      break;
-    }
+    SkipSpaceIn(text);
+    const int next = text.Peek();
+    if (IsTextEnd(next)) return VELK2_ERR_INVALID_S_EXPRESSION;
+    if (text.Match(")")) break;
     if (next == '(') {
       if (depth >= kMaxReadDepth) return VELK2_ERR_INVALID_S_EXPRESSION;
       Ref<SexpList> child;
-      result = ParseLengthPrefixedListAt(&child, text, length, position, context, depth + 1);
+      result = LengthPrefixedListIn(&child, text, context, depth + 1);
       if (result == VELK2_SUCCESS) result = list->Append(std::move(child));
     } else {
       Ref<SexpAtom> atom;
-      result = ParseLengthPrefixedAtom(&atom, text, length, position, context);
+      result = LengthPrefixedAtomIn(&atom, text, context);
       if (result == VELK2_SUCCESS) result = list->Append(std::move(atom));
     }
     if (result != VELK2_SUCCESS) return result;
@@ -140,6 +192,28 @@ Result ParseLengthPrefixedListAt(Ref<SexpList>* out, const char* text, size_t le
   *out = std::move(list);
   return VELK2_SUCCESS;
 }
+
+// The caller's text and position as a cursor; the position goes back to the
+// caller when the parse ends, whatever its result. A position past the end
+// (a literal skipped over the end) stays where the caller had it.
+class TextPosition {
+ public:
+  TextPosition(const char* text, size_t length, size_t* position)
+      : cursor_(text, length), position_(position), valid_(cursor_.Seek(*position)) {}
+  ~TextPosition() {
+    if (valid_) *position_ = cursor_.position();
+  }
+  TextPosition(const TextPosition&) = delete;
+  TextPosition& operator=(const TextPosition&) = delete;
+
+  bool valid() const { return valid_; }
+  ByteCursor& cursor() { return cursor_; }
+
+ private:
+  ByteCursor cursor_;
+  size_t* position_;
+  bool valid_;
+};
 
 }  // namespace
 
@@ -208,13 +282,12 @@ Result ParseCanonicalList(Ref<SexpList>* out, SexpSource* source, Velk2Context* 
 // ---- Text parsers --------------------------------------------------------------
 
 void SkipSpace(const char* text, size_t* position) {
-  while (IsSpaceByte(static_cast<unsigned char>(text[*position]))) ++*position;
+  SkipSpace(text, std::strlen(text), position);
 }
 
 void SkipSpace(const char* text, size_t length, size_t* position) {
-  while (*position < length && IsSpaceByte(static_cast<unsigned char>(text[*position]))) {
-    ++*position;
-  }
+  TextPosition at(text, length, position);
+  if (at.valid()) SkipSpaceIn(at.cursor());
 }
 
 Result ExpectLiteralBounded(const char* literal, const char* text, size_t length,
@@ -222,10 +295,15 @@ Result ExpectLiteralBounded(const char* literal, const char* text, size_t length
   if (literal == nullptr || text == nullptr || position == nullptr) return VELK2_ERR_INVALID_PARAM;
   const size_t start = *position;
   const size_t size = std::strlen(literal);
-  for (size_t i = start; i < size; ++i) {
-    if (start + i >= length) return VELK2_ERR_BUFFER_OVERFLOW;
-    if (text[start + i] != literal[i]) return VELK2_ERR_UNEXPECTED_CHAR;
+  if (start >= size) {
+    // Nothing is compared: the literal is skipped, wherever that leads.
+    *position = start + size;
+    return VELK2_SUCCESS;
   }
+  TextPosition at(text, length, position);
+  if (!at.valid()) return VELK2_ERR_BUFFER_OVERFLOW;
+  const Result result = ExpectLiteralIn(at.cursor(), std::string_view(literal, size));
+  if (result != kOvershoot) return result;
   *position = start + size;
   return VELK2_SUCCESS;
 }
@@ -234,24 +312,10 @@ Result ParseToken(Ref<SexpAtom>* out, const char* text, size_t* position, Velk2C
   if (out == nullptr || *out != nullptr || text == nullptr || position == nullptr) {
     return VELK2_ERR_INVALID_PARAM;
   }
-  SkipSpace(text, position);
-  size_t end = *position;
-  for (;;) {
-    const char next = text[end];
-    if (next == '\0' || next == '(' || next == ')' ||
-        IsSpaceByte(static_cast<unsigned char>(next))) {
-      break;
-    }
-    ++end;
-  }
-  if (end - *position > UINT32_MAX) return VELK2_ERR_MEM_ALLOC;
   return Guard([&]() -> Result {
-    Ref<SexpAtom> atom = SexpAtom::New(context);
-    Result result = atom->AssignBytes(text + *position, static_cast<uint32_t>(end - *position));
-    if (result != VELK2_SUCCESS) return result;
-    *position = end;
-    *out = std::move(atom);
-    return VELK2_SUCCESS;
+    TextPosition at(text, std::strlen(text), position);
+    if (!at.valid()) return VELK2_ERR_INVALID_PARAM;
+    return TokenIn(out, at.cursor(), context);
   });
 }
 
@@ -260,7 +324,11 @@ Result ParseTextList(Ref<SexpList>* out, const char* text, size_t* position,
   if (out == nullptr || *out != nullptr || text == nullptr || position == nullptr) {
     return VELK2_ERR_INVALID_PARAM;
   }
-  return Guard([&] { return ParseTextListAt(out, text, position, context, 1); });
+  return Guard([&]() -> Result {
+    TextPosition at(text, std::strlen(text), position);
+    if (!at.valid()) return VELK2_ERR_INVALID_PARAM;
+    return TextListIn(out, at.cursor(), context, 1);
+  });
 }
 
 Result ParseTextSequence(Ref<SexpList>* out, const char* text, const char* keyword,
@@ -270,21 +338,21 @@ Result ParseTextSequence(Ref<SexpList>* out, const char* text, const char* keywo
     Ref<SexpList> list;
     Result result = NewKeywordList(&list, keyword, context);
     if (result != VELK2_SUCCESS) return result;
-    size_t position = 0;
+    ByteCursor in(text, std::strlen(text));
     for (;;) {
-      SkipSpace(text, &position);
-      const char next = text[position];
-      if (next == '\0') break;
+      SkipSpaceIn(in);
+      const int next = in.Peek();
+      if (IsTextEnd(next)) break;
       if (next == '(') {
         Ref<SexpList> child;
-        result = ParseTextListAt(&child, text, &position, context, 2);
+        result = TextListIn(&child, in, context, 2);
         if (result == VELK2_SUCCESS) result = list->Append(std::move(child));
       } else if (next == ')') {
         // A token would be empty here and the scan would not move on.
         return VELK2_ERR_UNEXPECTED_CHAR;
       } else {
         Ref<SexpAtom> token;
-        result = ParseToken(&token, text, &position, context);
+        result = TokenIn(&token, in, context);
         if (result == VELK2_SUCCESS) result = list->Append(std::move(token));
       }
       if (result != VELK2_SUCCESS) return result;
@@ -299,31 +367,10 @@ Result ParseLengthPrefixedAtom(Ref<SexpAtom>* out, const char* text, size_t leng
   if (out == nullptr || *out != nullptr || text == nullptr || length == 0 || position == nullptr) {
     return VELK2_ERR_INVALID_PARAM;
   }
-  SkipSpace(text, length, position);
-  // The count is read without a digit limit but is checked against the text
-  // that is left instead of being trusted.
-  uint64_t count = 0;
-  bool too_long = false;
-  while (*position < length && IsDigitByte(static_cast<unsigned char>(text[*position]))) {
-    count = count * 10 + static_cast<uint64_t>(text[*position] - '0');
-    if (count > UINT32_MAX) {
-      too_long = true;
-      count = UINT32_MAX;
-    }
-    ++*position;
-  }
-  Result result = ExpectLiteralBounded(":", text, length, position);
-  if (result != VELK2_SUCCESS) return result;
-  if (too_long || *position > length || count > length - *position) {
-    return VELK2_ERR_BUFFER_OVERFLOW;
-  }
   return Guard([&]() -> Result {
-    Ref<SexpAtom> atom = SexpAtom::New(context);
-    result = atom->AssignBytes(text + *position, static_cast<uint32_t>(count));
-    if (result != VELK2_SUCCESS) return result;
-    *position += count;
-    *out = std::move(atom);
-    return VELK2_SUCCESS;
+    TextPosition at(text, length, position);
+    if (!at.valid()) return VELK2_ERR_BUFFER_OVERFLOW;
+    return LengthPrefixedAtomIn(out, at.cursor(), context);
   });
 }
 
@@ -332,7 +379,11 @@ Result ParseLengthPrefixedList(Ref<SexpList>* out, const char* text, size_t leng
   if (out == nullptr || *out != nullptr || text == nullptr || position == nullptr) {
     return VELK2_ERR_INVALID_PARAM;
   }
-  return Guard([&] { return ParseLengthPrefixedListAt(out, text, length, position, context, 1); });
+  return Guard([&]() -> Result {
+    TextPosition at(text, length, position);
+    if (!at.valid()) return VELK2_ERR_INVALID_S_EXPRESSION;
+    return LengthPrefixedListIn(out, at.cursor(), context, 1);
+  });
 }
 
 }  // namespace velk2
