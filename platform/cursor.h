@@ -75,23 +75,6 @@ class ByteCursor {
     while (position_ < size_ && test(data_[position_])) ++position_;
     return position_ - start;
   }
-  // ReadDecimal reads one or more ASCII digits as a number of at most
-  // |max_digits| digits; false, not moved, when there is no digit or more.
-  bool ReadDecimal(int max_digits, uint64_t* value) {
-    size_t digits = 0;
-    uint64_t number = 0;
-    while (digits < remaining() && IsDigit(data_[position_ + digits])) {
-      if (static_cast<int>(digits) == max_digits) return false;
-      number = number * 10 + (data_[position_ + digits] - '0');
-      ++digits;
-    }
-    if (digits == 0) return false;
-    position_ += digits;
-    *value = number;
-    return true;
-  }
-
-  static bool IsDigit(uint8_t byte) { return byte >= '0' && byte <= '9'; }
 
  private:
   const uint8_t* data_ = nullptr;
