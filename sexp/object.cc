@@ -90,16 +90,24 @@ void SexpList::ClearChildren() {
   children_.clear();
 }
 
+namespace {
+
+// AppendTextAtom's steps, for the entry points that already run under a Guard.
+Result AppendText(SexpList& list, const char* text) {
+  if (text == nullptr) return VELK2_ERR_INVALID_PARAM;
+  Ref<SexpAtom> atom = SexpAtom::New(list.context());
+  const size_t size = std::strlen(text);
+  if (size > kMaxAtomLength) return VELK2_ERR_MAX_BYTE_STRING;
+  Result result = atom->SetAtomValue(text, static_cast<uint32_t>(size));
+  if (result != VELK2_SUCCESS) return result;
+  return list.Append(std::move(atom));
+}
+
+}  // namespace
+
 Result SexpList::AppendTextAtom(const char* text) {
   if (text == nullptr) return VELK2_ERR_INVALID_PARAM;
-  return Guard([&]() -> Result {
-    Ref<SexpAtom> atom = SexpAtom::New(context());
-    size_t size = std::strlen(text);
-    if (size > kMaxAtomLength) return VELK2_ERR_MAX_BYTE_STRING;
-    Result result = atom->SetAtomValue(text, static_cast<uint32_t>(size));
-    if (result != VELK2_SUCCESS) return result;
-    return Append(std::move(atom));
-  });
+  return Guard([&] { return AppendText(*this, text); });
 }
 
 Result SexpList::SetFilePath(const char16_t* name) {
@@ -138,7 +146,7 @@ Result NewKeywordList(Ref<SexpList>* out, const char* keyword, Velk2Context* con
   out->reset();
   return Guard([&]() -> Result {
     Ref<SexpList> list = SexpList::New(context);
-    Result result = list->AppendTextAtom(keyword);
+    Result result = AppendText(*list, keyword);
     if (result != VELK2_SUCCESS) return result;
     *out = std::move(list);
     return VELK2_SUCCESS;
