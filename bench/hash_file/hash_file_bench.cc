@@ -58,7 +58,7 @@ void BM_HashFile(benchmark::State& state) {
       return;
     }
     g_hashfile_seconds.push_back(elapsed.count());
-    g_hashfile_hex = HexString(digest, length);
+    g_hashfile_hex = velk2::HexString(digest, length);
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * g_size));
 }
