@@ -14,6 +14,12 @@ mkfifo x.cert x.pub x.pem acl/b.acl
 check "show" 2 "$velk2" show x.cert
 check "key show pub" 2 "$velk2" key show x.pub
 check "key show pem" 2 "$velk2" key show x.pem
+# hash: the FIFO fails, the files around it are still hashed as sha256sum does.
+printf 'abc' > abc.txt
+check "hash" 2 "$velk2" hash abc.txt x.pub chain.cert
+[ "$(cat out.txt)" = "$(sha256sum abc.txt chain.cert)" ] ||
+  { echo "FAIL: hash differs from sha256sum"; cat out.txt; failures=$((failures + 1)); }
+grep -q 'cannot hash x.pub: 7 ' err.txt || { echo "FAIL: hash names x.pub"; failures=$((failures + 1)); }
 check "authorize --certs" 2 "$velk2" authorize --acl-dir acl --certs x.cert --key dev.pub \
   --tag '(pkg install)'
 check "authorize --key" 2 "$velk2" authorize --acl-dir acl --certs chain.cert --key x.pub \

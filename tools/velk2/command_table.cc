@@ -42,6 +42,10 @@ const std::span<const Command> Commands() {
        RunKeyShow},
       {"message", "CODE...", "print the message of result codes (negative: engine statuses)",
        RunMessage},
+      {"hash", "FILE...",
+       "print the SHA-256 of each file as a manifest entry records it, one 'HEX  FILE' line "
+       "each (the form sha256sum prints); only regular files are read",
+       RunHash},
       {"show", "FILE",
        "print a canonical S-expression file in readable form (binary atoms as #hex# or "
        "|base64|, display hints as [hint])",

@@ -30,6 +30,7 @@ int RunAclAdd(const Args& args);
 int RunAclList(const Args& args);
 int RunAuthorize(const Args& args);
 int RunCertIssue(const Args& args);
+int RunHash(const Args& args);
 int RunKeyNew(const Args& args);
 int RunKeyShow(const Args& args);
 int RunMessage(const Args& args);
