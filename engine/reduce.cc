@@ -2,6 +2,7 @@
 // backwards from the key, and the result ACL.
 #include "engine/reduce.h"
 
+#include <cstring>
 #include <new>
 
 #include "engine/dates.h"
@@ -54,20 +55,64 @@ Reducer::BlockList::~BlockList() {
 
 Reducer::PrincipalTable::~PrincipalTable() {
   // Every principal lets go of its tuples before any principal goes.
-  for (IndexEntry* bucket : buckets) {
-    for (IndexEntry* entry = bucket; entry != nullptr; entry = entry->next) {
-      reducer.ClearTupleList(&entry->principal->issued);
-      reducer.ClearTupleList(&entry->principal->subjects);
-    }
+  for (IndexEntry* entry = all; entry != nullptr; entry = entry->next) {
+    reducer.ClearTupleList(&entry->principal->issued);
+    reducer.ClearTupleList(&entry->principal->subjects);
   }
-  for (IndexEntry*& bucket : buckets) {
-    while (IndexEntry* entry = bucket) {
-      bucket = entry->next;
-      AssignNode(reducer.engine_, &entry->principal->node, nullptr);
-      reducer.principals_.Give(entry->principal);
-      reducer.index_entries_.Give(entry);
-    }
+  while (IndexEntry* entry = all) {
+    all = entry->next;
+    AssignNode(reducer.engine_, &entry->principal->node, nullptr);
+    reducer.principals_.Give(entry->principal);
+    reducer.index_entries_.Give(entry);
   }
+}
+
+namespace {
+
+// Where a digest's probe starts: its first eight bytes (a SHA-256 digest's
+// bytes are spread evenly) masked to the table.
+size_t SlotOf(const uint8_t* digest, size_t mask) {
+  uint64_t word;
+  std::memcpy(&word, digest, sizeof word);
+  return static_cast<size_t>(word) & mask;
+}
+
+}  // namespace
+
+Principal* Reducer::PrincipalTable::Find(const uint8_t* digest) const {
+  if (slots.empty()) return nullptr;
+  const size_t mask = slots.size() - 1;
+  for (size_t i = SlotOf(digest, mask);; i = (i + 1) & mask) {
+    const IndexEntry* entry = slots[i];
+    if (entry == nullptr) return nullptr;
+    if (std::memcmp(entry->digest, digest, kPrincipalDigestSize) == 0) return entry->principal;
+  }
+}
+
+bool Reducer::PrincipalTable::Insert(IndexEntry* entry) {
+  if (2 * (count + 1) > slots.size()) {
+    std::vector<IndexEntry*> grown;
+    try {
+      grown.assign(slots.empty() ? 64 : 2 * slots.size(), nullptr);
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    const size_t mask = grown.size() - 1;
+    for (IndexEntry* e = all; e != nullptr; e = e->next) {
+      size_t i = SlotOf(e->digest, mask);
+      while (grown[i] != nullptr) i = (i + 1) & mask;
+      grown[i] = e;
+    }
+    slots.swap(grown);
+  }
+  const size_t mask = slots.size() - 1;
+  size_t i = SlotOf(entry->digest, mask);
+  while (slots[i] != nullptr) i = (i + 1) & mask;
+  slots[i] = entry;
+  entry->next = all;
+  all = entry;
+  ++count;
+  return true;
 }
 
 Reducer::Report::~Report() {

@@ -238,13 +238,22 @@ class Reducer {
     Reducer& reducer;
     ThresholdBlock* head = nullptr;
   };
-  struct PrincipalTable {  // every principal by digest, with the tuples it issued and received
+  // Every principal by its whole digest, with the tuples it issued and
+  // received: an open-addressed table that grows with the principals, so a
+  // lookup costs the same with ten principals or ten thousand.
+  struct PrincipalTable {
     explicit PrincipalTable(Reducer& owner) : reducer(owner) {}
     ~PrincipalTable();
     PrincipalTable(const PrincipalTable&) = delete;
     PrincipalTable& operator=(const PrincipalTable&) = delete;
+    Principal* Find(const uint8_t* digest) const;
+    // Adds |entry| (its digest set, not yet present); false without memory.
+    bool Insert(IndexEntry* entry);
+
     Reducer& reducer;
-    IndexEntry* buckets[kBucketCount] = {};
+    std::vector<IndexEntry*> slots;  // a power of two long, at most half full
+    size_t count = 0;
+    IndexEntry* all = nullptr;  // every entry, newest first, through next
     Principal* keys = nullptr;  // the chain of principals known as keys
   };
   struct Report {  // the statistics and the engine's work limit, once all is released

@@ -154,17 +154,7 @@ std::string DigestHex(const uint8_t digest[kPrincipalDigestSize]) {
 
 namespace reduce {
 
-namespace {
-
-// Looks a digest up in the principal index, or makes a new principal there.
-Principal* FindPrincipal(IndexEntry* const* buckets, const uint8_t* digest) {
-  for (IndexEntry* entry = buckets[digest[0]]; entry != nullptr; entry = entry->next) {
-    if (std::memcmp(entry->digest, digest, kPrincipalDigestSize) == 0) return entry->principal;
-  }
-  return nullptr;
-}
-
-}  // namespace
+namespace {}  // namespace
 
 Status Reducer::RegisterKeys(const EngineNode* list, int depth) {
   if (list == nullptr) return SPKI_OK;
@@ -186,7 +176,7 @@ Status Reducer::InternKey(EngineNode* key, Principal** out) {
   uint8_t digest[kPrincipalDigestSize];
   Status status = PrincipalDigest(crypto_, key, digest);
   if (status != SPKI_OK) return status;
-  Principal* principal = FindPrincipal(principal_index_.buckets, digest);
+  Principal* principal = principal_index_.Find(digest);
   if (principal != nullptr) {
     if (!principal->is_key) {
       // Met first as a hash of its digest; now the key itself is known.
@@ -259,7 +249,7 @@ Status Reducer::InternHash(EngineNode* hash, Principal** out) {
     Status status = PrincipalDigest(crypto_, hash, digest);
     if (status != SPKI_OK) return status;
   }
-  Principal* principal = FindPrincipal(principal_index_.buckets, digest);
+  Principal* principal = principal_index_.Find(digest);
   if (principal != nullptr) {
     *out = principal;
     return SPKI_OK;
@@ -268,7 +258,7 @@ Status Reducer::InternHash(EngineNode* hash, Principal** out) {
 }
 
 // Interns a new principal under |digest|, holding |node| (its key or hash
-// list), at the head of its bucket.
+// list).
 Status Reducer::NewPrincipal(const uint8_t digest[kPrincipalDigestSize], EngineNode* node,
                              Principal** out) {
   IndexEntry* entry = index_entries_.Take(engine_.arena());
@@ -282,8 +272,12 @@ Status Reducer::NewPrincipal(const uint8_t digest[kPrincipalDigestSize], EngineN
   AssignNode(engine_, &principal->node, node);
   std::memcpy(entry->digest, digest, kPrincipalDigestSize);
   entry->principal = principal;
-  entry->next = principal_index_.buckets[digest[0]];
-  principal_index_.buckets[digest[0]] = entry;
+  if (!principal_index_.Insert(entry)) {
+    AssignNode(engine_, &principal->node, nullptr);
+    index_entries_.Give(entry);
+    principals_.Give(principal);
+    return SPKI_ERR_NO_MEM;
+  }
   ++stats_.principals;
   *out = principal;
   return SPKI_OK;

@@ -294,6 +294,31 @@ TEST(ReduceLimits, HonestInputsStayFarBelowTheLimits) {
   EXPECT_EQ(RunQuery(acl, sequence, Key("C50"), options, &result), kReductionLimitStatus);
 }
 
+// Thousands of principals: each is found again under its digest however the
+// index has grown, a key met first as the SHA-256 hash of its text included.
+TEST(ReduceLimits, ManyPrincipalsAreEachFoundAgain) {
+  constexpr int kKeys = 3000;
+  std::string acl = "(3:acl";
+  for (int i = 0; i < kKeys; ++i) {
+    acl += Entry({Key(std::string("K").append(std::to_string(i))), i == 1500, kFtp});
+  }
+  acl += ")";
+  // K1500 delegates to D, named by the hash of its key.
+  const std::string sequence =
+      Sequence({Signed(Cert(Key("K1500"), {HashOf(Key("D")), false, kFtp}), Key("K1500"))});
+  std::string result;
+  ReduceOptions options;
+  for (int i : {0, 63, 64, 1499, kKeys - 1}) {
+    const std::string key = Key(std::string("K").append(std::to_string(i)));
+    ASSERT_EQ(RunQuery(acl, sequence, key, options, &result), SPKI_OK) << i;
+    EXPECT_EQ(result, Result({ResultEntry(key, false, kFtp)})) << i;
+  }
+  ASSERT_EQ(RunQuery(acl, sequence, Key("D"), options, &result), SPKI_OK);
+  EXPECT_EQ(result, Result({ResultEntry(Key("D"), false, kFtp)}));
+  ASSERT_EQ(RunQuery(acl, sequence, Key("stranger"), options, &result), SPKI_OK);
+  EXPECT_EQ(result, "(3:acl)");
+}
+
 // Every allocation the reduction makes fails once in turn, on an input that
 // touches every part of it (chains, names, a threshold, hashes, dates, a
 // signature, the trace) and takes several chunks; the same input with a
