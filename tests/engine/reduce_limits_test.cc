@@ -368,6 +368,53 @@ TEST(ReduceLimits, EveryFailureInsideTheReductionFreesEverything) {
   }
 }
 
+// A reduction stopped at any point gives back every node and atom it made.
+// The free lists are filled first, so that a run takes every record from
+// them and a record not given back shows in their counts.
+TEST(ReduceLimits, StoppedReductionsGiveBackEveryRecord) {
+  const std::string acl = Acl({Entry({K0, true, kFtp, "2004-01-01", "2004-12-31"}),
+                               Entry({Name(K0, {"team"}), true, kFtp})});
+  const std::string sequence =
+      Sequence({Cert("(4:name" + K0 + "4:team)", {K2}),
+                Cert(K0, {K2, true, Canonical("(tag (ftp host))"), "2004-02-01", ""}),
+                Cert(K2, {K1, false, kFtp})});
+  Inputs inputs(DefaultAllocator(), acl, sequence, K1);
+  EngineContext& engine = inputs.engine();
+  {
+    NodeRef chain(engine);
+    for (int i = 0; i < 5000; ++i) {
+      AtomRef atom(engine, NewAtomOver(engine, nullptr, 0));
+      EngineNode* element = NewAtomElement(engine, atom.get());
+      ASSERT_NE(element, nullptr);
+      element->next = chain.release();
+      chain.reset(element);
+    }
+  }
+  ReductionStats stats;
+  ReductionTrace trace;
+  ReduceOptions options;
+  options.stats = &stats;
+  options.trace = &trace;
+  std::string result;
+  Status status = kReductionLimitStatus;
+  int stopped = 0;
+  for (uint64_t steps = 1; status == kReductionLimitStatus && steps < 10000; ++steps) {
+    SCOPED_TRACE(steps);
+    options.limits.work_steps = steps;
+    trace = ReductionTrace();
+    const size_t free_nodes = engine.nodes().free_count();
+    const size_t free_atoms = engine.atoms().free_count();
+    status = inputs.Reduce(&result, options);
+    EXPECT_EQ(engine.nodes().free_count(), free_nodes);
+    EXPECT_EQ(engine.atoms().free_count(), free_atoms);
+    EXPECT_EQ(stats.live_tuples, 0u);
+    if (status == kReductionLimitStatus) ++stopped;
+  }
+  ASSERT_EQ(status, SPKI_OK);
+  EXPECT_NE(result.find(ResultEntry(K1, false, kFtp)), std::string::npos) << result;
+  EXPECT_GT(stopped, 10);
+}
+
 TEST(ReduceLimits, ReduceArguments) {
   Inputs inputs(DefaultAllocator(), Acl({Entry({K1, false, kFtp})}), "", "(3:foo)");
   EngineContext& engine = inputs.engine();
