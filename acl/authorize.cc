@@ -20,10 +20,6 @@ Result FromEngine(int32_t status) {
   return static_cast<Result>(status);
 }
 
-}  // namespace
-
-namespace {
-
 // The unguarded steps of ConvertToEngine and TagGranted, which AuthorizeKey
 // runs under its own Guard.
 Result WriteForEngine(const SexpList* object, std::string* text) {

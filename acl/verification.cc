@@ -4,6 +4,7 @@
 
 #include "acl/authorize.h"
 #include "credentials/certificate.h"
+#include "credentials/date.h"
 #include "credentials/signature.h"
 #include "frame/guard.h"
 
@@ -59,6 +60,27 @@ SequenceVerdict Run(const SequenceQuery& query) {
 }
 
 }  // namespace
+
+Result MakeValidity(std::optional<int64_t> not_before, std::optional<int64_t> not_after,
+                    Ref<SexpList>* out) {
+  if (out == nullptr) return VELK2_ERR_PARAM_NULL;
+  out->reset();
+  if (!not_before && !not_after) return VELK2_SUCCESS;
+  Ref<SexpList> valid;
+  Result result = NewKeywordList(&valid, "valid", nullptr);
+  const std::pair<const char*, std::optional<int64_t>> fields[] = {{"not-before", not_before},
+                                                                   {"not-after", not_after}};
+  for (const auto& [keyword, time] : fields) {
+    if (result != VELK2_SUCCESS || !time) continue;
+    const std::string text = DateText(*time);
+    if (text.empty()) return VELK2_ERR_INVALID_PARAM;
+    Ref<SexpList> field;
+    result = NewKeywordListWithText(&field, keyword, text.c_str(), nullptr);
+    if (result == VELK2_SUCCESS) result = valid->Append(std::move(field));
+  }
+  if (result == VELK2_SUCCESS) *out = std::move(valid);
+  return result;
+}
 
 Result RebuildForAuthorization(const CertificateSequence& sequence, Ref<SexpList>* out) {
   if (out == nullptr) return VELK2_ERR_PARAM_NULL;

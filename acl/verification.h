@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "credentials/certificate_sequence.h"
@@ -63,6 +64,13 @@ struct SequenceVerdict {
 // VerifySignature's codes; the revocation check's code; AuthorizeKey's codes
 // (31, 67, the engine's statuses, ...). 3 for memory.
 SequenceVerdict VerifySequence(const SequenceQuery& query);
+
+// MakeValidity builds the period a verification asks about: (valid
+// [(not-before DATE)] [(not-after DATE)]) with each time that is given, as
+// WriteDate writes it; *out stays null when neither is. 2 for a time with no
+// date, 3 for memory.
+Result MakeValidity(std::optional<int64_t> not_before, std::optional<int64_t> not_after,
+                    Ref<SexpList>* out);
 
 // RebuildForAuthorization makes a new (sequence ...) of the certificates of
 // |sequence|, each rebuilt with its parts shared and its revocation

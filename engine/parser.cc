@@ -110,11 +110,10 @@ Status ParseAtom(EngineContext& engine, EngineAtom** out, ByteCursor* cursor) {
   uint32_t length = 0;
   Status status = ParseLength(&length, cursor);
   if (status != SPKI_OK) return status;
-  const uint8_t* bytes = nullptr;
   if (length > cursor->remaining()) return SPKI_ERR_STRING_TOO_LONG;
   EngineAtom* atom = NewAtomOver(engine, cursor->here(), length, hint, hint_length);
   if (atom == nullptr) return SPKI_ERR_NO_MEM;
-  cursor->Take(length, &bytes);
+  cursor->Skip(length);
   *out = atom;
   return SPKI_OK;
 }

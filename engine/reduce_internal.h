@@ -207,61 +207,51 @@ class Reducer {
   Status TraceAccepted(FiveTuple* tuple);
   Status TraceResult(const FiveTuple* tuple);
 
-  EngineContext& engine() { return engine_; }
-
   // What the reducer holds, each part letting go of its records when the
   // reducer ends. Members end in the reverse of their order here: the lists
   // of tuples first, then the threshold blocks and the principals they
   // point to, then the report; the pools, the counters and the trace's
   // bookkeeping outlive them all.
-  struct TupleList {  // the root list, the pending work
-    explicit TupleList(Reducer& owner) : reducer(owner) {}
-    ~TupleList() { reducer.ClearTupleList(&head); }
-    TupleList(const TupleList&) = delete;
-    TupleList& operator=(const TupleList&) = delete;
+  // The base of each part: it knows its reducer and is never copied.
+  struct Part {
+    explicit Part(Reducer& owner) : reducer(owner) {}
+    Part(const Part&) = delete;
+    Part& operator=(const Part&) = delete;
     Reducer& reducer;
+  };
+  struct TupleList : Part {  // the root list, the pending work
+    using Part::Part;
+    ~TupleList() { reducer.ClearTupleList(&head); }
     TupleEntry* head = nullptr;
   };
-  struct NameIndex {  // name definitions or references, by digest; owns tuple counts
-    explicit NameIndex(Reducer& owner) : reducer(owner) {}
+  struct NameIndex : Part {  // name definitions or references, by digest; owns tuple counts
+    using Part::Part;
     ~NameIndex();
-    NameIndex(const NameIndex&) = delete;
-    NameIndex& operator=(const NameIndex&) = delete;
-    Reducer& reducer;
     IndexEntry* buckets[kBucketCount] = {};
   };
-  struct BlockList {  // every threshold block, with its slots of arrivals
-    explicit BlockList(Reducer& owner) : reducer(owner) {}
+  struct BlockList : Part {  // every threshold block, with its slots of arrivals
+    using Part::Part;
     ~BlockList();
-    BlockList(const BlockList&) = delete;
-    BlockList& operator=(const BlockList&) = delete;
-    Reducer& reducer;
     ThresholdBlock* head = nullptr;
   };
   // Every principal by its whole digest, with the tuples it issued and
   // received: an open-addressed table that grows with the principals, so a
   // lookup costs the same with ten principals or ten thousand.
-  struct PrincipalTable {
-    explicit PrincipalTable(Reducer& owner) : reducer(owner) {}
+  struct PrincipalTable : Part {
+    using Part::Part;
     ~PrincipalTable();
-    PrincipalTable(const PrincipalTable&) = delete;
-    PrincipalTable& operator=(const PrincipalTable&) = delete;
     Principal* Find(const uint8_t* digest) const;
     // Adds |entry| (its digest set, not yet present); false without memory.
     bool Insert(IndexEntry* entry);
 
-    Reducer& reducer;
     std::vector<IndexEntry*> slots;  // a power of two long, at most half full
     size_t count = 0;
     IndexEntry* all = nullptr;  // every entry, newest first, through next
     Principal* keys = nullptr;  // the chain of principals known as keys
   };
-  struct Report {  // the statistics and the engine's work limit, once all is released
-    explicit Report(Reducer& owner) : reducer(owner) {}
+  struct Report : Part {  // the statistics and the engine's work limit, once all is released
+    using Part::Part;
     ~Report();
-    Report(const Report&) = delete;
-    Report& operator=(const Report&) = delete;
-    Reducer& reducer;
   };
 
   EngineContext& engine_;

@@ -30,7 +30,6 @@ enum class ClassTag : uint32_t {
 template <ClassTag kTag>
 class Tagged {
  public:
-  static constexpr ClassTag kClassTag = kTag;
   bool HasTag() const { return tag_ == kTag; }
 
  protected:

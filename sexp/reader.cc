@@ -300,12 +300,10 @@ Result ExpectLiteralBounded(const char* literal, const char* text, size_t length
     *position = start + size;
     return VELK2_SUCCESS;
   }
+  // Every byte compared lies inside the text, so the literal ends inside it too.
   TextPosition at(text, length, position);
   if (!at.valid()) return VELK2_ERR_BUFFER_OVERFLOW;
-  const Result result = ExpectLiteralIn(at.cursor(), std::string_view(literal, size));
-  if (result != kOvershoot) return result;
-  *position = start + size;
-  return VELK2_SUCCESS;
+  return ExpectLiteralIn(at.cursor(), std::string_view(literal, size));
 }
 
 Result ParseToken(Ref<SexpAtom>* out, const char* text, size_t* position, Velk2Context* context) {

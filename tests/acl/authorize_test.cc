@@ -161,15 +161,8 @@ class World {
 };
 
 Ref<SexpList> Validity(const char* not_before, const char* not_after) {
-  if (not_before == nullptr && not_after == nullptr) return nullptr;
   Ref<SexpList> valid;
-  EXPECT_EQ(NewKeywordList(&valid, "valid", nullptr), VELK2_SUCCESS);
-  for (const auto& [name, date] : {std::pair{"not-before", not_before}, {"not-after", not_after}}) {
-    if (date == nullptr) continue;
-    Ref<SexpList> field;
-    EXPECT_EQ(NewKeywordListWithText(&field, name, Day(date).c_str(), nullptr), VELK2_SUCCESS);
-    EXPECT_EQ(valid->Append(std::move(field)), VELK2_SUCCESS);
-  }
+  EXPECT_EQ(MakeValidity(Time(not_before), Time(not_after), &valid), VELK2_SUCCESS);
   return valid;
 }
 

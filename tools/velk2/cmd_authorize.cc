@@ -107,18 +107,8 @@ int RunAuthorize(const Args& args) {
     story.not_before = story.not_after = issuing::FormatDate(now);
     story.at_now = true;
   }
-  Result r = VELK2_SUCCESS;
-  if (times[0] || times[1]) {
-    r = NewKeywordList(&validity, "valid", nullptr);
-    for (int i = 0; i < 2 && r == VELK2_SUCCESS; ++i) {
-      if (!times[i]) continue;
-      Ref<SexpList> field;
-      r = NewKeywordListWithText(&field, fields[i], issuing::FormatDate(*times[i]).c_str(),
-                                 nullptr);
-      if (r == VELK2_SUCCESS) r = validity->Append(std::move(field));
-    }
-    if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot build the period", r);
-  }
+  Result r = MakeValidity(times[0], times[1], &validity);
+  if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot build the period", r);
 
   Ref<SexpList> tag;
   r = issuing::ParseTag(*tag_text, &tag);

@@ -106,6 +106,16 @@ class Explainer {
            (c.owner.empty() ? "" : " (owner " + c.owner + ")");
   }
 
+  // Whether a tuple of the story was read from this ACL file or certificate.
+  static bool ReadFrom(const AclFile& f, const TraceTuple& t) {
+    return t.kind == TraceKind::kAclEntry && f.subject == t.subject && f.propagate == t.propagate;
+  }
+  static bool ReadFrom(const CertificateInfo& c, const TraceTuple& t) {
+    const bool subject = t.threshold_index > 0 ? c.subject.empty() : c.subject == t.subject;
+    return t.kind == TraceKind::kCertificate && c.issuer == t.issuer && subject &&
+           c.propagate == t.propagate;
+  }
+
   // Where a tuple came from, for people.
   std::string Source(const TraceTuple& t) const {
     auto ids = [&]() {
@@ -119,19 +129,14 @@ class Explainer {
     if (t.kind == TraceKind::kAclEntry) {
       std::string files;
       for (const AclFile& f : s_.acl) {
-        if (f.subject == t.subject && f.propagate == t.propagate) {
-          files += (files.empty() ? "" : ", ") + f.file;
-        }
+        if (ReadFrom(f, t)) files += (files.empty() ? "" : ", ") + f.file;
       }
       return "ACL entry " + (files.empty() ? std::string("(unknown file)") : files);
     }
     if (t.kind == TraceKind::kCertificate) {
       std::string found;
       for (const CertificateInfo& c : s_.certificates) {
-        bool subject = t.threshold_index > 0 ? c.subject.empty() : c.subject == t.subject;
-        if (c.issuer == t.issuer && subject && c.propagate == t.propagate) {
-          found += (found.empty() ? "" : ", ") + Name(c);
-        }
+        if (ReadFrom(c, t)) found += (found.empty() ? "" : ", ") + Name(c);
       }
       return "certificate " + (found.empty() ? std::string("(unknown)") : found);
     }
@@ -144,19 +149,11 @@ class Explainer {
   // narrowed it to the request; empty otherwise.
   std::string NarrowedFrom(const TraceTuple& t) const {
     const Stated* stated = nullptr;
-    if (t.kind == TraceKind::kAclEntry) {
-      for (const AclFile& f : s_.acl) {
-        if (stated == nullptr && f.subject == t.subject && f.propagate == t.propagate) {
-          stated = &f.stated;
-        }
-      }
-    } else if (t.kind == TraceKind::kCertificate) {
-      for (const CertificateInfo& c : s_.certificates) {
-        bool subject = t.threshold_index > 0 ? c.subject.empty() : c.subject == t.subject;
-        if (stated == nullptr && c.issuer == t.issuer && subject && c.propagate == t.propagate) {
-          stated = &c.stated;
-        }
-      }
+    for (const AclFile& f : s_.acl) {
+      if (stated == nullptr && ReadFrom(f, t)) stated = &f.stated;
+    }
+    for (const CertificateInfo& c : s_.certificates) {
+      if (stated == nullptr && ReadFrom(c, t)) stated = &c.stated;
     }
     return stated != nullptr && stated->tag != Tag(t) ? stated->tag : std::string();
   }
@@ -199,10 +196,7 @@ class Explainer {
     std::vector<const AclFile*> out;
     for (const AclFile& f : s_.acl) {
       bool used = false;
-      for (const TraceTuple& t : s_.trace.tuples) {
-        used = used || (t.kind == TraceKind::kAclEntry && t.subject == f.subject &&
-                        t.propagate == f.propagate);
-      }
+      for (const TraceTuple& t : s_.trace.tuples) used = used || ReadFrom(f, t);
       if (!used) out.push_back(&f);
     }
     return out;
