@@ -44,9 +44,18 @@ SequenceVerdict Run(const SequenceQuery& query) {
     if (result != VELK2_SUCCESS) return Verdict(result, VerifyStage::kSignatures, i);
   }
 
+  Ref<SexpList> loaded;
+  const SexpList* acl = query.acl;
+  if (acl == nullptr) {
+    if (query.load_acl(&loaded) != VELK2_SUCCESS || loaded == nullptr) {
+      return Verdict(VELK2_ERR_ACL_ENTRY_NOT_FOUND, VerifyStage::kRevocation);
+    }
+    acl = loaded.get();
+  }
+
   if (query.revocation) {
     size_t revoked = 0;
-    const Result result = query.revocation(*query.acl, sequence, &revoked);
+    const Result result = query.revocation(*acl, sequence, &revoked);
     if (result != VELK2_SUCCESS) return Verdict(result, VerifyStage::kRevocation, revoked);
   }
 
@@ -54,7 +63,7 @@ SequenceVerdict Run(const SequenceQuery& query) {
   Result result = RebuildForAuthorization(sequence, &rebuilt);
   if (result != VELK2_SUCCESS) return Verdict(result, VerifyStage::kAuthorization);
   const SexpList* key = query.key != nullptr ? query.key : sequence.entry(0).certificate->subject();
-  result = acl_internal::Authorize(query.context, query.acl, rebuilt.get(), key, query.tag,
+  result = acl_internal::Authorize(query.context, acl, rebuilt.get(), key, query.tag,
                                    query.validity, query.trace, query.reduced_acl);
   return Verdict(result, VerifyStage::kAuthorization);
 }
@@ -100,7 +109,8 @@ Result RebuildForAuthorization(const CertificateSequence& sequence, Ref<SexpList
 }
 
 SequenceVerdict VerifySequence(const SequenceQuery& query) {
-  if (query.acl == nullptr || query.sequence == nullptr || query.tag == nullptr) {
+  if ((query.acl == nullptr && !query.load_acl) || query.sequence == nullptr ||
+      query.tag == nullptr) {
     return Verdict(VELK2_ERR_PARAM_NULL, VerifyStage::kSignatures);
   }
   SequenceVerdict verdict;

@@ -35,9 +35,15 @@ enum class VerifyStage {
 using RevocationCheck = std::function<Result(
     const SexpList& acl, const CertificateSequence& sequence, size_t* certificate)>;
 
+// Loads the ACL for a verification.
+using AclLoader = std::function<Result(Ref<SexpList>* acl)>;
+
 struct SequenceQuery {
   Velk2Context* context = nullptr;  // only its crypto word is used; may be null
   const SexpList* acl = nullptr;    // a list "acl" of entries
+  // Without |acl|: loads it once the signatures hold (a failure ends the
+  // verification in the revocation stage with VELK2_ERR_ACL_ENTRY_NOT_FOUND).
+  AclLoader load_acl;
   const CertificateSequence* sequence = nullptr;
   // The key asked about; null: the subject of the first certificate.
   const SexpList* key = nullptr;
@@ -57,12 +63,10 @@ struct SequenceVerdict {
 };
 
 // VerifySequence runs the three stages. VELK2_ERR_PARAM_NULL (38) for a null
-// ACL, sequence or tag; VELK2_ERR_INVALID_SEQUENCE (64) for an entry lacking
-// its signature or owner list, and for a sequence with no entry when the key
-// is to come from it (with a key of its own, an empty chain asks the ACL
-// alone);
-// VerifySignature's codes; the revocation check's code; AuthorizeKey's codes
-// (31, 67, the engine's statuses, ...). 3 for memory.
+// sequence or tag, or neither an ACL nor its loader; VELK2_ERR_INVALID_SEQUENCE (64) for an entry
+// lacking its signature or owner list, and for a sequence with no entry when the key is to come
+// from it (with a key of its own, an empty chain asks the ACL alone); VerifySignature's codes; the
+// revocation check's code; AuthorizeKey's codes (31, 67, the engine's statuses, ...). 3 for memory.
 SequenceVerdict VerifySequence(const SequenceQuery& query);
 
 // MakeValidity builds the period a verification asks about: (valid

@@ -116,8 +116,10 @@ class Certificate final : public Credential {
   // Every part of the body, shared: the fields of a copy.
   CertificateFields fields() const;
 
+  // The revocation check's finding; a checked certificate is otherwise
+  // unchanged, so the check may run on a borrowed one.
   RevocationState revocation_state() const { return revocation_state_; }
-  void set_revocation_state(RevocationState state) { revocation_state_ = state; }
+  void set_revocation_state(RevocationState state) const { revocation_state_ = state; }
 
  protected:
   ~Certificate() override = default;
@@ -135,7 +137,7 @@ class Certificate final : public Credential {
   Ref<SexpAtom> not_after_;
   Ref<SexpAtom> comment_;
   Ref<SexpList> revocation_spec_;
-  RevocationState revocation_state_ = kNotRevoked;
+  mutable RevocationState revocation_state_ = kNotRevoked;
 };
 
 // ReadSubject reads a subject: a public key at "(1", a hash value at "(4", a

@@ -13,6 +13,7 @@
 #include "credentials/certificate.h"
 #include "credentials/credential.h"
 #include "credentials/signature.h"
+#include "frame/boundary.h"
 #include "frame/context.h"
 #include "frame/ref.h"
 #include "frame/result.h"
@@ -29,7 +30,8 @@ struct CertificateEntry {
 };
 
 // Children: the atom "sequence", then the three lists of every entry in order.
-class CertificateSequence final : public Credential {
+// It is the object behind every certificate record handed to callers.
+class CertificateSequence final : public Credential, public Tagged<ClassTag::kCertificateSequence> {
  public:
   explicit CertificateSequence(Velk2Context* context = nullptr) : Credential(context) {}
   static Ref<CertificateSequence> New(Velk2Context* context = nullptr) {

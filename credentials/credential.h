@@ -32,6 +32,7 @@ enum CredentialClass : uint32_t {
   kClassCertificate = 5,
   kClassCertificateSequence = 6,
   kClassAclEntry = 7,
+  kClassRevocationList = 8,
 };
 
 class Credential : public SexpList {

@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "frame/guard.h"
+#include "frame/text.h"
 
 namespace velk2 {
 
@@ -49,6 +50,16 @@ T* FromOpaque(void* opaque) {
   if (opaque == nullptr) return nullptr;
   T* object = static_cast<T*>(opaque);
   return object->HasTag() ? object : nullptr;
+}
+
+// WithWide is the A form of an export: it calls |wide_form| with |text|
+// converted from UTF-8 to UTF-16 (null stays null) and returns its result
+// unchanged; VELK2_ERR_MEM_ALLOC (3) when the copy cannot be made.
+template <typename F>
+Result WithWide(const char* text, F&& wide_form) {
+  CBuffer<char16_t> wide(text != nullptr ? Utf8ToWide(text, -1, nullptr) : nullptr);
+  if (text != nullptr && wide == nullptr) return VELK2_ERR_MEM_ALLOC;
+  return wide_form(wide.get());
 }
 
 }  // namespace velk2

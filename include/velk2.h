@@ -93,7 +93,8 @@ typedef uint32_t VELK2_RESULT;
 #define VELK2_ERR_INVALID_SEQUENCE 64u
 #define VELK2_ERR_ALREADY_ISSUED_BY_KEY 65u
 #define VELK2_ERR_CERT_REVOKED 66u
-#define VELK2_ERR_NOT_GRANTED 67u /* "The specified package is not granted the specified authorization" */
+#define VELK2_ERR_NOT_GRANTED \
+  67u /* "The specified package is not granted the specified authorization" */
 #define VELK2_ERR_KEY_REVOKED 68u
 #define VELK2_ERR_NOT_IN_LIST 69u
 #define VELK2_ERR_INVALID_REVOCATION_TAG 70u
@@ -116,18 +117,18 @@ typedef struct ManifestContext ManifestContext; /* opaque */
 
 /* One file name handed to a caller; lists are freed with FreeFileItemList. */
 typedef struct FileItem {
-  char16_t* wide_name;   /* owned */
-  char16_t* wide_value;  /* owned, may be NULL */
-  char* name;            /* owned unless == wide_name */
-  char* value;           /* owned unless == wide_value, may be NULL */
+  char16_t* wide_name;  /* owned */
+  char16_t* wide_value; /* owned, may be NULL */
+  char* name;           /* owned unless == wide_name */
+  char* value;          /* owned unless == wide_value, may be NULL */
   struct FileItem* next;
   uint32_t size; /* sizeof(FileItem) */
   uint32_t is_directory;
 } FileItem;
 
 typedef struct Velk2CertRecord {
-  uint32_t size;    /* sizeof(Velk2CertRecord) */
-  void* sequence;   /* opaque */
+  uint32_t size;      /* sizeof(Velk2CertRecord) */
+  void* sequence;     /* opaque */
   int64_t not_before; /* seconds since 1970 UTC, 0 = none */
   int64_t not_after;
   char* tag;
@@ -183,6 +184,76 @@ VELK2_EXPORT const char16_t* Velk2ErrorMessage(VELK2_RESULT code);
 VELK2_EXPORT const char* Velk2ErrorMessageA(VELK2_RESULT code);
 /* FreeFileItemList frees a file item list; returns the number of items freed. */
 VELK2_EXPORT uint32_t FreeFileItemList(FileItem* list);
+
+/* ---- Certificates --------------------------------------------------------- */
+
+/* Velk2CertReadCtx reads a certificate file (a sequence of certificate,
+ * signature and owner entries) into one record per entry, chained through
+ * |next|; *out is NULL for a file without entries. 38 for a NULL out or path,
+ * 2 when *out is not NULL, the path is empty or |context| is not a live
+ * context; 7 when the file cannot be read; the reader's codes. Free the chain
+ * with Velk2CertFree. */
+VELK2_EXPORT VELK2_RESULT Velk2CertReadCtx(Velk2CertRecord** out, const char16_t* path,
+                                           Velk2Context* context);
+VELK2_EXPORT VELK2_RESULT Velk2CertReadCtxA(Velk2CertRecord** out, const char* path,
+                                            Velk2Context* context);
+VELK2_EXPORT VELK2_RESULT Velk2CertRead(Velk2CertRecord** out, const char16_t* path);
+VELK2_EXPORT VELK2_RESULT Velk2CertReadA(Velk2CertRecord** out, const char* path);
+/* Velk2CertFree frees a whole chain, given its first record. 38 for NULL. */
+VELK2_EXPORT VELK2_RESULT Velk2CertFree(Velk2CertRecord* record);
+/* Velk2CertVerify verifies the chain of |record|: every signature, the
+ * revocation lists of the global store for the period (66 revoked, 73 when no
+ * list speaks for a certificate that asks for one), then whether the ACL of
+ * the global store grants the first certificate's subject |tag| (readable,
+ * such as "(pkg install)") in the period; times are seconds since 1970 UTC,
+ * 0 = not given. 38 for a NULL record or tag. */
+VELK2_EXPORT VELK2_RESULT Velk2CertVerify(Velk2CertRecord* record, const char* tag,
+                                          int64_t not_before, int64_t not_after);
+VELK2_EXPORT VELK2_RESULT Velk2CertVerifyFile(const char16_t* path, const char* tag,
+                                              int64_t not_before, int64_t not_after);
+VELK2_EXPORT VELK2_RESULT Velk2CertVerifyFileA(const char* path, const char* tag,
+                                               int64_t not_before, int64_t not_after);
+/* CertFind lists the "*.cert" files (any case) of |directory|, or of the home
+ * store's "cert" directory for NULL, as full paths in name order; NULL when
+ * there are none. Free with FreeFileItemList. */
+VELK2_EXPORT FileItem* CertFind(const char16_t* directory);
+VELK2_EXPORT FileItem* CertFindA(const char* directory);
+
+/* ---- Revocation lists ----------------------------------------------------- */
+
+/* Velk2CrlRead reads a revocation-list file into a record. 38 for a NULL out
+ * or path; 5 when the file is missing; 7 when it cannot be read; the reader's
+ * codes. Free with Velk2CrlFree. */
+VELK2_EXPORT VELK2_RESULT Velk2CrlRead(Velk2CrlRecord** out, const char16_t* path,
+                                       Velk2Context* context);
+VELK2_EXPORT VELK2_RESULT Velk2CrlReadA(Velk2CrlRecord** out, const char* path,
+                                        Velk2Context* context);
+/* Velk2CrlFindA finds the stored list of the global store whose tag is |tag|.
+ * 54 when there is none. */
+VELK2_EXPORT VELK2_RESULT Velk2CrlFindA(Velk2CrlRecord** out, const char* tag,
+                                        Velk2Context* context);
+/* Velk2CrlVerify verifies a list against the ACL of the global store: 35 when
+ * a |tag| is given and the list has none, 31 when it differs; 54 when no ACL
+ * entry with the list's tag names its issuer; 21 when the list was altered.
+ * With both times given, 52 for a list that begins after |end| and 51 for one
+ * that ended before |start|. */
+VELK2_EXPORT VELK2_RESULT Velk2CrlVerify(Velk2CrlRecord* record, const char* tag, int64_t start,
+                                         int64_t end);
+VELK2_EXPORT VELK2_RESULT Velk2CrlVerifyFile(const char16_t* path, const char* tag, int64_t start,
+                                             int64_t end, Velk2Context* context);
+VELK2_EXPORT VELK2_RESULT Velk2CrlVerifyFileA(const char* path, const char* tag, int64_t start,
+                                              int64_t end, Velk2Context* context);
+/* Velk2CrlFree frees a record. 38 for NULL. */
+VELK2_EXPORT VELK2_RESULT Velk2CrlFree(Velk2CrlRecord* record);
+/* Velk2CrlImport imports the "*.crl" files of |directory| into the global
+ * store: a list that verifies replaces the stored list of its tag unless that
+ * one is current and lasts longer; a list whose period has not begun is never
+ * imported. 73 when no list file reads; 0 (nothing done) when the ACL does not
+ * load; else 0. */
+VELK2_EXPORT VELK2_RESULT Velk2CrlImport(const char16_t* directory, Velk2Context* context);
+VELK2_EXPORT VELK2_RESULT Velk2CrlImportA(const char* directory, Velk2Context* context);
+VELK2_EXPORT VELK2_RESULT Velk2ImportCrls(const char16_t* directory);
+VELK2_EXPORT VELK2_RESULT Velk2ImportCrlsA(const char* directory);
 
 #ifdef __cplusplus
 }
