@@ -99,7 +99,8 @@ Result RevocationList::Parse(SexpSource* source) {
 
   certificate_ = certificate;
   signature_ = signature;
-  result = Append(Ref<SexpList>(body_));
+  result = AppendTextAtom("sequence");
+  if (result == VELK2_SUCCESS) result = Append(Ref<SexpList>(body_));
   if (result == VELK2_SUCCESS) result = Append(std::move(certificate));
   if (result == VELK2_SUCCESS) result = Append(std::move(signature));
   return result;

@@ -69,7 +69,8 @@ class RevocationList final : public Credential, public Tagged<ClassTag::kRevocat
   Result Parse(SexpSource* source) override;
   const SexpObject* Issuer() const override;
 
-  // The parts read; null until then.
+  // The parts read; null until then. Children: the atom "sequence", the
+  // body, the certificate, the signature, so the list writes back as read.
   const SexpList* body() const { return body_.get(); }
   const Certificate* certificate() const { return certificate_.get(); }
   const Signature* signature() const { return signature_.get(); }
