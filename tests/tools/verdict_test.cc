@@ -40,8 +40,8 @@ Story Chain(bool dev_may_delegate) {
   s.any_time = true;
   s.certs_file = "chain.cert";
   s.acl = {{"root.acl", kRoot, true, {"(pkg)", "", ""}}};
-  s.certificates = {{1, "root", kRoot, kDev, dev_may_delegate, {"(pkg install)", "", ""}},
-                    {2, "dev", kDev, kPkg, false, {"(pkg install)", "", ""}}};
+  s.certificates = {{1, "root", kRoot, kDev, dev_may_delegate, {"(pkg install)", "", ""}, ""},
+                    {2, "dev", kDev, kPkg, false, {"(pkg install)", "", ""}, "(revoke pkg)"}};
   s.names = {{kPkg, "pkg.pub"}, {kRoot, "subject of root.acl"}};
   s.trace.tuples = {Tuple(1, TraceKind::kAclEntry, "", kRoot, true),
                     Tuple(2, TraceKind::kCertificate, kRoot, kDev, dev_may_delegate),
@@ -140,6 +140,26 @@ TEST(Verdict, EarlierStagesAndUndecided) {
   j = Json::parse(VerdictJsonText(s));
   EXPECT_EQ(j["stage"], "revocation");
   EXPECT_TRUE(j["owner"].is_null());
+  EXPECT_FALSE(j.contains("revoked_by"));
+  // Which list revoked which certificate, and when; or why none could clear it.
+  s.revocation.resize(2);
+  s.revocation[0] = {kCertificateRevoked, VELK2_ERR_CERT_REVOKED, u"/s/cert/(revoke pkg).crl",
+                     "2026-03-01_00:00:00\x1b"};
+  EXPECT_EQ(StageFailureText(s),
+            "certificate 1 of chain.cert: revoked by /s/cert/(revoke pkg).crl on "
+            "2026-03-01_00:00:00\\x1b");
+  j = Json::parse(VerdictJsonText(s));
+  EXPECT_EQ(j["revoked_by"], "/s/cert/(revoke pkg).crl");
+  s.revocation[0].state = kSubjectKeyRevoked;
+  EXPECT_NE(StageFailureText(s).find("its subject key is revoked by"), std::string::npos);
+  s.verdict = {VELK2_ERR_CRL_NOT_FOUND, VerifyStage::kRevocation, 1};
+  s.revocation[1] = {kRevocationUnchecked, VELK2_ERR_NOT_AFTER, u"", ""};
+  EXPECT_EQ(StageFailureText(s),
+            "certificate 2 of chain.cert (owner dev): no verified revocation list speaks for it "
+            "(it asks for a list of (revoke pkg)); the latest list ends before the period "
+            "begins");
+  s.verdict = {VELK2_ERR_INVALID_SEQUENCE, VerifyStage::kSignatures, 0};
+  EXPECT_EQ(StageFailureText(s), "chain.cert is not a whole certificate sequence");
 
   // An engine status is no answer: undecided, with the limit that was hit.
   s = Chain(true);

@@ -79,35 +79,14 @@ int RunAuthorize(const Args& args) {
   story.certs_file = *certs;
 
   // The period asked about.
+  Period period;
+  if (int exit = ReadPeriodOptions(options, kName, &period); exit != kExitOk) return exit;
+  if (period.not_before) story.not_before = issuing::FormatDate(*period.not_before);
+  if (period.not_after) story.not_after = issuing::FormatDate(*period.not_after);
+  story.at_now = period.at_now;
+  story.any_time = period.any_time;
   Ref<SexpList> validity;
-  std::optional<int64_t> times[2];
-  const char* const fields[] = {"not-before", "not-after"};
-  for (int i = 0; i < 2; ++i) {
-    if (std::optional<std::string> text = options.Get(fields[i])) {
-      int64_t time = 0;
-      if (issuing::ParseDate(*text, &time) != VELK2_SUCCESS) {
-        return UsageError(kName, "--" + std::string(fields[i]) + " '" + *text +
-                                     "' is not a date YYYY-MM-DD_hh:mm:ss");
-      }
-      times[i] = time;
-      (i == 0 ? story.not_before : story.not_after) = issuing::FormatDate(time);
-    }
-  }
-  if (times[0] && times[1] && *times[0] > *times[1]) {
-    return UsageError(kName, "--not-before is after --not-after");
-  }
-  story.any_time = options.Has("any-time");
-  if (story.any_time && (times[0] || times[1])) {
-    return UsageError(kName, "--any-time takes no --not-before or --not-after");
-  }
-  if (!story.any_time && !times[0] && !times[1]) {
-    // Without a period a person means now: an expired grant must not count.
-    const int64_t now = static_cast<int64_t>(std::time(nullptr));
-    times[0] = times[1] = now;
-    story.not_before = story.not_after = issuing::FormatDate(now);
-    story.at_now = true;
-  }
-  Result r = MakeValidity(times[0], times[1], &validity);
+  Result r = MakeValidity(period.not_before, period.not_after, &validity);
   if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot build the period", r);
 
   Ref<SexpList> tag;
@@ -145,11 +124,7 @@ int RunAuthorize(const Args& args) {
   }
   const Result result = story.verdict.result;
   if (story.verdict.stage == VerifyStage::kSignatures && result != VELK2_SUCCESS) {
-    return FailWith(kExitFailure, kName,
-                    result == VELK2_ERR_INVALID_SEQUENCE
-                        ? *certs + " is not a whole certificate sequence"
-                        : FailedCertificate(story) + ": its signature does not verify",
-                    result);
+    return FailWith(kExitFailure, kName, StageFailureText(story), result);
   }
   if (Undecided(result)) {
     // No answer is not the answer no: the engine or the crypto library gave up.

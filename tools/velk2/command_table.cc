@@ -33,6 +33,25 @@ const std::span<const Command> Commands() {
        "sign a certificate and append it to FILE.cert (created when missing); TEXT is a tag "
        "such as '(pkg install)', DATE is YYYY-MM-DD_hh:mm:ss in UTC",
        RunCertIssue},
+      {"cert verify",
+       "FILE --store DIR --tag TEXT [--not-before DATE] [--not-after DATE] [--explain] [--json]",
+       "verify the chain of FILE under the store DIR (its acl/ and cert/): every signature, "
+       "the revocation lists that the ACL names, then whether the ACL grants the first "
+       "certificate's subject TEXT; without dates the question is about now. Exit 0 "
+       "verified, 1 not (revoked, unauthorized, bad signature), 2 usage or unreadable input; "
+       "--explain says which stage failed and why, --json prints the verdict as JSON",
+       RunCertVerify},
+      {"crl import", "DIR --store DIR",
+       "import the *.crl files of DIR into the store: a list that verifies against the ACL "
+       "replaces the stored list of its scope unless that one is current and lasts longer; "
+       "a list whose period has not begun waits. Says what was imported, kept or refused "
+       "and why; exit 0, 1 when any list was refused, 2 when none reads",
+       RunCrlImport},
+      {"crl verify", "FILE --store DIR [--tag TEXT]",
+       "verify a revocation list against the ACL of the store DIR, now: its issuer, its "
+       "contents, its signature and its period (and its scope tag, with --tag). Exit 0 "
+       "verified, 1 not, 2 unreadable",
+       RunCrlVerify},
       {"key new", "--type rsa|dsa [--bits N] --out NAME [--force]",
        "make a key pair: NAME.pem (private, mode 0600) and NAME.pub (canonical public key)",
        RunKeyNew},

@@ -3,6 +3,7 @@
 #define VELK2_TOOLS_VELK2_SUPPORT_H_
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "frame/ref.h"
@@ -41,6 +42,22 @@ int ReadGrantOptions(const Options& options, const char* command, issuing::Grant
 // file's canonical contents). Returns kExitOk, or prints the problem and
 // returns kExitUsage.
 int ReadSubjectOption(const Options& options, const char* command, Ref<SexpObject>* subject);
+
+// UseStore makes |store| (the directory of acl/ and cert/) the library's
+// Global and Home directories. Returns kExitOk, or prints the problem and
+// returns kExitUsage.
+int UseStore(const char* command, const std::string& store);
+
+// The period a verdict command asks about.
+struct Period {
+  std::optional<int64_t> not_before, not_after;
+  bool at_now = false;    // none was given: the question is about now
+  bool any_time = false;  // --any-time: no period at all
+};
+// ReadPeriodOptions reads --not-before and --not-after (and --any-time where
+// the command offers it); without any, both are now. Returns kExitOk, or
+// prints the problem and returns kExitUsage.
+int ReadPeriodOptions(const Options& options, const char* command, Period* period);
 
 }  // namespace velk2::cli
 

@@ -441,6 +441,16 @@ void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequ
       info.propagate = c->propagate();
       info.stated = {c->tag() ? ReadableTag(c->tag()) : std::string("everything"),
                      AtomText(c->not_before()), AtomText(c->not_after())};
+      if (const SexpList* spec = c->revocation_spec()) {
+        // The scope the library derives: the specification's elements after its keyword.
+        Ref<SexpList> scope = SexpList::New();
+        if (scope->AppendTextAtom("tag") == VELK2_SUCCESS) {
+          for (size_t k = 1; k < spec->ChildCount(); ++k) {
+            (void)scope->Append(Ref<SexpObject>::Share(spec->ChildAt(k)));
+          }
+          info.revocation_scope = ReadableTag(scope.get());
+        }
+      }
     }
     // The owner text lies outside the signed certificate, so it names the
     // issuer only as a quoted claim; the fingerprint beside it is the fact.
@@ -476,6 +486,44 @@ std::string FailedCertificate(const Story& s) {
          (owner.empty() ? "" : " (owner " + owner + ")");
 }
 
+std::string StageFailureText(const Story& s) {
+  const Result result = s.verdict.result;
+  switch (s.verdict.stage) {
+    case VerifyStage::kAuthorization:
+      return std::string();
+    case VerifyStage::kSignatures:
+      return result == VELK2_ERR_INVALID_SEQUENCE
+                 ? s.certs_file + " is not a whole certificate sequence"
+                 : FailedCertificate(s) + ": its signature does not verify";
+    case VerifyStage::kRevocation:
+      break;
+  }
+  if (result == VELK2_ERR_ACL_ENTRY_NOT_FOUND) return "no ACL could be loaded";
+  const size_t index = s.verdict.certificate;
+  if (index >= s.revocation.size()) return FailedCertificate(s) + ": " + StatusText(result);
+  const RevocationFinding& found = s.revocation[index];
+  const std::string list = EscapeForDisplay(Utf16ToUtf8(found.list_path));
+  const std::string when = EscapeForDisplay(found.revoked_on);
+  switch (found.state) {
+    case kCertificateRevoked:
+      return FailedCertificate(s) + ": revoked by " + list + " on " + when;
+    case kSubjectKeyRevoked:
+      return FailedCertificate(s) + ": its subject key is revoked by " + list + " on " + when;
+    default: {
+      const std::string scope =
+          index < s.certificates.size() ? s.certificates[index].revocation_scope : std::string();
+      std::string why = FailedCertificate(s) + ": no verified revocation list speaks for it";
+      if (!scope.empty()) why += " (it asks for a list of " + scope + ")";
+      if (found.code == VELK2_ERR_NOT_AFTER) {
+        why += "; the latest list ends before the period begins";
+      } else if (found.code != VELK2_ERR_CRL_NOT_FOUND) {
+        why += ": " + StatusText(found.code);
+      }
+      return why;
+    }
+  }
+}
+
 Json VerdictJson(const Story& s) {
   const Result result = s.verdict.result;
   Json out{{"result", static_cast<int32_t>(result)},
@@ -487,6 +535,11 @@ Json VerdictJson(const Story& s) {
     const size_t index = s.verdict.certificate;
     out["certificate"] = index + 1;
     out["owner"] = OrNull(index < s.certificates.size() ? s.certificates[index].owner : "");
+    out["why"] = StageFailureText(s);
+    if (index < s.revocation.size() && !s.revocation[index].list_path.empty()) {
+      out["revoked_by"] = Utf16ToUtf8(s.revocation[index].list_path);
+      out["revoked_on"] = s.revocation[index].revoked_on;
+    }
     return out;
   }
   Explainer x(s);

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "acl/revocation.h"
 #include "acl/verification.h"
 #include "credentials/certificate_sequence.h"
 #include "engine/reduce.h"
@@ -38,6 +39,7 @@ struct CertificateInfo {
   std::string subject;  // empty for a k-of-n subject
   bool propagate = false;
   Stated stated;
+  std::string revocation_scope;  // readable; empty when it names no lists
 };
 
 struct Skipped {
@@ -61,6 +63,8 @@ struct Story {
   std::map<std::string, std::string> names;  // fingerprint -> what people call it
   // The answer.
   SequenceVerdict verdict;
+  // What the revocation stage found, one per certificate (when it ran).
+  std::vector<RevocationFinding> revocation;
   engine::ReductionTrace trace;
   bool reduced = false;  // the reduction ran to its end
 };
@@ -88,6 +92,10 @@ std::string VerdictJsonText(const Story& story);
 
 // "certificate N of FILE (owner X)": the certificate that ended an earlier stage.
 std::string FailedCertificate(const Story& story);
+// Why a stage before the authorization ended the verification: which
+// certificate, and what about it (its signature; the list that revoked it and
+// when; that no list speaks for it). Empty when the authorization answered.
+std::string StageFailureText(const Story& story);
 
 }  // namespace velk2::cli
 

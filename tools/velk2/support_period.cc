@@ -1,0 +1,40 @@
+// The period that a verdict command asks about.
+#include <ctime>
+#include <string>
+
+#include "tools/issuing/issuer.h"
+#include "tools/velk2/commands.h"
+#include "tools/velk2/support.h"
+
+namespace velk2::cli {
+
+int ReadPeriodOptions(const Options& options, const char* command, Period* period) {
+  std::optional<int64_t>* times[2] = {&period->not_before, &period->not_after};
+  const char* const fields[] = {"not-before", "not-after"};
+  for (int i = 0; i < 2; ++i) {
+    if (std::optional<std::string> text = options.Get(fields[i])) {
+      int64_t time = 0;
+      if (issuing::ParseDate(*text, &time) != VELK2_SUCCESS) {
+        return UsageError(command, "--" + std::string(fields[i]) + " '" + *text +
+                                       "' is not a date YYYY-MM-DD_hh:mm:ss");
+      }
+      *times[i] = time;
+    }
+  }
+  if (period->not_before && period->not_after && *period->not_before > *period->not_after) {
+    return UsageError(command, "--not-before is after --not-after");
+  }
+  period->any_time = options.Has("any-time");
+  if (period->any_time && (period->not_before || period->not_after)) {
+    return UsageError(command, "--any-time takes no --not-before or --not-after");
+  }
+  if (!period->any_time && !period->not_before && !period->not_after) {
+    // Without a period a person means now: an expired grant must not count.
+    const int64_t now = static_cast<int64_t>(std::time(nullptr));
+    period->not_before = period->not_after = now;
+    period->at_now = true;
+  }
+  return kExitOk;
+}
+
+}  // namespace velk2::cli
