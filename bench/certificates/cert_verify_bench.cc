@@ -21,6 +21,7 @@
 #include "tools/issuing/acl_entry.h"
 #include "tools/issuing/issuer.h"
 #include "tools/issuing/private_key.h"
+#include "tools/issuing/revocation.h"
 #include "velk2.h"
 
 namespace {
@@ -114,29 +115,19 @@ class Store {
 
  private:
   void WriteList(int revoked) {
-    std::string body = "(3:crl(7:version1:1)(5:list1";
-    for (int i = 0; i < revoked; ++i) {
-      char digest[33];
-      std::snprintf(digest, sizeof digest, "%032d", i);
-      body += std::string("(4:item(4:hash6:sha25632:") + digest + ")19:2026-01-01_00:00:00)";
-    }
-    body += ")(5:list2))";
-    Ref<SexpList> body_list = Parsed(body);
-    Ref<SexpList> subject;
-    Check(issuing::MakeHashPrincipal(*body_list, &subject), "list hash");
-    issuing::CertificateRequest request;
-    request.issuer = public_[0];
-    request.subject = subject;
-    request.tag = Tag("(revoke pkg)");
+    issuing::RevocationListRequest request;
+    request.scope = Tag("(revoke pkg)");
     request.not_before = 0;
     request.not_after = 4102444800;  // 2100
-    Ref<SexpList> certificate, signature;
-    Check(issuing::MakeCertificateBody(request, &certificate), "list certificate");
-    Check(
-        issuing::SignObject(keys_[0], *certificate, issuing::kRsaPss, ZCRY_HASH_SHA256, &signature),
-        "list signature");
-    Write(dir_ + "/cert/(revoke pkg).crl", "(8:sequence" + body + velk2::StoredForm(*certificate) +
-                                               velk2::StoredForm(*signature) + ")");
+    for (int i = 0; i < revoked; ++i) {
+      Ref<velk2::SexpAtom> thing = velk2::SexpAtom::New();
+      const std::string name = "revoked " + std::to_string(i);
+      Check(thing->SetAtomValue(name.data(), static_cast<uint32_t>(name.size())), "thing");
+      request.certificates.push_back({thing, 1767225600});  // 2026
+    }
+    std::string file;
+    Check(issuing::MakeRevocationList(keys_[0], request, &file), "list");
+    Write(dir_ + "/cert/(revoke pkg).crl", file);
   }
 
   std::string dir_;

@@ -262,6 +262,14 @@ Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out
     r = fields.comment->SetAtomValue(request.comment->data(),
                                      static_cast<uint32_t>(request.comment->size()));
   }
+  if (r == VELK2_SUCCESS && request.revocation_scope) {
+    // The library reads the scope back as the elements after the keyword.
+    r = NewKeywordList(&fields.revocation_spec, "revocation", nullptr);
+    const SexpList& scope = *request.revocation_scope;
+    for (size_t i = 1; i < scope.ChildCount() && r == VELK2_SUCCESS; ++i) {
+      r = fields.revocation_spec->Append(Ref<SexpObject>::Share(scope.ChildAt(i)));
+    }
+  }
   Ref<Certificate> body = Certificate::New();
   if (r == VELK2_SUCCESS) r = BuildCertificate(body.get(), fields);
   if (r == VELK2_SUCCESS) *out = std::move(body);

@@ -69,11 +69,14 @@ Result AppendGrantFields(SexpList* list, const GrantFields& grant);
 struct CertificateRequest : GrantFields {
   Ref<SexpObject> issuer;   // a public key or hash principal
   Ref<SexpObject> subject;  // a public key, hash principal or k-of-n group
+  // (tag ...) naming the revocation lists that must clear the certificate,
+  // written as its last field (10:revocation ...); null for none.
+  Ref<SexpList> revocation_scope;
 };
 
 // MakeCertificateBody builds (4:cert (7:version 1:1) (6:issuer ..) (7:subject ..)
 // [(9:propagate)] [tag] [(5:valid [(10:not-before d)] [(9:not-after d)])]
-// [(7:comment c)]). 2 without issuer or subject.
+// [(7:comment c)] [(10:revocation scope...)]). 2 without issuer or subject.
 Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out);
 
 // FitsTheEngine: whether a credential (an ACL entry or a certificate) is

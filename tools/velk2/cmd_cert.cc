@@ -28,7 +28,7 @@ std::string Stem(const std::string& path) {
 int RunCertIssue(const Args& args) {
   const char* kName = "cert issue";
   Options options({"issuer", "subject", "subject-hash", "tag", "not-before", "not-after", "comment",
-                   "owner", "alg", "hash", "out"},
+                   "owner", "alg", "hash", "revocation-scope", "out"},
                   {"propagate"});
   if (!options.Parse(args)) return UsageError(kName, options.error());
   std::optional<std::string> issuer_path = options.Get("issuer");
@@ -37,6 +37,10 @@ int RunCertIssue(const Args& args) {
   issuing::CertificateRequest request;
   if (int exit = ReadGrantOptions(options, kName, &request); exit != kExitOk) return exit;
   if (int exit = ReadSubjectOption(options, kName, &request.subject); exit != kExitOk) return exit;
+  if (std::optional<std::string> scope = options.Get("revocation-scope")) {
+    Result r = issuing::ParseTag(*scope, &request.revocation_scope);
+    if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read the scope", r);
+  }
 
   PrivateKey key;
   Result r = PrivateKey::LoadPem(*issuer_path, &key);

@@ -29,10 +29,16 @@ const std::span<const Command> Commands() {
       {"cert issue",
        "--issuer NAME.pem --subject FILE.pub|--subject-hash FILE --tag TEXT [--propagate] "
        "[--not-before DATE] [--not-after DATE] [--comment TEXT] [--owner TEXT] "
-       "[--alg rsa-pss|rsa-1.5|dsa-sha1] [--hash sha1|sha256] --out FILE.cert",
+       "[--alg rsa-pss|rsa-1.5|dsa-sha1] [--hash sha1|sha256] [--revocation-scope TEXT] "
+       "--out FILE.cert",
        "sign a certificate and append it to FILE.cert (created when missing); TEXT is a tag "
-       "such as '(pkg install)', DATE is YYYY-MM-DD_hh:mm:ss in UTC",
+       "such as '(pkg install)', DATE is YYYY-MM-DD_hh:mm:ss in UTC; with --revocation-scope "
+       "the certificate is good only while a revocation list of that scope clears it",
        RunCertIssue},
+      {"cert show", "FILE",
+       "print each certificate of FILE as a C caller reads it: subject, issuer, tag, owner, "
+       "period, revocation scope and the hash its signature covers",
+       RunCertShow},
       {"cert verify",
        "FILE --store DIR --tag TEXT [--not-before DATE] [--not-after DATE] [--explain] [--json]",
        "verify the chain of FILE under the store DIR (its acl/ and cert/): every signature, "
@@ -47,6 +53,17 @@ const std::span<const Command> Commands() {
        "a list whose period has not begun waits. Says what was imported, kept or refused "
        "and why; exit 0, 1 when any list was refused, 2 when none reads",
        RunCrlImport},
+      {"crl issue",
+       "--issuer KEY.pem --tag TEXT [--revoke-cert FILE.cert#N ...] [--revoke-key FILE.pub ...] "
+       "[--revoked-at DATE] --not-before DATE --not-after DATE --out FILE.crl",
+       "sign a revocation list of scope TEXT (such as '(revoke pkg)') covering the period, "
+       "revoking certificate N (counted from 1) of each FILE.cert and each key, all as of "
+       "--revoked-at (default: now); FILE.crl is replaced whole",
+       RunCrlIssue},
+      {"crl show", "FILE",
+       "print a revocation list: issuer, scope tag, period and every revoked certificate "
+       "and key with its date",
+       RunCrlShow},
       {"crl verify", "FILE --store DIR [--tag TEXT]",
        "verify a revocation list against the ACL of the store DIR, now: its issuer, its "
        "contents, its signature and its period (and its scope tag, with --tag). Exit 0 "

@@ -16,8 +16,10 @@ namespace velk2::cli {
 class Options {
  public:
   // |valued| are the options that take a value, |flags| those that do not.
-  Options(std::set<std::string> valued, std::set<std::string> flags)
-      : valued_(std::move(valued)), flags_(std::move(flags)) {}
+  // |repeated| are valued options that may be given more than once.
+  Options(std::set<std::string> valued, std::set<std::string> flags,
+          std::set<std::string> repeated = {})
+      : valued_(std::move(valued)), flags_(std::move(flags)), repeated_(std::move(repeated)) {}
 
   // Parse reads |args|; false with error() set on an unknown option, a missing
   // value, an option given twice or a stray argument (when none are allowed).
@@ -25,12 +27,16 @@ class Options {
   const std::string& error() const { return error_; }
 
   std::optional<std::string> Get(const std::string& name) const;
+  // Every value of a repeated option, in the order given.
+  std::vector<std::string> GetAll(const std::string& name) const;
   bool Has(const std::string& name) const { return values_.count(name) || set_flags_.count(name); }
   const std::vector<std::string>& positional() const { return positional_; }
 
  private:
   std::set<std::string> valued_;
   std::set<std::string> flags_;
+  std::set<std::string> repeated_;
+  std::map<std::string, std::vector<std::string>> repeated_values_;
   std::map<std::string, std::string> values_;
   std::set<std::string> set_flags_;
   std::vector<std::string> positional_;

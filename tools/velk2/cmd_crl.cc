@@ -1,0 +1,144 @@
+// velk2 crl issue and velk2 crl show: making a revocation list and reading one.
+#include <cstdio>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "credentials/certificate_sequence.h"
+#include "credentials/revocation_list.h"
+#include "platform/files.h"
+#include "platform/utf.h"
+#include "tools/issuing/issuer.h"
+#include "tools/issuing/private_key.h"
+#include "tools/issuing/revocation.h"
+#include "tools/velk2/commands.h"
+#include "tools/velk2/messages.h"
+#include "tools/velk2/options.h"
+#include "tools/velk2/support.h"
+#include "tools/velk2/support_acl.h"
+
+namespace velk2::cli {
+namespace {
+
+// The certificate body named by "FILE.cert#N" (N counted from 1).
+int ReadRevokedCertificate(const char* command, const std::string& spec, Ref<SexpObject>* out) {
+  const size_t hash = spec.rfind('#');
+  const std::string number = hash == std::string::npos ? "" : spec.substr(hash + 1);
+  if (number.empty() || number.size() > 6 ||
+      number.find_first_not_of("0123456789") != std::string::npos || std::stoul(number) == 0) {
+    return UsageError(command, "--revoke-cert takes FILE.cert#N, N counting certificates from 1: " +
+                                   EscapeForDisplay(spec));
+  }
+  const std::string file = spec.substr(0, hash);
+  Ref<CertificateSequence> sequence;
+  Result r = ReadCertificateFile(&sequence, Utf8ToUtf16(file).c_str(), nullptr);
+  if (r != VELK2_SUCCESS) {
+    return FailWith(kExitUsage, command, "cannot read " + EscapeForDisplay(file), r);
+  }
+  const size_t index = std::stoul(number) - 1;
+  if (index >= sequence->entry_count()) {
+    return UsageError(command, EscapeForDisplay(file) + " holds " +
+                                   std::to_string(sequence->entry_count()) + " certificates, not " +
+                                   number);
+  }
+  *out = Ref<SexpObject>::Share(const_cast<Certificate*>(sequence->entry(index).certificate));
+  return kExitOk;
+}
+
+// "sha256:HEX" of a hash value.
+std::string HashText(const HashValue* hash) {
+  if (hash == nullptr) return "?";
+  const HashAlgorithm* algorithm = FindHashAlgorithmById(static_cast<uint32_t>(hash->algorithm()));
+  return std::string(algorithm ? algorithm->name : "?") + ":" +
+         HexString(hash->digest().data(), hash->digest().size());
+}
+
+}  // namespace
+
+int RunCrlIssue(const Args& args) {
+  const char* kName = "crl issue";
+  Options options({"issuer", "tag", "revoked-at", "not-before", "not-after", "out"}, {},
+                  {"revoke-cert", "revoke-key"});
+  if (!options.Parse(args)) return UsageError(kName, options.error());
+  std::optional<std::string> issuer_path = options.Get("issuer");
+  std::optional<std::string> tag_text = options.Get("tag");
+  std::optional<std::string> out = options.Get("out");
+  if (!issuer_path || !tag_text || !out || !options.Has("not-before") ||
+      !options.Has("not-after")) {
+    return UsageError(kName, "--issuer, --tag, --not-before, --not-after and --out are required");
+  }
+  issuing::RevocationListRequest request;
+  Period period;
+  if (int exit = ReadPeriodOptions(options, kName, &period); exit != kExitOk) return exit;
+  request.not_before = *period.not_before;
+  request.not_after = *period.not_after;
+  int64_t revoked_at = static_cast<int64_t>(std::time(nullptr));
+  if (std::optional<std::string> text = options.Get("revoked-at")) {
+    if (issuing::ParseDate(*text, &revoked_at) != VELK2_SUCCESS) {
+      return UsageError(kName, "--revoked-at '" + *text + "' is not a date YYYY-MM-DD_hh:mm:ss");
+    }
+  }
+  Result r = issuing::ParseTag(*tag_text, &request.scope);
+  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read the tag", r);
+  for (const std::string& spec : options.GetAll("revoke-cert")) {
+    Ref<SexpObject> certificate;
+    if (int exit = ReadRevokedCertificate(kName, spec, &certificate); exit != kExitOk) return exit;
+    request.certificates.push_back({certificate, revoked_at});
+  }
+  for (const std::string& path : options.GetAll("revoke-key")) {
+    Ref<SexpList> key;
+    r = LoadPublicKey(path, &key);
+    if (r != VELK2_SUCCESS) {
+      return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(path), r);
+    }
+    request.keys.push_back({key, revoked_at});
+  }
+
+  issuing::PrivateKey key;
+  r = issuing::PrivateKey::LoadPem(*issuer_path, &key);
+  if (r != VELK2_SUCCESS) {
+    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(*issuer_path), r);
+  }
+  std::string file;
+  r = issuing::MakeRevocationList(key, request, &file);
+  if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot make the list", r);
+  // A list is reissued often: the old one is replaced whole, never half-written.
+  r = WriteFileAtomically(*out, file, 0644, true);
+  if (r != VELK2_SUCCESS) {
+    return FailWith(kExitUsage, kName, "cannot write " + EscapeForDisplay(*out), r);
+  }
+  std::printf("%s\n", EscapeForDisplay(*out).c_str());
+  return kExitOk;
+}
+
+int RunCrlShow(const Args& args) {
+  const char* kName = "crl show";
+  if (args.size() != 1) return UsageError(kName, "one FILE is required");
+  Ref<RevocationList> list;
+  Result r = ReadRevocationListFile(&list, Utf8ToUtf16(args[0]).c_str(), nullptr);
+  if (r != VELK2_SUCCESS) {
+    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(args[0]), r);
+  }
+  const Certificate& certificate = *list->certificate();
+  std::printf("issuer: %s\n", DescribePrincipal(*certificate.issuer()).c_str());
+  std::printf("scope: %s\n", ReadableTag(certificate.tag()).c_str());
+  std::printf("not-before: %s\n",
+              certificate.not_before() ? AtomText(certificate.not_before()).c_str() : "(none)");
+  std::printf("not-after: %s\n",
+              certificate.not_after() ? AtomText(certificate.not_after()).c_str() : "(none)");
+  const std::pair<RevokedKind, const char*> kinds[] = {{RevokedKind::kCertificates, "certificate"},
+                                                       {RevokedKind::kKeys, "key"}};
+  for (const auto& [kind, name] : kinds) {
+    const size_t count = list->revoked_count(kind);
+    std::printf("revoked %ss: %zu\n", name, count);
+    for (size_t i = 0; i < count; ++i) {
+      const RevokedItem item = list->revoked(kind, i);
+      std::printf("  %s %s revoked %s\n", name, HashText(item.hash).c_str(),
+                  AtomText(item.date).c_str());
+    }
+  }
+  return kExitOk;
+}
+
+}  // namespace velk2::cli
