@@ -4,3 +4,5 @@ add_test(NAME cli_issue_keys_and_certificates
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_issue_test.sh $<TARGET_FILE:velk2_cli>)
 add_test(NAME cli_fifo_never_blocks
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_fifo_test.sh $<TARGET_FILE:velk2_cli>)
+add_test(NAME cli_revocation_lists_and_chains
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_revocation_test.sh $<TARGET_FILE:velk2_cli>)
