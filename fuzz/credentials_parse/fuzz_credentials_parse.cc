@@ -1,6 +1,6 @@
 // The credential readers on arbitrary bytes: a certificate sequence, a
-// certificate body, an ACL entry, a public key and a signature, chosen by the
-// first byte. Properties of every credential that reads: its stored form reads
+// certificate body, an ACL entry, a public key, a signature and a revocation
+// list, chosen by the first byte. Properties of every credential that reads: its stored form reads
 // again as the same kind and writes the same bytes, and its canonical form is
 // CanonicalLength() bytes long. Nothing may crash, leak or read out of bounds.
 #include <cstdint>
@@ -13,6 +13,7 @@
 #include "credentials/certificate.h"
 #include "credentials/certificate_sequence.h"
 #include "credentials/public_key.h"
+#include "credentials/revocation_list.h"
 #include "credentials/signature.h"
 #include "fuzz/fuzz_support.h"
 #include "sexp/object.h"
@@ -25,7 +26,7 @@ using fuzz::Check;
 using fuzz::StoredOf;
 
 Ref<Credential> NewOfKind(uint8_t kind) {
-  switch (kind % 5) {
+  switch (kind % 6) {
     case 0:
       return CertificateSequence::New();
     case 1:
@@ -34,8 +35,10 @@ Ref<Credential> NewOfKind(uint8_t kind) {
       return AclEntry::New();
     case 3:
       return PublicKey::New();
-    default:
+    case 4:
       return Signature::New();
+    default:
+      return RevocationList::New();
   }
 }
 
@@ -68,5 +71,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Check(credential->WriteCanonical(canonical.data(), &position, length + 1) == VELK2_SUCCESS,
         "the canonical form fits CanonicalLength() + 1 bytes");
   Check(position == length, "CanonicalLength() is the canonical size");
+
+  if (const RevocationList* list = dynamic_cast<const RevocationList*>(credential.get())) {
+    // Every item has its parts, and lookups run through the digest index.
+    for (RevokedKind which : {RevokedKind::kCertificates, RevokedKind::kKeys}) {
+      for (size_t i = 0; i < list->revoked_count(which); ++i) {
+        const RevokedItem item = list->revoked(which, i);
+        Check(item.hash != nullptr && item.date != nullptr, "an item has a hash and a date");
+      }
+      size_t index = 0;
+      Check(list->FindRevoked(which, *list, &index) == VELK2_SUCCESS, "a lookup runs");
+    }
+  }
   return 0;
 }
