@@ -104,6 +104,7 @@ VELK2_EXPORT FileItem* CertFind(const char16_t* directory) {
     }
     FileItem** tail = &first;
     while (const char16_t* path = files.Next(true)) {
+      if (files.CurrentIsDirectory()) continue;  // a directory named *.cert is no certificate file
       *tail = FileItemCreate(path, nullptr);
       if (*tail == nullptr) return VELK2_ERR_MEM_ALLOC;
       tail = &(*tail)->next;
