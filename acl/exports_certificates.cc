@@ -36,8 +36,8 @@ VELK2_EXPORT VELK2_RESULT Velk2CertReadCtx(Velk2CertRecord** out, const char16_t
                                            Velk2Context* context) {
   if (out == nullptr || path == nullptr) return VELK2_ERR_PARAM_NULL;
   if (*out != nullptr) return VELK2_ERR_INVALID_PARAM;
-  Velk2Context* checked = FromOpaque<Velk2Context>(context);
-  if (context != nullptr && checked == nullptr) return VELK2_ERR_INVALID_PARAM;
+  Velk2Context* checked = nullptr;
+  if (!FromOptionalOpaque(context, &checked)) return VELK2_ERR_INVALID_PARAM;
   return Guard([&]() -> Result {
     Ref<CertificateSequence> sequence;
     const Result result = ReadCertificateFile(&sequence, path, checked);

@@ -16,14 +16,6 @@ using namespace velk2;
 
 namespace {
 
-// The context an export was handed: null stays null; anything but a live
-// context is refused (*refused set).
-Velk2Context* CheckedContext(Velk2Context* context, bool* refused) {
-  Velk2Context* checked = FromOpaque<Velk2Context>(context);
-  *refused = context != nullptr && checked == nullptr;
-  return checked;
-}
-
 Result VerifyListRecord(const Velk2CrlRecord& record, RevocationList* list, const char* tag,
                         int64_t start, int64_t end) {
   if (tag != nullptr) {
@@ -53,9 +45,8 @@ VELK2_EXPORT VELK2_RESULT Velk2CrlRead(Velk2CrlRecord** out, const char16_t* pat
                                        Velk2Context* context) {
   if (out == nullptr || path == nullptr) return VELK2_ERR_PARAM_NULL;
   *out = nullptr;
-  bool refused = false;
-  Velk2Context* checked = CheckedContext(context, &refused);
-  if (refused) return VELK2_ERR_INVALID_PARAM;
+  Velk2Context* checked = nullptr;
+  if (!FromOptionalOpaque(context, &checked)) return VELK2_ERR_INVALID_PARAM;
   return Guard([&]() -> Result {
     Ref<RevocationList> list;
     const Result result = ReadRevocationListFile(&list, path, checked);
@@ -73,9 +64,8 @@ VELK2_EXPORT VELK2_RESULT Velk2CrlFindA(Velk2CrlRecord** out, const char* tag,
                                         Velk2Context* context) {
   if (out == nullptr || tag == nullptr) return VELK2_ERR_PARAM_NULL;
   *out = nullptr;
-  bool refused = false;
-  Velk2Context* checked = CheckedContext(context, &refused);
-  if (refused) return VELK2_ERR_INVALID_PARAM;
+  Velk2Context* checked = nullptr;
+  if (!FromOptionalOpaque(context, &checked)) return VELK2_ERR_INVALID_PARAM;
   return Guard([&]() -> Result {
     Ref<SexpList> tag_list;
     Result result = ReadTagText(tag, checked, &tag_list);
@@ -121,9 +111,8 @@ VELK2_EXPORT VELK2_RESULT Velk2CrlVerifyFileA(const char* path, const char* tag,
 
 VELK2_EXPORT VELK2_RESULT Velk2CrlImport(const char16_t* directory, Velk2Context* context) {
   if (directory == nullptr) return VELK2_ERR_PARAM_NULL;
-  bool refused = false;
-  Velk2Context* checked = CheckedContext(context, &refused);
-  if (refused) return VELK2_ERR_INVALID_PARAM;
+  Velk2Context* checked = nullptr;
+  if (!FromOptionalOpaque(context, &checked)) return VELK2_ERR_INVALID_PARAM;
   return Guard([&] { return ImportRevocationLists(directory, checked, nullptr); });
 }
 

@@ -52,6 +52,14 @@ T* FromOpaque(void* opaque) {
   return object->HasTag() ? object : nullptr;
 }
 
+// FromOptionalOpaque converts an argument that may be null: false for a
+// pointer that is not a live T (refused), else true with *out set (null for null).
+template <typename T>
+bool FromOptionalOpaque(void* opaque, T** out) {
+  *out = FromOpaque<T>(opaque);
+  return opaque == nullptr || *out != nullptr;
+}
+
 // WithWide is the A form of an export: it calls |wide_form| with |text|
 // converted from UTF-8 to UTF-16 (null stays null) and returns its result
 // unchanged; VELK2_ERR_MEM_ALLOC (3) when the copy cannot be made.
