@@ -24,6 +24,7 @@
 #include "frame/paths.h"
 #include "platform/zcry.h"
 #include "tools/issuing/acl_entry.h"
+#include "tools/issuing/revocation.h"
 #include "velk2.h"
 
 namespace velk2 {
@@ -288,10 +289,17 @@ TEST_F(Store, RevocationDecidesTheChain) {
   // Revoked after the period began: it was still good at its start.
   EXPECT_EQ(VerifyChain(kJan2026 + 10, kJun2026), VELK2_SUCCESS);
 
-  ListSpec key_revoked;
-  key_revoked.keys = {Item(*dev_key, "2027-01-01_00:00:00")};
-  PutList(key_revoked);
-  EXPECT_EQ(VerifyChain(), VELK2_ERR_CERT_REVOKED);  // a key is revoked whatever the date
+  // The subject key revoked, in a list made by the toolkit that `velk2 crl
+  // issue` uses: a key is revoked whatever the date.
+  issuing::RevocationListRequest by_toolkit;
+  by_toolkit.scope = TagList(kScope);
+  by_toolkit.keys = {{dev_key, kJan2027}};
+  by_toolkit.not_before = kJan2026;
+  by_toolkit.not_after = kJan2030;
+  std::string toolkit_file;
+  ASSERT_EQ(issuing::MakeRevocationList(TestKey(kRoot), by_toolkit, &toolkit_file), VELK2_SUCCESS);
+  testing::WriteFile(StoredList(), toolkit_file);
+  EXPECT_EQ(VerifyChain(), VELK2_ERR_CERT_REVOKED);
 
   // A list that does not verify says nothing: neither its hit nor its period.
   ListSpec forged = revoked;
@@ -473,6 +481,10 @@ TEST_F(Store, ImportKeepsTheBestListAndNeverHalfOfOne) {
   EXPECT_EQ(Velk2CrlFindA(&found, "(revoke other)", nullptr), VELK2_ERR_ACL_ENTRY_NOT_FOUND);
   EXPECT_EQ(found, nullptr);
   EXPECT_EQ(Velk2CrlFindA(&found, nullptr, nullptr), VELK2_ERR_PARAM_NULL);
+  EXPECT_EQ(Velk2CrlFindA(nullptr, kScope, nullptr), VELK2_ERR_PARAM_NULL);
+  int not_a_context = 0;
+  EXPECT_EQ(Velk2CrlImportA(incoming.c_str(), reinterpret_cast<Velk2Context*>(&not_a_context)),
+            VELK2_ERR_INVALID_PARAM);
 
   ListSpec older = current;  // ends earlier: the stored list stays
   older.not_after = kJan2027;
