@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -212,7 +213,9 @@ TEST_F(Store, ListFilesReadIntoRecords) {
             VELK2_ERR_INVALID_PARAM);
   EXPECT_EQ(Velk2CrlFree(nullptr), VELK2_ERR_PARAM_NULL);
   EXPECT_EQ(Velk2CrlVerify(nullptr, kScope, 0, 0), VELK2_ERR_PARAM_NULL);
-  Velk2CrlRecord forged{sizeof(Velk2CrlRecord), &not_a_context, 0, 0, nullptr, 0};
+  // Any other object where the list should be (large enough to hold a list).
+  alignas(std::max_align_t) unsigned char foreign[256] = {};
+  Velk2CrlRecord forged{sizeof(Velk2CrlRecord), foreign, 0, 0, nullptr, 0};
   EXPECT_EQ(Velk2CrlVerify(&forged, nullptr, 0, 0), VELK2_ERR_INVALID_PARAM);
   EXPECT_EQ(Velk2CrlFree(&forged), VELK2_ERR_INVALID_PARAM);
 
