@@ -142,6 +142,7 @@ Result RevocationList::FindRevoked(RevokedKind kind, const SexpObject& thing, si
         built->algorithms.push_back({algorithm->id, {}});
         found = built->algorithms.end() - 1;
       }
+      if (found->first.empty()) found->first.reserve(count);
       found->first.emplace(hash->digest(), i);  // keeps the first item of a digest
     }
     table = std::move(built);

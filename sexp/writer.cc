@@ -1,6 +1,7 @@
 // The output forms of atoms and lists: canonical and text buffers, the stored
 // form in files and hashes, and the token stream. The byte layouts are binding:
 // signatures and digests are computed over them.
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -51,9 +52,12 @@ const char* HintMarker(DisplayHint hint) {
 }
 
 // The length header "%u:" of an atom; returns its size.
+// The "%u:" header, without printf: every atom written or hashed formats one.
 uint32_t FormatHeader(uint32_t length, char (&header)[16]) {
-  int size = std::snprintf(header, sizeof(header), "%u:", length);
-  return static_cast<uint32_t>(size);
+  char* end = std::to_chars(header, header + sizeof(header) - 2, length).ptr;
+  *end++ = ':';
+  *end = '\0';
+  return static_cast<uint32_t>(end - header);
 }
 
 uint32_t SaturatingAdd(uint32_t a, uint32_t b) {
