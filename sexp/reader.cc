@@ -219,45 +219,68 @@ class TextPosition {
 
 // ---- Canonical reader --------------------------------------------------------
 
-Result ParseCanonicalAtom(SexpAtom* atom, SexpSource* source) {
-  if (source == nullptr || atom == nullptr) return VELK2_ERR_PARAM_NULL;
+namespace {
 
-  ByteCursor& bytes = *source->cursor();
-  DisplayHint hint = kHintNone;
-  if (bytes.Match("[")) {
-    char text[kMaxHintText];
-    size_t size = 0;
-    for (;;) {
-      const int next = bytes.Next();
-      if (next == ']') break;
-      if (next == -1 || size == kMaxHintText) return VELK2_ERR_PARSE_FILE;
-      text[size++] = static_cast<char>(next);
-    }
-    hint = HintFromText(text, size);
-    if (hint == kHintNone) return VELK2_ERR_PARSE_FILE;
+Result ReadHint(ByteCursor& bytes, DisplayHint* hint) {
+  *hint = kHintNone;
+  if (!bytes.Match("[")) return VELK2_SUCCESS;
+  char text[kMaxHintText];
+  size_t size = 0;
+  for (;;) {
+    const int next = bytes.Next();
+    if (next == ']') break;
+    if (next == -1 || size == kMaxHintText) return VELK2_ERR_PARSE_FILE;
+    text[size++] = static_cast<char>(next);
   }
+  *hint = HintFromText(text, size);
+  return *hint == kHintNone ? VELK2_ERR_PARSE_FILE : VELK2_SUCCESS;
+}
 
-  // From here on a failure leaves the atom empty.
-  auto fail = [atom](Result code) {
-    atom->ClearBytes();
-    return code;
-  };
+// "n:" and n bytes.
+Result ReadAtomBytes(ByteCursor& bytes, std::string_view* value) {
   uint32_t length = 0;
   for (int digits = 0; IsDigitByte(bytes.Peek()); ++digits) {
-    if (digits == kMaxLengthDigits) return fail(VELK2_ERR_MAX_BYTE_STRING);
+    if (digits == kMaxLengthDigits) return VELK2_ERR_MAX_BYTE_STRING;
     length = length * 10 + static_cast<uint32_t>(bytes.Next() - '0');
   }
-  if (length > kMaxAtomLength) return fail(VELK2_ERR_MAX_BYTE_STRING);
-  Result result = source->Expect(":", 1, kExpectRequired);
-  if (result != VELK2_SUCCESS) return fail(result);
-  const uint8_t* value = nullptr;
-  if (!bytes.Take(length, &value)) {
+  if (length > kMaxAtomLength) return VELK2_ERR_MAX_BYTE_STRING;
+  // The ":" as the source's required literal: past the end, the position
+  // moves to the end.
+  if (bytes.at_end()) return VELK2_ERR_FILE_OPEN;
+  if (!bytes.Match(":")) return VELK2_ERR_INVALID_DATA;
+  const uint8_t* start = nullptr;
+  if (!bytes.Take(length, &start)) {
     // A short atom is read to the end of the data, where its failure lies.
     bytes.Seek(bytes.size());
-    return fail(VELK2_ERR_PARSE_FILE);
+    return VELK2_ERR_PARSE_FILE;
   }
-  result = atom->AssignBytes(value, length, kHintNone);
-  if (result != VELK2_SUCCESS) return fail(result);
+  *value = std::string_view(reinterpret_cast<const char*>(start), length);
+  return VELK2_SUCCESS;
+}
+
+}  // namespace
+
+Result ReadAtomSpan(ByteCursor& bytes, std::string_view* value, DisplayHint* hint) {
+  const Result result = ReadHint(bytes, hint);
+  return result != VELK2_SUCCESS ? result : ReadAtomBytes(bytes, value);
+}
+
+Result ParseCanonicalAtom(SexpAtom* atom, SexpSource* source) {
+  if (source == nullptr || atom == nullptr) return VELK2_ERR_PARAM_NULL;
+  ByteCursor& bytes = *source->cursor();
+  DisplayHint hint = kHintNone;
+  Result result = ReadHint(bytes, &hint);
+  if (result != VELK2_SUCCESS) return result;
+  // From here on a failure leaves the atom empty.
+  std::string_view value;
+  result = ReadAtomBytes(bytes, &value);
+  if (result == VELK2_SUCCESS) {
+    result = atom->AssignBytes(value.data(), static_cast<uint32_t>(value.size()), kHintNone);
+  }
+  if (result != VELK2_SUCCESS) {
+    atom->ClearBytes();
+    return result;
+  }
   atom->set_hint(hint);
   return VELK2_SUCCESS;
 }

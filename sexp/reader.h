@@ -8,15 +8,25 @@
 #define VELK2_SEXP_READER_H_
 
 #include <cstddef>
+#include <string_view>
 
 #include "frame/ref.h"
 #include "frame/result.h"
+#include "platform/cursor.h"
 #include "sexp/object.h"
 #include "sexp/source.h"
 
 namespace velk2 {
 
 // ---- Canonical reader --------------------------------------------------------
+
+// ReadAtomSpan reads one canonical atom, [hint] then "n:" then n bytes, at
+// the cursor without copying it: *value points into the cursor's data.
+// VELK2_ERR_PARSE_FILE (9) for a bad hint or a short atom (the cursor then
+// at the end); VELK2_ERR_MAX_BYTE_STRING (14) for a length over 8192 or of
+// too many digits; for the ":" the source's literal codes (7 at the end, 6
+// for another byte).
+Result ReadAtomSpan(ByteCursor& bytes, std::string_view* value, DisplayHint* hint);
 
 // ParseCanonicalAtom reads one atom ("[hint]" optional, decimal length, ":",
 // bytes) into |atom|. VELK2_ERR_PARAM_NULL (38) without source or atom;
