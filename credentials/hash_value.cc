@@ -1,5 +1,9 @@
 #include "credentials/hash_value.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -125,6 +129,29 @@ Result HashValue::Finish() {
   });
 }
 
+Result HashDescriptor(int fd, uint8_t (&digest)[32], const Velk2Context* context) {
+  const uint32_t word = ContextWord(context);
+  ZCRY_HASH hash = nullptr;
+  const Result result = [&]() -> Result {
+    Result status = zcry_HashAlloc(&hash, ZCRY_HASH_SHA256, word);
+    if (status != VELK2_SUCCESS) return status;
+    std::unique_ptr<uint8_t[]> block(new (std::nothrow) uint8_t[kFileBlockSize]);
+    if (block == nullptr) return VELK2_ERR_MEM_ALLOC;
+    (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    for (;;) {
+      const ssize_t got = ::read(fd, block.get(), kFileBlockSize);
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) return VELK2_ERR_READ_FILE;
+      if (got == 0) break;
+      status = zcry_HashUpdate(hash, block.get(), static_cast<size_t>(got), word);
+      if (status != VELK2_SUCCESS) return status;
+    }
+    return zcry_HashFinal(hash, digest, word);
+  }();
+  if (hash != nullptr) zcry_HashFree(hash, word);
+  return result;
+}
+
 Result HashFile(const char16_t* path, uint8_t* digest, uint32_t* length,
                 const Velk2Context* context) {
   if (path == nullptr || digest == nullptr || length == nullptr) return VELK2_ERR_INVALID_PARAM;
@@ -134,28 +161,14 @@ Result HashFile(const char16_t* path, uint8_t* digest, uint32_t* length,
   // A length of 0 means that the caller's buffer is large enough.
   if (*length != 0 && *length < size) return VELK2_ERR_BUFFER_OVERFLOW;
   *length = size;
-
-  const uint32_t word = ContextWord(context);
-  ZCRY_HASH hash = nullptr;
-  result = [&]() -> Result {
-    FileHandle file = OpenFile(path, static_cast<uint32_t>(OpenMode::kRead));
-    if (file == nullptr) return VELK2_ERR_FILE_OPEN;
-    Result status = zcry_HashAlloc(&hash, ZCRY_HASH_SHA256, word);
-    if (status != VELK2_SUCCESS) return status;
-    std::unique_ptr<uint8_t[]> block(new (std::nothrow) uint8_t[kFileBlockSize]);
-    if (block == nullptr) return VELK2_ERR_MEM_ALLOC;
-    // The stream's own buffer would only add a copy: every read is larger.
-    std::setvbuf(file.get(), nullptr, _IONBF, 0);
-    for (;;) {
-      const size_t got = ReadBytes(file.get(), block.get(), kFileBlockSize);
-      if (got == 0) break;
-      status = zcry_HashUpdate(hash, block.get(), got, word);
-      if (status != VELK2_SUCCESS) return status;
-    }
-    if (std::ferror(file.get())) return VELK2_ERR_READ_FILE;
-    return zcry_HashFinal(hash, digest, word);
-  }();
-  if (hash != nullptr) zcry_HashFree(hash, word);
+  FileHandle file = OpenFile(path, static_cast<uint32_t>(OpenMode::kRead));
+  if (file == nullptr) {
+    result = VELK2_ERR_FILE_OPEN;
+  } else {
+    uint8_t sha256[32];
+    result = HashDescriptor(::fileno(file.get()), sha256, context);
+    if (result == VELK2_SUCCESS) std::memcpy(digest, sha256, sizeof sha256);
+  }
   if (result != VELK2_SUCCESS) *length = 0;
   return result;
 }

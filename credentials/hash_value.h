@@ -94,6 +94,11 @@ class HashValue final : public Principal {
 Result HashFile(const char16_t* path, uint8_t* digest, uint32_t* length,
                 const Velk2Context* context);
 
+// HashDescriptor: the SHA-256 of what remains to be read from the open file
+// |fd|, read in large blocks. VELK2_ERR_READ_FILE (10) on a read error;
+// crypto codes; 3 for memory.
+Result HashDescriptor(int fd, uint8_t (&digest)[32], const Velk2Context* context);
+
 }  // namespace velk2
 
 #endif  // VELK2_CREDENTIALS_HASH_VALUE_H_
