@@ -95,12 +95,17 @@ class SortedAtoms {
   // Within: whether every atom here is in |other|; sets *overlap when some is.
   bool Within(const SortedAtoms& other, bool* overlap) const;
 
+  // The order of CompareAtoms: hints, then bytes up to the first NUL (atoms
+  // that agree up to a NUL they share are equal there, so they must be here).
   static bool Less(const EngineAtom* a, const EngineAtom* b) {
     const std::string_view ha(reinterpret_cast<const char*>(a->hint), a->hint_length);
     const std::string_view hb(reinterpret_cast<const char*>(b->hint), b->hint_length);
     if (ha != hb) return ha < hb;
-    return std::string_view(reinterpret_cast<const char*>(a->bytes), a->length) <
-           std::string_view(reinterpret_cast<const char*>(b->bytes), b->length);
+    return UpToNul(a) < UpToNul(b);
+  }
+  static std::string_view UpToNul(const EngineAtom* atom) {
+    const std::string_view bytes(reinterpret_cast<const char*>(atom->bytes), atom->length);
+    return bytes.substr(0, bytes.find('\0'));
   }
 
  private:

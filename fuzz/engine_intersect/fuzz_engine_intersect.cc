@@ -10,6 +10,7 @@
 #include "engine/printer.h"
 #include "engine/store.h"
 #include "engine/tags.h"
+#include "platform/utf.h"
 
 namespace {
 
@@ -23,8 +24,10 @@ std::string Text(const EngineNode* chain) {
 
 [[noreturn]] void Fail(const char* what, const EngineNode* a, const EngineNode* b,
                        const EngineNode* result) {
+  // Escaped: tags hold any bytes, NUL among them.
   std::fprintf(stderr, "fuzz_engine_intersect: %s\n  a: %s\n  b: %s\n  a^b: %s\n", what,
-               Text(a).c_str(), Text(b).c_str(), result ? Text(result).c_str() : "(none)");
+               velk2::EscapeForDisplay(Text(a)).c_str(), velk2::EscapeForDisplay(Text(b)).c_str(),
+               result ? velk2::EscapeForDisplay(Text(result)).c_str() : "(none)");
   std::abort();
 }
 
