@@ -255,6 +255,48 @@ VELK2_EXPORT VELK2_RESULT Velk2CrlImportA(const char* directory, Velk2Context* c
 VELK2_EXPORT VELK2_RESULT Velk2ImportCrls(const char16_t* directory);
 VELK2_EXPORT VELK2_RESULT Velk2ImportCrlsA(const char* directory);
 
+/* ---- Manifests ------------------------------------------------------------ */
+
+/* CreateManifestContext makes the context of one package directory, one
+ * manifest file and one required tag (readable, such as "(pkg install)").
+ * 2 when |out| or *out is not as it should be (NULL, NULL on entry), or a path
+ * or the tag is NULL; the tag reader's codes. Delete with
+ * DeleteManifestContext. */
+VELK2_EXPORT VELK2_RESULT CreateManifestContext(ManifestContext** out,
+                                                const char16_t* package_directory,
+                                                const char16_t* manifest_path, const char* tag);
+VELK2_EXPORT VELK2_RESULT CreateManifestContextA(ManifestContext** out,
+                                                 const char* package_directory,
+                                                 const char* manifest_path, const char* tag);
+/* DeleteManifestContext frees a context and its lists; NULL is ignored. */
+VELK2_EXPORT VELK2_RESULT DeleteManifestContext(ManifestContext* context);
+/* VerifyManifest reads and verifies the manifest (signatures, its own
+ * revocation lists, authorization of its signer for the tag under the global
+ * ACL and the extra ACL directory, in the period given or at the time of
+ * signing; the digest of its body), then compares it with the package
+ * directory: 22 when an entry is invalid, 5 when one is missing, 74 when one
+ * is extra (0 unless FailOnExtraEntries), else 0. The four lists are refilled. */
+VELK2_EXPORT VELK2_RESULT VerifyManifest(ManifestContext* context, int64_t not_before,
+                                         int64_t not_after);
+/* CompareManifest compares the context's manifest with another (their digests
+ * checked, not their signers); results are added to the lists. */
+VELK2_EXPORT VELK2_RESULT CompareManifest(ManifestContext* context, const char16_t* other_manifest);
+VELK2_EXPORT VELK2_RESULT CompareManifestA(ManifestContext* context, const char* other_manifest);
+/* The result lists, owned by the context: valid until the next VerifyManifest
+ * or DeleteManifestContext. Each item holds a path and is_directory. */
+VELK2_EXPORT FileItem* GetValidEntries(ManifestContext* context);
+VELK2_EXPORT FileItem* GetInvalidEntries(ManifestContext* context);
+VELK2_EXPORT FileItem* GetMissingEntries(ManifestContext* context);
+VELK2_EXPORT FileItem* GetExtraEntries(ManifestContext* context);
+/* SetIgnoredEntries: paths, relative to the package, left out of every
+ * comparison (the caller keeps its list); NULL clears. */
+VELK2_EXPORT VELK2_RESULT SetIgnoredEntries(ManifestContext* context, const FileItem* list);
+VELK2_EXPORT void FailOnExtraEntries(ManifestContext* context);
+VELK2_EXPORT VELK2_RESULT SetExtraAclDirectory(ManifestContext* context, const char16_t* directory);
+VELK2_EXPORT VELK2_RESULT SetExtraAclDirectoryA(ManifestContext* context, const char* directory);
+/* GetTimeOfSigning: the manifest's time of signing, 0 before one was read. */
+VELK2_EXPORT int64_t GetTimeOfSigning(ManifestContext* context);
+
 #ifdef __cplusplus
 }
 #endif

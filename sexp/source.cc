@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "platform/files.h"
 
@@ -39,6 +40,14 @@ Result SexpMemorySource::LoadFile(const char16_t* path) {
   const Result result = ReadWholeFile(path, kMaxSourceFileSize, &bytes);
   if (result != VELK2_SUCCESS) return result;
   return Attach(std::move(bytes));
+}
+
+std::vector<uint8_t> SexpMemorySource::Detach() {
+  std::vector<uint8_t> data = std::move(data_);
+  data_.clear();
+  cursor_ = ByteCursor();
+  has_data_ = false;
+  return data;
 }
 
 Result SexpMemorySource::Expect(const char* literal, uint32_t length, uint32_t mode) {

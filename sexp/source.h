@@ -100,6 +100,8 @@ class SexpMemorySource final : public SexpSource {
   int32_t length() const { return static_cast<int32_t>(cursor_.size()); }
   int32_t position() const { return static_cast<int32_t>(cursor_.position()); }
   const uint8_t* data() const { return data_.data(); }
+  // Detach hands the data over and leaves the source without any.
+  std::vector<uint8_t> Detach();
 
  private:
   bool has_data_ = false;

@@ -47,6 +47,11 @@ const std::span<const Command> Commands() {
        "verified, 1 not (revoked, unauthorized, bad signature), 2 usage or unreadable input; "
        "--explain says which stage failed and why, --json prints the verdict as JSON",
        RunCertVerify},
+      {"compare", "A B [--ignore PATH ...] [--json]",
+       "compare two manifests (their signatures and digests checked, not their signers): "
+       "one line per changed, missing (in A only) or extra (in B only) entry and the counts; "
+       "exit 0 when they list the same, 1 when not, 2 when one cannot be read",
+       RunCompare},
       {"crl import", "DIR --store DIR",
        "import the *.crl files of DIR into the store: a list that verifies against the ACL "
        "replaces the stored list of its scope unless that one is current and lasts longer; "
@@ -76,6 +81,17 @@ const std::span<const Command> Commands() {
        "print a key's type, size and the SHA-256 fingerprint of its canonical form "
        "(FILE is a .pub or a .pem)",
        RunKeyShow},
+      {"manifest show", "FILE",
+       "print a manifest: header, time of signing, the chain, the entry count and the tree "
+       "(its signatures and digest checked first)",
+       RunManifestShow},
+      {"manifest sign",
+       "PKGDIR --key KEY.pem --chain FILE.cert --tag TEXT --out FILE [--ignore PATH ...]",
+       "sign a manifest of every regular file and directory of PKGDIR, its object "
+       "certificate by KEY granting TEXT, its chain FILE.cert (the key's own certificate "
+       "first); symlinks and special files are refused unless ignored, and an --out inside "
+       "PKGDIR is left out",
+       RunManifestSign},
       {"message", "CODE...", "print the message of result codes (negative: engine statuses)",
        RunMessage},
       {"hash", "FILE...",
@@ -97,6 +113,17 @@ const std::span<const Command> Commands() {
        "or with --canonical in canonical form. Exit 0, 1 when the tags are disjoint, 2 "
        "when a tag cannot be read",
        RunTagIntersect},
+      {"verify",
+       "PKGDIR --store DIR --tag TEXT [--manifest FILE] [--not-before DATE] [--not-after DATE] "
+       "[--allow-extra] [--ignore PATH ...] [--explain] [--json]",
+       "is PKGDIR exactly what an authorized signer shipped? Verifies the manifest (default "
+       "PKGDIR/manifest: signatures, its revocation lists, its signer's authorization for "
+       "TEXT under the store DIR, at the time of signing unless dates are given, its digest), "
+       "then every file: one line per changed, missing or extra entry and the counts. Exit 0 "
+       "when it verifies and every entry is valid (extra entries only with --allow-extra), 1 "
+       "otherwise, 2 usage or unreadable input; --explain says why the signer is or is not "
+       "authorized",
+       RunVerify},
   };
   return kCommands;
 }

@@ -36,13 +36,17 @@ int RunCrlImport(const Args& args);
 int RunCrlIssue(const Args& args);
 int RunCrlShow(const Args& args);
 int RunCrlVerify(const Args& args);
+int RunCompare(const Args& args);
 int RunHash(const Args& args);
+int RunManifestShow(const Args& args);
+int RunManifestSign(const Args& args);
 int RunKeyNew(const Args& args);
 int RunKeyShow(const Args& args);
 int RunMessage(const Args& args);
 int RunShow(const Args& args);
 int RunTagCompare(const Args& args);
 int RunTagIntersect(const Args& args);
+int RunVerify(const Args& args);
 
 // Prints "velk2 NAME: MESSAGE" on stderr and returns kExitUsage.
 int UsageError(const char* name, const std::string& message);

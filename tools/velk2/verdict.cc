@@ -427,7 +427,7 @@ void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequ
       known_keys.push_back(c->subject());
     }
   }
-  story->key = Fingerprint(key);
+  story->key = PrincipalFingerprint(key, known_keys);
   for (size_t i = 0; i < sequence.entry_count(); ++i) {
     const CertificateEntry entry = sequence.entry(i);
     CertificateInfo info;

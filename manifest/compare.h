@@ -1,0 +1,62 @@
+// Comparing a manifest's file tree with the package on disk, or with the
+// tree of a second manifest. Every path met is classified, in the order it
+// is met, as valid, invalid, missing or extra.
+#ifndef VELK2_MANIFEST_COMPARE_H_
+#define VELK2_MANIFEST_COMPARE_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "frame/context.h"
+#include "frame/result.h"
+#include "manifest/body.h"
+#include "velk2.h"
+
+namespace velk2 {
+
+struct CompareResult {
+  std::u16string path;
+  uint32_t status = 0;  // one VELK2_ENTRY_* bit
+  bool is_directory = false;
+};
+using CompareResults = std::vector<CompareResult>;
+
+// CompareWithDisk compares |root| (its path the package directory) with the
+// disk and appends what it finds. A file is Valid when its SHA-256 is the
+// listed one, Invalid when not or when it cannot be read, Missing when it is
+// not there; a directory is Valid when everything below it is, else Invalid
+// (a listed directory that is missing too). Inside every listed directory,
+// but not in the package directory itself, unlisted entries are Extra.
+//
+// Linux decisions:
+// - names are matched to a directory's entries without regard to ASCII case
+//   (the file systems manifests were made for ignore case); an entry of
+//   exactly the listed name is preferred, and an entry that no listed name
+//   claimed is Extra, so "A.txt" beside a listed "a.txt" never hides;
+// - nothing inside the package is followed or blocked on: each directory is
+//   opened relative to its parent's descriptor with O_NOFOLLOW, each file
+//   too, and only a regular file is read. A symlink, FIFO, socket or device
+//   where a file or directory is listed is Invalid; an unlisted one is
+//   Extra. A directory swapped for a symlink while the walk runs fails to
+//   open instead of redirecting a read outside the package. The package
+//   directory itself is the caller's to name and may be a symlink.
+// Each directory is listed once and each file hashed once. The code: 22 when
+// anything is Invalid, else 5 when anything is Missing, else 74 when
+// anything is Extra, else 0.
+Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
+                       const Velk2Context* context);
+
+// CompareDirectories compares manifest A (the context's) with manifest B,
+// both roots without a path: a file in both is Valid when the digests agree,
+// else Invalid; one in A only is Missing, in B only Extra; a directory in one
+// only is reported with everything below it. The code as above.
+Result CompareDirectories(const ManifestDirectory& a, const ManifestDirectory& b,
+                          CompareResults* results);
+
+// The code of a set of results: 22, else 5, else 74, else 0.
+Result SummaryCode(const CompareResults& results, size_t first = 0);
+
+}  // namespace velk2
+
+#endif  // VELK2_MANIFEST_COMPARE_H_

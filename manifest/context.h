@@ -1,0 +1,42 @@
+// The manifest context: the handle of the exported manifest family, made for
+// one package directory, one manifest file and one required tag.
+#ifndef VELK2_MANIFEST_CONTEXT_H_
+#define VELK2_MANIFEST_CONTEXT_H_
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "frame/boundary.h"
+#include "frame/context.h"
+#include "frame/ref.h"
+#include "sexp/object.h"
+#include "velk2.h"
+
+namespace velk2 {
+
+struct FileItemListFree {
+  void operator()(FileItem* list) const { FreeFileItemList(list); }
+};
+// A list of file items owned by whoever holds it.
+using FileItemList = std::unique_ptr<FileItem, FileItemListFree>;
+
+}  // namespace velk2
+
+struct ManifestContext : velk2::Tagged<velk2::ClassTag::kManifestContext> {
+  Velk2Context* library_context = nullptr;  // not owned; null for the exported constructor
+  std::u16string package_directory;
+  std::u16string manifest_path;
+  velk2::Ref<velk2::SexpList> tag;  // (tag ...)
+  bool fail_on_extra = false;
+  std::optional<std::u16string> extra_acl_directory;
+  // The results: valid, invalid, missing, extra.
+  velk2::FileItemList results[4];
+  velk2::FileItemList ignored;
+  // Set by each successful read of the manifest's header.
+  velk2::Ref<velk2::SexpList> version;
+  velk2::Ref<velk2::SexpList> type;
+  velk2::Ref<velk2::SexpAtom> time_of_signing;
+};
+
+#endif  // VELK2_MANIFEST_CONTEXT_H_

@@ -1,0 +1,104 @@
+#include "manifest/package.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "acl/certificate_store.h"
+#include "frame/file_item.h"
+#include "frame/paths.h"
+#include "manifest/body.h"
+
+namespace velk2 {
+
+namespace {
+
+// The ignored entries as paths: joined to |base| when it is given.
+std::vector<std::u16string> IgnoredPaths(const ManifestContext& context, const char16_t* base) {
+  std::vector<std::u16string> paths;
+  for (const FileItem* item = context.ignored.get(); item != nullptr; item = item->next) {
+    if (item->wide_name == nullptr) continue;
+    paths.push_back(base != nullptr ? BuildPath(base, item->wide_name) : item->wide_name);
+  }
+  std::sort(paths.begin(), paths.end(), NameLess);
+  return paths;
+}
+
+// Puts every result at the front of the list of its status, so each list
+// holds its paths in the reverse order of discovery. The code of them all.
+Result CollectResults(const CompareResults& results, ManifestContext* context) {
+  for (const CompareResult& found : results) {
+    int list = -1;
+    switch (found.status) {
+      case VELK2_ENTRY_VALID:
+        list = kResultValid;
+        break;
+      case VELK2_ENTRY_INVALID:
+        list = kResultInvalid;
+        break;
+      case VELK2_ENTRY_MISSING:
+        list = kResultMissing;
+        break;
+      case VELK2_ENTRY_EXTRA:
+        list = kResultExtra;
+        break;
+      default:
+        continue;
+    }
+    FileItem* item = FileItemCreate(found.path.c_str(), nullptr);
+    if (item == nullptr) return VELK2_ERR_MEM_ALLOC;
+    item->is_directory = found.is_directory ? 1 : 0;
+    item->next = context->results[list].release();
+    context->results[list].reset(item);
+  }
+  return SummaryCode(results);
+}
+
+}  // namespace
+
+Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_after,
+                     ManifestReport* report, CompareResults* found) {
+  ManifestFile file;
+  Result result = ReadManifest(context, true, not_before, not_after, &file, report);
+  if (result != VELK2_SUCCESS) return result;
+  if (report != nullptr) report->verified = true;
+  for (FileItemList& list : context->results) list.reset();
+  const std::vector<std::u16string> ignored =
+      IgnoredPaths(*context, context->package_directory.c_str());
+  ManifestDirectory root;
+  root.path = context->package_directory;
+  result = ReadManifestBody(&root, file.body(), &ignored);
+  if (result != VELK2_SUCCESS) return result;
+  CompareResults results;
+  (void)CompareWithDisk(root, &results, context->library_context);
+  result = CollectResults(results, context);
+  if (found != nullptr) *found = std::move(results);
+  return result == VELK2_ERR_EXTRA_FILES && !context->fail_on_extra ? VELK2_SUCCESS : result;
+}
+
+Result ComparePackages(ManifestContext* context, const char16_t* other_path,
+                       CompareResults* found) {
+  ManifestFile a, b;
+  Result result = ReadManifest(context, false, 0, 0, &a);
+  if (result != VELK2_SUCCESS) return result;
+  // The other manifest is read under a context of its own.
+  ManifestContext other;
+  other.library_context = context->library_context;
+  other.package_directory = context->package_directory;
+  other.manifest_path = other_path;
+  result = ReadTagText("(null)", context->library_context, &other.tag);
+  if (result == VELK2_SUCCESS) result = ReadManifest(&other, false, 0, 0, &b);
+  if (result != VELK2_SUCCESS) return result;
+  const std::vector<std::u16string> ignored = IgnoredPaths(*context, nullptr);
+  ManifestDirectory root_a, root_b;
+  result = ReadManifestBody(&root_a, a.body(), &ignored);
+  if (result == VELK2_SUCCESS) result = ReadManifestBody(&root_b, b.body(), &ignored);
+  if (result != VELK2_SUCCESS) return result;
+  CompareResults results;
+  (void)CompareDirectories(root_a, root_b, &results);
+  result = CollectResults(results, context);
+  if (found != nullptr) *found = std::move(results);
+  return result;
+}
+
+}  // namespace velk2

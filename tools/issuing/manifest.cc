@@ -1,0 +1,183 @@
+#include "tools/issuing/manifest.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <openssl/rand.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "credentials/date.h"
+#include "credentials/hash_value.h"
+#include "manifest/context.h"
+#include "manifest/read.h"
+#include "platform/zcry.h"
+#include "tools/issuing/issuer.h"
+
+namespace velk2::issuing {
+namespace {
+
+std::string Atom(std::string_view bytes) {
+  return std::to_string(bytes.size()).append(":").append(bytes);
+}
+
+class Walker {
+ public:
+  Walker(const ManifestRequest& request, std::string* problem)
+      : request_(request), problem_(problem) {}
+
+  // The entries of the directory open as |fd| at |relative| ("" for the root).
+  Result Entries(int fd, const std::string& relative, std::string* out, int depth) {
+    if (depth > 200) return Refuse(relative, "is nested too deep");
+    std::vector<std::string> names;
+    const int copy = ::dup(fd);
+    DIR* dir = copy >= 0 ? ::fdopendir(copy) : nullptr;
+    if (dir == nullptr) {
+      if (copy >= 0) ::close(copy);
+      return Refuse(relative, "cannot be listed");
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+      const std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    ::closedir(dir);
+    std::sort(names.begin(), names.end());
+    for (const std::string& name : names) {
+      const std::string path = relative.empty() ? name : relative + "/" + name;
+      if (request_.ignore.count(path)) continue;
+      if (name.find('\\') != std::string::npos) return Refuse(path, "holds \"\\\"");
+      struct stat st;
+      if (::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        return Refuse(path, "cannot be read");
+      }
+      if (S_ISDIR(st.st_mode)) {
+        const int child =
+            ::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (child < 0) return Refuse(path, "cannot be opened");
+        std::string inner;
+        const Result result = Entries(child, path, &inner, depth + 1);
+        ::close(child);
+        if (result != VELK2_SUCCESS) return result;
+        out->append("(3:dir").append(Atom(name)).append("0:").append(inner).append(")");
+      } else if (S_ISREG(st.st_mode)) {
+        const int file = ::openat(fd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        if (file < 0) return Refuse(path, "cannot be opened");
+        uint8_t digest[32];
+        const Result result = HashDescriptor(file, digest, nullptr);
+        ::close(file);
+        if (result != VELK2_SUCCESS) return Refuse(path, "cannot be read");
+        out->append("(4:file").append(Atom(name)).append(Atom(std::to_string(st.st_size)));
+        out->append(Atom(std::string_view(reinterpret_cast<char*>(digest), sizeof digest)));
+        out->append(")");
+      } else {
+        return Refuse(path, S_ISLNK(st.st_mode)
+                                ? "is a symlink: a manifest lists only regular files and "
+                                  "directories (leave it out with --ignore)"
+                                : "is neither a regular file nor a directory (leave it out "
+                                  "with --ignore)");
+      }
+      ++entries_;
+    }
+    return VELK2_SUCCESS;
+  }
+
+  size_t entries() const { return entries_; }
+
+ private:
+  Result Refuse(const std::string& path, const char* why) {
+    *problem_ = (path.empty() ? std::string("the package directory") : path) + " " + why;
+    return VELK2_ERR_INVALID_PARAM;
+  }
+
+  const ManifestRequest& request_;
+  std::string* problem_;
+  size_t entries_ = 0;
+};
+
+}  // namespace
+
+Result MakeManifest(const PrivateKey& key, const ManifestRequest& request, std::string* file,
+                    size_t* entries, std::string* problem) {
+  if (!request.tag || !request.chain || file == nullptr || problem == nullptr) {
+    return VELK2_ERR_INVALID_PARAM;
+  }
+  Ref<SexpList> signer;
+  Result result = MakePublicKey(key, &signer);
+  if (result != VELK2_SUCCESS) return result;
+  if (request.chain->entry_count() == 0 ||
+      StoredForm(*request.chain->entry(0).certificate->subject()) != StoredForm(*signer)) {
+    *problem = "the chain's first certificate must be the signing key's own";
+    return VELK2_ERR_INVALID_PARAM;
+  }
+
+  const int package = ::open(request.package.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (package < 0) {
+    *problem = "no package directory " + request.package;
+    return VELK2_ERR_INVALID_PARAM;
+  }
+  unsigned char token[4];
+  if (RAND_bytes(token, sizeof token) != 1) {
+    ::close(package);
+    return VELK2_FAILURE;
+  }
+  std::string body = "(4:body(12:random-token4:";
+  body.append(reinterpret_cast<char*>(token), sizeof token).append(")");
+  Walker walker(request, problem);
+  result = walker.Entries(package, "", &body, 0);
+  ::close(package);
+  if (result != VELK2_SUCCESS) return result;
+  body.push_back(')');
+
+  // The object certificate names the digest of the header lists and the body.
+  const std::string date = DateText(request.time_of_signing);
+  if (date.empty()) return VELK2_ERR_INVALID_PARAM;
+  const std::string version = "(7:version1:15:velk2)";
+  const std::string type = "(4:type5:plain)";
+  const std::string signing = "(15:time-of-signing" + Atom(date) + ")";
+  Ref<HashValue> digest = HashValue::New();
+  result = digest->Begin(ZCRY_HASH_SHA256);
+  for (const std::string* part :
+       {&version, &type, &signing, static_cast<const std::string*>(&body)}) {
+    if (result == VELK2_SUCCESS) result = digest->Update(part->data(), part->size());
+  }
+  if (result == VELK2_SUCCESS) result = digest->Finish();
+  CertificateRequest object;
+  object.issuer = signer;
+  object.subject = digest;
+  object.tag = request.tag;
+  Ref<SexpList> certificate, signature;
+  if (result == VELK2_SUCCESS) result = MakeCertificateBody(object, &certificate);
+  const bool rsa = key.type() == KeyType::kRsa;
+  if (result == VELK2_SUCCESS) {
+    result = SignObject(key, *certificate, rsa ? kRsaPss : kDsaSha1,
+                        rsa ? ZCRY_HASH_SHA256 : ZCRY_HASH_SHA1, &signature);
+  }
+  if (result != VELK2_SUCCESS) return result;
+
+  std::string out = "(8:manifest";
+  out.append(version.substr(0, version.size() - 1)).append(")");
+  out.append(type).append("(15:signature-block").append(signing);
+  out.append(StoredForm(*certificate)).append(StoredForm(*signature));
+  for (size_t i = 0; i < request.chain->entry_count(); ++i) {
+    const CertificateEntry entry = request.chain->entry(i);
+    out.append(StoredForm(*entry.certificate)).append(StoredForm(*entry.signature));
+  }
+  out.append(")(3:crl)").append(body).append(")");
+
+  // What the toolkit writes, the library must read.
+  ManifestContext check;
+  result =
+      ReadManifestBytes(&check, std::vector<uint8_t>(out.begin(), out.end()), false, 0, 0, nullptr);
+  if (result != VELK2_SUCCESS) {
+    *problem = "the manifest made does not read back";
+    return result;
+  }
+  if (entries != nullptr) *entries = walker.entries();
+  *file = std::move(out);
+  return VELK2_SUCCESS;
+}
+
+}  // namespace velk2::issuing
