@@ -106,8 +106,8 @@ class Listing {
 
 class DiskWalk {
  public:
-  DiskWalk(CompareResults* results, const Velk2Context* context)
-      : results_(results), context_(context) {}
+  DiskWalk(CompareResults* results, const Velk2Context* context, const FileProgress* on_file)
+      : results_(results), context_(context), on_file_(on_file) {}
 
   // Compares |level| with the directory open as |fd| (-1: it could not be
   // opened); the level's code.
@@ -149,7 +149,7 @@ class DiskWalk {
           const bool is_directory =
               ::fstatat(fd, entry.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
               S_ISDIR(st.st_mode);
-          Record(Join(level.path, entry.wide), VELK2_ENTRY_EXTRA, is_directory);
+          Record(Join(level.path, entry.wide), VELK2_ENTRY_EXTRA, is_directory, false);
         }
       }
     }
@@ -171,28 +171,30 @@ class DiskWalk {
     // What was opened may have been swapped in after the check.
     if (::fstat(opened.get(), &st) != 0 || !S_ISREG(st.st_mode)) return VELK2_ENTRY_INVALID;
     uint8_t digest[32];
-    if (HashDescriptor(opened.get(), digest, context_) != VELK2_SUCCESS) {
-      return VELK2_ENTRY_INVALID;
-    }
+    const Result hashed = HashDescriptor(opened.get(), digest, context_);
+    if (on_file_ != nullptr && *on_file_) (*on_file_)(static_cast<uint64_t>(st.st_size));
+    if (hashed != VELK2_SUCCESS) return VELK2_ENTRY_INVALID;
     return file.digest_length == sizeof digest &&
                    std::memcmp(digest, file.digest.data(), sizeof digest) == 0
                ? VELK2_ENTRY_VALID
                : VELK2_ENTRY_INVALID;
   }
 
-  void Record(std::u16string path, uint32_t status, bool is_directory) {
-    results_->push_back({std::move(path), status, is_directory});
+  void Record(std::u16string path, uint32_t status, bool is_directory, bool listed = true) {
+    results_->push_back({std::move(path), status, is_directory, listed});
   }
 
   CompareResults* results_;
   const Velk2Context* context_;
+  const FileProgress* on_file_;
 };
 
 // Records |directory| and everything below it with |status|.
 void RecordSubtree(const ManifestDirectory& directory, uint32_t status, CompareResults* results) {
-  results->push_back({directory.path, status, true});
+  const bool listed = status != VELK2_ENTRY_EXTRA;  // in the first manifest
+  results->push_back({directory.path, status, true, listed});
   for (const ManifestFileEntry& file : directory.files) {
-    results->push_back({Join(directory.path, file.name), status, false});
+    results->push_back({Join(directory.path, file.name), status, false, listed});
   }
   for (const ManifestDirectory& child : directory.directories) {
     RecordSubtree(child, status, results);
@@ -215,11 +217,11 @@ Result SummaryCode(const CompareResults& results, size_t first) {
 }
 
 Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
-                       const Velk2Context* context) {
+                       const Velk2Context* context, const FileProgress* on_file) {
   if (results == nullptr) return VELK2_ERR_PARAM_NULL;
   const std::string path = Utf16ToUtf8(root.path);
   const Descriptor package(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return DiskWalk(results, context).Level(root, package.get(), 0);
+  return DiskWalk(results, context, on_file).Level(root, package.get(), 0);
 }
 
 Result CompareDirectories(const ManifestDirectory& a, const ManifestDirectory& b,
@@ -244,8 +246,9 @@ Result CompareDirectories(const ManifestDirectory& a, const ManifestDirectory& b
         results->push_back({Join(a.path, x.name), VELK2_ENTRY_MISSING, false});
     } else {
       const ManifestFileEntry& y = b.files[j++];
-      if (!b.IsIgnored(y.name))
-        results->push_back({Join(a.path, y.name), VELK2_ENTRY_EXTRA, false});
+      if (!b.IsIgnored(y.name)) {
+        results->push_back({Join(a.path, y.name), VELK2_ENTRY_EXTRA, false, false});
+      }
     }
   }
   i = j = 0;

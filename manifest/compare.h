@@ -5,6 +5,7 @@
 #define VELK2_MANIFEST_COMPARE_H_
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@ struct CompareResult {
   std::u16string path;
   uint32_t status = 0;  // one VELK2_ENTRY_* bit
   bool is_directory = false;
+  bool listed = true;  // false for an entry found on disk only
 };
 using CompareResults = std::vector<CompareResult>;
 
@@ -44,8 +46,10 @@ using CompareResults = std::vector<CompareResult>;
 // Each directory is listed once and each file hashed once. The code: 22 when
 // anything is Invalid, else 5 when anything is Missing, else 74 when
 // anything is Extra, else 0.
+// |on_file| (optional) hears of every file read, with its size.
+using FileProgress = std::function<void(uint64_t bytes)>;
 Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
-                       const Velk2Context* context);
+                       const Velk2Context* context, const FileProgress* on_file = nullptr);
 
 // CompareDirectories compares manifest A (the context's) with manifest B,
 // both roots without a path: a file in both is Valid when the digests agree,

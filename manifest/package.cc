@@ -54,6 +54,12 @@ Result CollectResults(const CompareResults& results, ManifestContext* context) {
   return SummaryCode(results);
 }
 
+size_t CountFiles(const ManifestDirectory& level) {
+  size_t count = level.files.size();
+  for (const ManifestDirectory& directory : level.directories) count += CountFiles(directory);
+  return count;
+}
+
 }  // namespace
 
 Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_after,
@@ -70,7 +76,9 @@ Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_a
   result = ReadManifestBody(&root, file.body(), &ignored);
   if (result != VELK2_SUCCESS) return result;
   CompareResults results;
-  (void)CompareWithDisk(root, &results, context->library_context);
+  if (report != nullptr) report->files_listed = CountFiles(root);
+  (void)CompareWithDisk(root, &results, context->library_context,
+                        report != nullptr ? &report->on_file : nullptr);
   result = CollectResults(results, context);
   if (found != nullptr) *found = std::move(results);
   return result == VELK2_ERR_EXTRA_FILES && !context->fail_on_extra ? VELK2_SUCCESS : result;

@@ -13,6 +13,7 @@
 #define VELK2_MANIFEST_READ_H_
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -49,6 +50,10 @@ struct ManifestReport {
   Ref<SexpList> key;               // the manifest's hash principal
   engine::ReductionTrace* trace = nullptr;
   std::string* reduced_acl = nullptr;
+  // For a caller that shows progress: the files the manifest lists (set
+  // before the disk is read) and a call after every file read.
+  size_t files_listed = 0;
+  std::function<void(uint64_t bytes)> on_file;
 };
 
 // ReadManifest reads the context's manifest and, with |verify|, verifies it;

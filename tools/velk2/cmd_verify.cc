@@ -1,5 +1,9 @@
 // velk2 verify: is an installed package exactly what an authorized signer
 // shipped? And velk2 compare: how do two manifests differ?
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -64,9 +68,10 @@ Json Report(const CompareResults& found, const std::u16string& base, bool json) 
                       : entry.status == VELK2_ENTRY_INVALID ? 1
                       : entry.status == VELK2_ENTRY_MISSING ? 2
                                                             : 3;
-    // A directory is changed when anything below it is: its files say what,
-    // and only they (and extra directories) are counted and printed.
-    const bool counted = !entry.is_directory || entry.status == VELK2_ENTRY_EXTRA;
+    // A listed directory is changed or has extra entries when anything below
+    // it has: its files say what, and only they (and unlisted directories)
+    // are counted and printed.
+    const bool counted = !entry.is_directory || !entry.listed;
     if (counted) ++counts[index];
     std::u16string path = entry.path;
     if (!base.empty() && path.size() > base.size() && path.compare(0, base.size(), base) == 0 &&
@@ -93,12 +98,48 @@ Json Report(const CompareResults& found, const std::u16string& base, bool json) 
                               {"extra", counts[3]}}}};
 }
 
+// Files and bytes hashed, the rate and the time left, on one line of stderr
+// that is rewritten at most five times a second.
+class Progress {
+ public:
+  explicit Progress(const ManifestReport* report) : report_(report), start_(Clock::now()) {}
+  ~Progress() {
+    if (shown_) std::fputs("\n", stderr);
+  }
+
+  void File(uint64_t bytes) {
+    ++files_;
+    bytes_ += bytes;
+    const Clock::time_point now = Clock::now();
+    if (now - last_ < std::chrono::milliseconds(200) && files_ != report_->files_listed) return;
+    last_ = now;
+    shown_ = true;
+    const double seconds = std::chrono::duration<double>(now - start_).count();
+    const double rate = seconds > 0 ? static_cast<double>(bytes_) / seconds : 0;
+    const size_t total = std::max(report_->files_listed, files_);
+    const double left =
+        files_ > 0 ? seconds * static_cast<double>(total - files_) / static_cast<double>(files_)
+                   : 0;
+    std::fprintf(stderr, "\rhashed %zu/%zu files, %.1f MiB, %.1f MiB/s, %.0f s left   ", files_,
+                 total, static_cast<double>(bytes_) / (1 << 20), rate / (1 << 20), left);
+    std::fflush(stderr);
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  const ManifestReport* report_;
+  Clock::time_point start_, last_;
+  size_t files_ = 0;
+  uint64_t bytes_ = 0;
+  bool shown_ = false;
+};
+
 }  // namespace
 
 int RunVerify(const Args& args) {
   const char* kName = "verify";
   Options options({"store", "tag", "manifest", "not-before", "not-after"},
-                  {"allow-extra", "explain", "json"}, {"ignore"});
+                  {"allow-extra", "explain", "json", "progress", "no-progress"}, {"ignore"});
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
   std::optional<std::string> store = options.Get("store"), tag_text = options.Get("tag");
   if (options.positional().size() != 1 || !store || !tag_text) {
@@ -130,8 +171,17 @@ int RunVerify(const Args& args) {
   report.trace = &story.trace;
   std::string reduced;
   report.reduced_acl = &reduced;
+  if (options.Has("progress") && options.Has("no-progress")) {
+    return UsageError(kName, "--progress and --no-progress exclude each other");
+  }
+  std::optional<Progress> progress;
+  if (options.Has("progress") || (!options.Has("no-progress") && ::isatty(STDERR_FILENO))) {
+    progress.emplace(&report);
+    report.on_file = [&progress](uint64_t bytes) { progress->File(bytes); };
+  }
   CompareResults found;
   const Result result = VerifyPackage(&context, times[0], times[1], &report, &found);
+  progress.reset();
   const bool json = options.Has("json");
   if (r = result; r == VELK2_ERR_OPEN_MANIFEST_FILE) {
     return FailWith(kExitUsage, kName, "cannot read the manifest " + EscapeForDisplay(manifest), r);

@@ -115,14 +115,15 @@ const std::span<const Command> Commands() {
        RunTagIntersect},
       {"verify",
        "PKGDIR --store DIR --tag TEXT [--manifest FILE] [--not-before DATE] [--not-after DATE] "
-       "[--allow-extra] [--ignore PATH ...] [--explain] [--json]",
+       "[--allow-extra] [--ignore PATH ...] [--explain] [--json] [--progress | --no-progress]",
        "is PKGDIR exactly what an authorized signer shipped? Verifies the manifest (default "
        "PKGDIR/manifest: signatures, its revocation lists, its signer's authorization for "
        "TEXT under the store DIR, at the time of signing unless dates are given, its digest), "
        "then every file: one line per changed, missing or extra entry and the counts. Exit 0 "
        "when it verifies and every entry is valid (extra entries only with --allow-extra), 1 "
        "otherwise, 2 usage or unreadable input; --explain says why the signer is or is not "
-       "authorized",
+       "authorized; --progress (the default when stderr is a terminal) shows files and bytes "
+       "hashed, the rate and the time left",
        RunVerify},
   };
   return kCommands;
