@@ -6,3 +6,5 @@ add_test(NAME cli_fifo_never_blocks
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_fifo_test.sh $<TARGET_FILE:velk2_cli>)
 add_test(NAME cli_revocation_lists_and_chains
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_revocation_test.sh $<TARGET_FILE:velk2_cli>)
+add_test(NAME cli_manifests_sign_verify_compare
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_manifest_test.sh $<TARGET_FILE:velk2_cli>)
