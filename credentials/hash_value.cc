@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "frame/guard.h"
 #include "platform/files.h"
@@ -129,21 +130,26 @@ Result HashValue::Finish() {
   });
 }
 
-Result HashDescriptor(int fd, uint8_t (&digest)[32], const Velk2Context* context) {
+Result HashDescriptor(int fd, uint8_t (&digest)[32], const Velk2Context* context,
+                      std::vector<uint8_t>* block, int64_t size) {
   const uint32_t word = ContextWord(context);
   ZCRY_HASH hash = nullptr;
+  std::vector<uint8_t> own;
+  if (block == nullptr) block = &own;
   const Result result = [&]() -> Result {
     Result status = zcry_HashAlloc(&hash, ZCRY_HASH_SHA256, word);
     if (status != VELK2_SUCCESS) return status;
-    std::unique_ptr<uint8_t[]> block(new (std::nothrow) uint8_t[kFileBlockSize]);
-    if (block == nullptr) return VELK2_ERR_MEM_ALLOC;
-    (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    if (block->size() < kFileBlockSize) block->resize(kFileBlockSize);
+    // Read-ahead advice pays only for files that take more than a read or two.
+    if (size < 0 || size > static_cast<int64_t>(kFileBlockSize)) {
+      (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    }
     for (;;) {
-      const ssize_t got = ::read(fd, block.get(), kFileBlockSize);
+      const ssize_t got = ::read(fd, block->data(), kFileBlockSize);
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) return VELK2_ERR_READ_FILE;
       if (got == 0) break;
-      status = zcry_HashUpdate(hash, block.get(), static_cast<size_t>(got), word);
+      status = zcry_HashUpdate(hash, block->data(), static_cast<size_t>(got), word);
       if (status != VELK2_SUCCESS) return status;
     }
     return zcry_HashFinal(hash, digest, word);

@@ -49,6 +49,13 @@ std::u16string Folded(const std::u16string& name) {
 // One directory's entries, listed once, each claimed by at most one listed name.
 class Listing {
  public:
+  struct Entry {
+    std::string name;  // as on disk
+    std::u16string wide;
+    bool claimed;
+    unsigned char type;  // DT_REG, DT_DIR, ... or DT_UNKNOWN
+  };
+
   // False when the directory cannot be listed.
   bool Read(int fd) {
     const int copy = ::dup(fd);
@@ -61,7 +68,7 @@ class Listing {
     while (const dirent* entry = ::readdir(dir)) {
       const std::string_view name = entry->d_name;
       if (name == "." || name == "..") continue;
-      entries_.push_back({std::string(name), Utf8ToUtf16(name), false});
+      entries_.push_back({std::string(name), Utf8ToUtf16(name), false, entry->d_type});
     }
     ::closedir(dir);
     std::sort(entries_.begin(), entries_.end(),
@@ -75,7 +82,7 @@ class Listing {
 
   // The on-disk name for a listed |name|: the entry of exactly that name
   // when there is one, else the first unclaimed one equal but for case.
-  const std::string* Claim(const std::u16string& name) {
+  const Entry* Claim(const std::u16string& name) {
     auto exact = exact_.find(name);
     if (exact != exact_.end() && !entries_[exact->second].claimed) return Take(exact->second);
     auto [first, last] = folded_.equal_range(Folded(name));
@@ -86,17 +93,12 @@ class Listing {
     return best < entries_.size() ? Take(best) : nullptr;
   }
 
-  struct Entry {
-    std::string name;  // as on disk
-    std::u16string wide;
-    bool claimed;
-  };
   const std::vector<Entry>& entries() const { return entries_; }
 
  private:
-  const std::string* Take(size_t index) {
+  const Entry* Take(size_t index) {
     entries_[index].claimed = true;
-    return &entries_[index].name;
+    return &entries_[index];
   }
 
   std::vector<Entry> entries_;
@@ -118,17 +120,17 @@ class DiskWalk {
 
     for (const ManifestFileEntry& file : level.files) {
       if (level.IsIgnored(file.name)) continue;
-      const std::string* on_disk = listed ? listing.Claim(file.name) : nullptr;
+      const Listing::Entry* on_disk = listed ? listing.Claim(file.name) : nullptr;
       const uint32_t status = on_disk ? FileStatus(fd, *on_disk, file) : VELK2_ENTRY_MISSING;
       Record(Join(level.path, file.name), status, false);
     }
 
     for (const ManifestDirectory& directory : level.directories) {
       if (level.IsIgnored(directory.name)) continue;
-      const std::string* on_disk = listed ? listing.Claim(directory.name) : nullptr;
-      const Descriptor child(
-          on_disk ? ::openat(fd, on_disk->c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
-                  : -1);
+      const Listing::Entry* on_disk = listed ? listing.Claim(directory.name) : nullptr;
+      const Descriptor child(on_disk ? ::openat(fd, on_disk->name.c_str(),
+                                                O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
+                                     : -1);
       const Result code = Level(directory, child.get(), depth + 1);
       const uint32_t status = code == VELK2_SUCCESS           ? VELK2_ENTRY_VALID
                               : code == VELK2_ERR_FILE_OPEN   ? VELK2_ENTRY_MISSING
@@ -157,21 +159,24 @@ class DiskWalk {
   }
 
  private:
-  uint32_t FileStatus(int fd, const std::string& name, const ManifestFileEntry& file) {
-    // Only a regular file is opened: a device is never touched, a FIFO never
-    // waited on, a symlink never followed.
+  uint32_t FileStatus(int fd, const Listing::Entry& entry, const ManifestFileEntry& file) {
+    // Only what the directory says is a regular file is opened: a device is
+    // never touched, a FIFO never waited on, a symlink never followed.
+    const std::string& name = entry.name;
     struct stat st;
-    if (::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-      return errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
+    if (entry.type != DT_REG) {
+      if (::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
+      }
+      if (!S_ISREG(st.st_mode)) return VELK2_ENTRY_INVALID;
     }
-    if (!S_ISREG(st.st_mode)) return VELK2_ENTRY_INVALID;
     const Descriptor opened(
         ::openat(fd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (opened.get() < 0) return errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
     // What was opened may have been swapped in after the check.
     if (::fstat(opened.get(), &st) != 0 || !S_ISREG(st.st_mode)) return VELK2_ENTRY_INVALID;
     uint8_t digest[32];
-    const Result hashed = HashDescriptor(opened.get(), digest, context_);
+    const Result hashed = HashDescriptor(opened.get(), digest, context_, &block_, st.st_size);
     if (on_file_ != nullptr && *on_file_) (*on_file_)(static_cast<uint64_t>(st.st_size));
     if (hashed != VELK2_SUCCESS) return VELK2_ENTRY_INVALID;
     return file.digest_length == sizeof digest &&
@@ -187,6 +192,7 @@ class DiskWalk {
   CompareResults* results_;
   const Velk2Context* context_;
   const FileProgress* on_file_;
+  std::vector<uint8_t> block_;  // the read buffer, kept from file to file
 };
 
 // Records |directory| and everything below it with |status|.
