@@ -1,9 +1,12 @@
-// Verification of a certificate sequence, the one pipeline that every
-// verdict goes through: the command-line tool, the certificate exports and
-// the manifests. Three stages, each stopping at its first failure:
+// Verification of a certificate sequence, the one pipeline that every chain
+// verdict goes through: `velk2 authorize`, `velk2 cert verify` and the
+// certificate exports. (A manifest checks its pairs as it reads them and
+// leaves revoked certificates out instead of failing, so it runs the same
+// steps, CheckCertificate and the authorization query, in its own order.)
+// Three stages, each stopping at its first failure:
 //   1. signatures: every certificate/signature pair of the sequence, in order;
-//   2. revocation: the caller's check of every certificate (none yet when
-//      no check is given);
+//   2. revocation: the caller's check of every certificate (none when no
+//      check is given);
 //   3. authorization: the certificates rebuilt without their revocation
 //      specifications, put to AuthorizeKey with the caller's ACL, key, tag and
 //      period.
