@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tools/velk2/commands.h"
+#include "tools/velk2/docs.h"
 #include "velk2.h"
 
 namespace velk2::cli {
@@ -22,7 +23,9 @@ void PrintHelp(std::FILE* out) {
   }
   std::fprintf(out,
                "  velk2 --version\n      print the library version\n"
-               "  velk2 --help\n      print this help\n\n"
+               "  velk2 --help\n      print this help\n"
+               "  velk2 --manpage, velk2 --bash-completion\n"
+               "      print the manual page (roff) or the bash completion script\n\n"
                "exit status: 0 success, 1 failure or not verified, 2 usage or input error\n");
 }
 
@@ -83,6 +86,15 @@ int Run(int argc, char** argv) {
   if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0 ||
       std::strcmp(argv[1], "help") == 0) {
     PrintHelp(stdout);
+    return kExitOk;
+  }
+  // The manual page and the completion come from the table --help prints.
+  if (std::strcmp(argv[1], "--manpage") == 0) {
+    std::fputs(ManualPage().c_str(), stdout);
+    return kExitOk;
+  }
+  if (std::strcmp(argv[1], "--bash-completion") == 0) {
+    std::fputs(BashCompletion().c_str(), stdout);
     return kExitOk;
   }
   if (std::strcmp(argv[1], "--version") == 0) {
