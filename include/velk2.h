@@ -294,6 +294,11 @@ VELK2_EXPORT VELK2_RESULT SetIgnoredEntries(ManifestContext* context, const File
 VELK2_EXPORT void FailOnExtraEntries(ManifestContext* context);
 VELK2_EXPORT VELK2_RESULT SetExtraAclDirectory(ManifestContext* context, const char16_t* directory);
 VELK2_EXPORT VELK2_RESULT SetExtraAclDirectoryA(ManifestContext* context, const char* directory);
+/* SetHashThreads (an extension): |threads| hash files while VerifyManifest
+ * walks the package (0: one per core, at most 64; the default is 1, the walk
+ * hashing each file itself). The results, their order and the code are the
+ * same for any number. */
+VELK2_EXPORT VELK2_RESULT SetHashThreads(ManifestContext* context, uint32_t threads);
 /* GetTimeOfSigning: the manifest's time of signing, 0 before one was read. */
 VELK2_EXPORT int64_t GetTimeOfSigning(ManifestContext* context);
 

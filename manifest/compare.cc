@@ -7,8 +7,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <mutex>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -106,23 +110,157 @@ class Listing {
   std::unordered_multimap<std::u16string, size_t> folded_;
 };
 
+// The hashing of the files a walk opens: inline with one thread, else on a
+// small pool that works while the walk goes on. Each file's outcome goes to
+// its own slot, so the results, their order and every status are the same
+// whatever the number of threads.
+class HashPool {
+ public:
+  struct Outcome {
+    uint32_t status = VELK2_ENTRY_INVALID;
+    bool changed = false;  // the file changed while it was read
+  };
+
+  HashPool(unsigned threads, const Velk2Context* context, const FileProgress* on_file)
+      : context_(context), on_file_(on_file), limit_(32 * std::max(threads, 1u)) {
+    // More than one thread: that many workers hash while the walk opens files.
+    for (unsigned i = 0; threads > 1 && i < threads; ++i) workers_.emplace_back([this] { Work(); });
+  }
+  ~HashPool() { Finish(); }
+
+  // Hashes the open regular file |fd| (|before| its status) against |file|
+  // into |out|; takes the descriptor over.
+  void Submit(int fd, const struct stat& before, const ManifestFileEntry* file, Outcome* out) {
+    Job job{fd, before, file, out};
+    if (workers_.empty()) {
+      Run(job, &block_);
+      return;
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    // A bounded queue: every job holds an open descriptor.
+    space_.wait(lock, [this] { return queue_.size() < limit_; });
+    queue_.push_back(job);
+    work_.notify_one();
+  }
+
+  // Waits until every file submitted is hashed.
+  void Finish() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    work_.notify_all();
+    for (std::thread& worker : workers_) worker.join();
+    workers_.clear();
+  }
+
+ private:
+  struct Job {
+    int fd;
+    struct stat before;
+    const ManifestFileEntry* file;
+    Outcome* out;
+  };
+
+  void Work() {
+    std::vector<uint8_t> block;
+    std::vector<Job> batch;
+    for (;;) {
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        work_.wait(lock, [this] { return done_ || !queue_.empty(); });
+        if (queue_.empty()) return;
+        // Small files come in batches, so the queue's lock is not the cost.
+        while (!queue_.empty() && batch.size() < 16) {
+          batch.push_back(queue_.front());
+          queue_.pop_front();
+        }
+      }
+      space_.notify_all();
+      for (Job& job : batch) Run(job, &block);
+      batch.clear();
+    }
+  }
+
+  void Run(const Job& job, std::vector<uint8_t>* block) {
+    const Descriptor opened(job.fd);
+    uint8_t digest[32];
+    Result hashed = VELK2_FAILURE;
+    try {
+      hashed = HashDescriptor(opened.get(), digest, context_, block, job.before.st_size);
+    } catch (const std::bad_alloc&) {
+      hashed = VELK2_ERR_MEM_ALLOC;
+    }
+    if (on_file_ != nullptr && *on_file_) {
+      std::lock_guard<std::mutex> lock(progress_mutex_);
+      (*on_file_)(static_cast<uint64_t>(job.before.st_size));
+    }
+    // A file rewritten while it was read has no one digest: never valid.
+    struct stat after;
+    job.out->changed = ::fstat(opened.get(), &after) != 0 || Changed(job.before, after);
+    job.out->status = hashed == VELK2_SUCCESS && !job.out->changed &&
+                              job.file->digest_length == sizeof digest &&
+                              std::memcmp(digest, job.file->digest.data(), sizeof digest) == 0
+                          ? VELK2_ENTRY_VALID
+                          : VELK2_ENTRY_INVALID;
+  }
+
+  static bool Changed(const struct stat& a, const struct stat& b) {
+    return a.st_size != b.st_size || a.st_ino != b.st_ino || a.st_dev != b.st_dev ||
+           a.st_mtim.tv_sec != b.st_mtim.tv_sec || a.st_mtim.tv_nsec != b.st_mtim.tv_nsec ||
+           a.st_ctim.tv_sec != b.st_ctim.tv_sec || a.st_ctim.tv_nsec != b.st_ctim.tv_nsec;
+  }
+
+  const Velk2Context* context_;
+  const FileProgress* on_file_;
+  const size_t limit_;
+  std::vector<uint8_t> block_;  // the inline path's read buffer
+  std::vector<std::thread> workers_;
+  std::mutex mutex_, progress_mutex_;
+  std::condition_variable work_, space_;
+  std::deque<Job> queue_;
+  bool done_ = false;
+};
+
 class DiskWalk {
  public:
-  DiskWalk(CompareResults* results, const Velk2Context* context, const FileProgress* on_file)
-      : results_(results), context_(context), on_file_(on_file) {}
+  DiskWalk(CompareResults* results, const Velk2Context* context, const DiskOptions& options)
+      : results_(results), pool_(options.threads, context, options.on_file) {}
 
-  // Compares |level| with the directory open as |fd| (-1: it could not be
-  // opened); the level's code.
-  Result Level(const ManifestDirectory& level, int fd, int depth) {
+  // The walk, then the statuses that wait for hashing: files, then each
+  // directory from the records below it (they all precede it).
+  Result Run(const ManifestDirectory& root, int fd) {
     const size_t first = results_->size();
+    Level(root, fd, 0);
+    pool_.Finish();
+    for (const auto& [record, outcome] : files_) {
+      (*results_)[record].status = outcome->status;
+      (*results_)[record].changed_during = outcome->changed;
+    }
+    for (const auto& [record, begin] : directories_) {
+      const Result code = SummaryCode(*results_, begin, record);
+      (*results_)[record].status = code == VELK2_SUCCESS           ? VELK2_ENTRY_VALID
+                                   : code == VELK2_ERR_FILE_OPEN   ? VELK2_ENTRY_MISSING
+                                   : code == VELK2_ERR_EXTRA_FILES ? VELK2_ENTRY_EXTRA
+                                                                   : VELK2_ENTRY_INVALID;
+    }
+    return SummaryCode(*results_, first);
+  }
+
+ private:
+  // Records |level| as compared with the directory open as |fd| (-1: it
+  // could not be opened).
+  void Level(const ManifestDirectory& level, int fd, int depth) {
     Listing listing;
     const bool listed = fd >= 0 && listing.Read(fd);
 
     for (const ManifestFileEntry& file : level.files) {
       if (level.IsIgnored(file.name)) continue;
       const Listing::Entry* on_disk = listed ? listing.Claim(file.name) : nullptr;
-      const uint32_t status = on_disk ? FileStatus(fd, *on_disk, file) : VELK2_ENTRY_MISSING;
-      Record(Join(level.path, file.name), status, false);
+      Record(Join(level.path, file.name), VELK2_ENTRY_MISSING, false);
+      results_->back().has_digest = true;
+      results_->back().digest = file.digest;
+      if (on_disk != nullptr) OpenFile(fd, *on_disk, file);
     }
 
     for (const ManifestDirectory& directory : level.directories) {
@@ -131,12 +269,10 @@ class DiskWalk {
       const Descriptor child(on_disk ? ::openat(fd, on_disk->name.c_str(),
                                                 O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
                                      : -1);
-      const Result code = Level(directory, child.get(), depth + 1);
-      const uint32_t status = code == VELK2_SUCCESS           ? VELK2_ENTRY_VALID
-                              : code == VELK2_ERR_FILE_OPEN   ? VELK2_ENTRY_MISSING
-                              : code == VELK2_ERR_EXTRA_FILES ? VELK2_ENTRY_EXTRA
-                                                              : VELK2_ENTRY_INVALID;
-      Record(directory.path, status, true);
+      const size_t begin = results_->size();
+      Level(directory, child.get(), depth + 1);
+      directories_.emplace_back(results_->size(), begin);
+      Record(directory.path, VELK2_ENTRY_INVALID, true);
     }
 
     // The package directory itself is never scanned: what lies beside the
@@ -155,34 +291,41 @@ class DiskWalk {
         }
       }
     }
-    return SummaryCode(*results_, first);
   }
 
- private:
-  uint32_t FileStatus(int fd, const Listing::Entry& entry, const ManifestFileEntry& file) {
+  // Opens the file of the record just made and hands it to the pool; what
+  // cannot be opened as a regular file is settled here.
+  void OpenFile(int fd, const Listing::Entry& entry, const ManifestFileEntry& file) {
+    CompareResult& record = results_->back();
     // Only what the directory says is a regular file is opened: a device is
     // never touched, a FIFO never waited on, a symlink never followed.
     const std::string& name = entry.name;
     struct stat st;
     if (entry.type != DT_REG) {
       if (::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-        return errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
+        record.status = errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
+        return;
       }
-      if (!S_ISREG(st.st_mode)) return VELK2_ENTRY_INVALID;
+      if (!S_ISREG(st.st_mode)) {
+        record.status = VELK2_ENTRY_INVALID;
+        return;
+      }
     }
-    const Descriptor opened(
-        ::openat(fd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (opened.get() < 0) return errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
+    const int opened =
+        ::openat(fd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (opened < 0) {
+      record.status = errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
+      return;
+    }
     // What was opened may have been swapped in after the check.
-    if (::fstat(opened.get(), &st) != 0 || !S_ISREG(st.st_mode)) return VELK2_ENTRY_INVALID;
-    uint8_t digest[32];
-    const Result hashed = HashDescriptor(opened.get(), digest, context_, &block_, st.st_size);
-    if (on_file_ != nullptr && *on_file_) (*on_file_)(static_cast<uint64_t>(st.st_size));
-    if (hashed != VELK2_SUCCESS) return VELK2_ENTRY_INVALID;
-    return file.digest_length == sizeof digest &&
-                   std::memcmp(digest, file.digest.data(), sizeof digest) == 0
-               ? VELK2_ENTRY_VALID
-               : VELK2_ENTRY_INVALID;
+    if (::fstat(opened, &st) != 0 || !S_ISREG(st.st_mode)) {
+      ::close(opened);
+      record.status = VELK2_ENTRY_INVALID;
+      return;
+    }
+    outcomes_.emplace_back();
+    files_.emplace_back(results_->size() - 1, &outcomes_.back());
+    pool_.Submit(opened, st, &file, &outcomes_.back());
   }
 
   void Record(std::u16string path, uint32_t status, bool is_directory, bool listed = true) {
@@ -190,9 +333,10 @@ class DiskWalk {
   }
 
   CompareResults* results_;
-  const Velk2Context* context_;
-  const FileProgress* on_file_;
-  std::vector<uint8_t> block_;  // the read buffer, kept from file to file
+  std::deque<HashPool::Outcome> outcomes_;                    // stable slots, written by the pool
+  std::vector<std::pair<size_t, HashPool::Outcome*>> files_;  // record -> its outcome
+  std::vector<std::pair<size_t, size_t>> directories_;        // record -> its first child record
+  HashPool pool_;
 };
 
 // Records |directory| and everything below it with |status|.
@@ -201,6 +345,8 @@ void RecordSubtree(const ManifestDirectory& directory, uint32_t status, CompareR
   results->push_back({directory.path, status, true, listed});
   for (const ManifestFileEntry& file : directory.files) {
     results->push_back({Join(directory.path, file.name), status, false, listed});
+    results->back().has_digest = true;
+    results->back().digest = file.digest;
   }
   for (const ManifestDirectory& child : directory.directories) {
     RecordSubtree(child, status, results);
@@ -213,9 +359,9 @@ int CompareNames(const std::u16string& a, const std::u16string& b) {
 
 }  // namespace
 
-Result SummaryCode(const CompareResults& results, size_t first) {
+Result SummaryCode(const CompareResults& results, size_t first, size_t end) {
   uint32_t seen = 0;
-  for (size_t i = first; i < results.size(); ++i) seen |= results[i].status;
+  for (size_t i = first; i < std::min(end, results.size()); ++i) seen |= results[i].status;
   if (seen & VELK2_ENTRY_INVALID) return VELK2_ERR_HASH_MISMATCH;
   if (seen & VELK2_ENTRY_MISSING) return VELK2_ERR_FILE_NOT_FOUND;
   if (seen & VELK2_ENTRY_EXTRA) return VELK2_ERR_EXTRA_FILES;
@@ -223,11 +369,11 @@ Result SummaryCode(const CompareResults& results, size_t first) {
 }
 
 Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
-                       const Velk2Context* context, const FileProgress* on_file) {
+                       const Velk2Context* context, const DiskOptions& options) {
   if (results == nullptr) return VELK2_ERR_PARAM_NULL;
   const std::string path = Utf16ToUtf8(root.path);
   const Descriptor package(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return DiskWalk(results, context, on_file).Level(root, package.get(), 0);
+  return DiskWalk(results, context, options).Run(root, package.get());
 }
 
 Result CompareDirectories(const ManifestDirectory& a, const ManifestDirectory& b,
@@ -246,14 +392,21 @@ Result CompareDirectories(const ManifestDirectory& a, const ManifestDirectory& b
       const bool same = x.digest_length == y.digest_length && x.digest == y.digest;
       results->push_back(
           {Join(a.path, x.name), same ? VELK2_ENTRY_VALID : VELK2_ENTRY_INVALID, false});
+      results->back().has_digest = true;
+      results->back().digest = x.digest;
     } else if (order < 0) {
       const ManifestFileEntry& x = a.files[i++];
-      if (!a.IsIgnored(x.name))
+      if (!a.IsIgnored(x.name)) {
         results->push_back({Join(a.path, x.name), VELK2_ENTRY_MISSING, false});
+        results->back().has_digest = true;
+        results->back().digest = x.digest;
+      }
     } else {
       const ManifestFileEntry& y = b.files[j++];
       if (!b.IsIgnored(y.name)) {
         results->push_back({Join(a.path, y.name), VELK2_ENTRY_EXTRA, false, false});
+        results->back().has_digest = true;
+        results->back().digest = y.digest;
       }
     }
   }

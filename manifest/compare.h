@@ -4,6 +4,8 @@
 #ifndef VELK2_MANIFEST_COMPARE_H_
 #define VELK2_MANIFEST_COMPARE_H_
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -20,7 +22,12 @@ struct CompareResult {
   std::u16string path;
   uint32_t status = 0;  // one VELK2_ENTRY_* bit
   bool is_directory = false;
-  bool listed = true;  // false for an entry found on disk only
+  bool listed = true;           // false for an entry found on disk only
+  bool changed_during = false;  // a file that changed while it was read
+  // A listed file's digest, as its manifest states it (for a reader that
+  // pairs missing and extra files).
+  bool has_digest = false;
+  std::array<uint8_t, 32> digest{};
 };
 using CompareResults = std::vector<CompareResult>;
 
@@ -46,10 +53,18 @@ using CompareResults = std::vector<CompareResult>;
 // Each directory is listed once and each file hashed once. The code: 22 when
 // anything is Invalid, else 5 when anything is Missing, else 74 when
 // anything is Extra, else 0.
-// |on_file| (optional) hears of every file read, with its size.
+// How the disk is read: |threads| hash files while the walk goes on (1: the
+// walk hashes each file itself); the results are the same for any number.
+// |on_file| (optional) hears of every file read, with its size, one call at
+// a time. A file whose size, times or inode change while it is read is
+// Invalid, with changed_during set (an extension: one read has no digest).
 using FileProgress = std::function<void(uint64_t bytes)>;
+struct DiskOptions {
+  unsigned threads = 1;
+  const FileProgress* on_file = nullptr;
+};
 Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
-                       const Velk2Context* context, const FileProgress* on_file = nullptr);
+                       const Velk2Context* context, const DiskOptions& options = {});
 
 // CompareDirectories compares manifest A (the context's) with manifest B,
 // both roots without a path: a file in both is Valid when the digests agree,
@@ -58,8 +73,8 @@ Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
 Result CompareDirectories(const ManifestDirectory& a, const ManifestDirectory& b,
                           CompareResults* results);
 
-// The code of a set of results: 22, else 5, else 74, else 0.
-Result SummaryCode(const CompareResults& results, size_t first = 0);
+// The code of results [first, end): 22, else 5, else 74, else 0.
+Result SummaryCode(const CompareResults& results, size_t first = 0, size_t end = SIZE_MAX);
 
 }  // namespace velk2
 

@@ -3,6 +3,7 @@
 // with another manifest, and the four result lists.
 #include <algorithm>
 #include <memory>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -142,6 +143,17 @@ VELK2_EXPORT VELK2_RESULT SetExtraAclDirectory(ManifestContext* handle, const ch
 VELK2_EXPORT VELK2_RESULT SetExtraAclDirectoryA(ManifestContext* handle, const char* directory) {
   return WithWide(directory,
                   [&](const char16_t* wide) { return SetExtraAclDirectory(handle, wide); });
+}
+
+// An extension: the design hashes one file at a time, and that stays the
+// default, so existing callers see no threads.
+VELK2_EXPORT VELK2_RESULT SetHashThreads(ManifestContext* handle, uint32_t threads) {
+  if (handle == nullptr) return VELK2_ERR_PARAM_NULL;
+  ManifestContext* context = Checked(handle);
+  if (context == nullptr) return VELK2_ERR_INVALID_PARAM;
+  if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+  context->hash_threads = std::min<uint32_t>(threads, 64);
+  return VELK2_SUCCESS;
 }
 
 VELK2_EXPORT int64_t GetTimeOfSigning(ManifestContext* handle) {

@@ -77,8 +77,10 @@ Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_a
   if (result != VELK2_SUCCESS) return result;
   CompareResults results;
   if (report != nullptr) report->files_listed = CountFiles(root);
-  (void)CompareWithDisk(root, &results, context->library_context,
-                        report != nullptr ? &report->on_file : nullptr);
+  DiskOptions options;
+  options.threads = context->hash_threads;
+  options.on_file = report != nullptr ? &report->on_file : nullptr;
+  (void)CompareWithDisk(root, &results, context->library_context, options);
   result = CollectResults(results, context);
   if (found != nullptr) *found = std::move(results);
   return result == VELK2_ERR_EXTRA_FILES && !context->fail_on_extra ? VELK2_SUCCESS : result;

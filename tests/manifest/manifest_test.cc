@@ -17,6 +17,7 @@
 #include "credentials/certificate_sequence.h"
 #include "frame/file_item.h"
 #include "manifest/body.h"
+#include "manifest/package.h"
 #include "platform/zcry.h"
 #include "tools/issuing/acl_entry.h"
 #include "tools/issuing/manifest.h"
@@ -409,6 +410,72 @@ TEST_F(Package, ContextRulesAndComparison) {
   EXPECT_EQ(GetInvalidEntries(context), nullptr);
   EXPECT_EQ(CompareManifestA(context, dir_.Sub("none").c_str()), VELK2_ERR_OPEN_MANIFEST_FILE);
   EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
+}
+
+// An extension: threads hash while the walk goes on, and the report is the
+// same, item by item and in order, for any number of them.
+TEST_F(Package, ThreadsChangeNothingInTheReport) {
+  for (int i = 0; i < 40; ++i) WriteFile(Pkg("many/f" + std::to_string(i)), std::to_string(i));
+  Sign();
+  WriteFile(Pkg("bin/app"), "patched");
+  fs::remove(Pkg("many/f7"));
+  WriteFile(Pkg("many/new"), "new");
+  WriteFile(Pkg("share/doc/README"), "changed too");
+  auto lists = [&](uint32_t threads) {
+    ManifestContext* context = nullptr;
+    EXPECT_EQ(CreateManifestContextA(&context, Pkg().c_str(), Pkg("manifest").c_str(), kInstall),
+              VELK2_SUCCESS);
+    FileItem* ignored = FileItemCreate(u"many/f3", nullptr);
+    EXPECT_EQ(SetIgnoredEntries(context, ignored), VELK2_SUCCESS);
+    FreeFileItemList(ignored);
+    EXPECT_EQ(SetHashThreads(context, threads), VELK2_SUCCESS);
+    std::vector<std::string> all = {std::to_string(VerifyManifest(context, 0, 0))};
+    for (const FileItem* list : {GetValidEntries(context), GetInvalidEntries(context),
+                                 GetMissingEntries(context), GetExtraEntries(context)}) {
+      all.push_back("--");
+      for (; list != nullptr; list = list->next) {
+        all.push_back(std::string(list->name) + (list->is_directory ? "/" : ""));
+      }
+    }
+    EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
+    return all;
+  };
+  const std::vector<std::string> one = lists(1);
+  EXPECT_EQ(one[0], std::to_string(VELK2_ERR_HASH_MISMATCH));
+  EXPECT_EQ(lists(2), one);
+  EXPECT_EQ(lists(8), one);
+  EXPECT_EQ(lists(0), one);  // one per core
+  EXPECT_EQ(SetHashThreads(nullptr, 2), VELK2_ERR_PARAM_NULL);
+}
+
+// A file rewritten while it is read has no one digest: it is changed, never
+// valid, whatever the bytes read happened to be.
+TEST_F(Package, AFileChangedWhileReadIsChanged) {
+  Sign();
+  for (unsigned threads : {1u, 2u}) {
+    ManifestContext context;
+    context.package_directory = Utf8ToUtf16(Pkg());
+    context.manifest_path = Utf8ToUtf16(Pkg("manifest"));
+    context.tag = TagList(kInstall);
+    context.hash_threads = threads;
+    ManifestReport report;
+    // Called after each file is read and before its status is looked at again.
+    report.on_file = [&](uint64_t) {
+      std::ofstream(Pkg("bin/tool"), std::ios::app) << "";
+      fs::last_write_time(Pkg("bin/tool"), fs::file_time_type::clock::now());
+    };
+    CompareResults found;
+    EXPECT_EQ(VerifyPackage(&context, 0, 0, &report, &found), VELK2_ERR_HASH_MISMATCH);
+    size_t changed = 0;
+    for (const CompareResult& entry : found) {
+      if (entry.changed_during) {
+        ++changed;
+        EXPECT_EQ(entry.status, VELK2_ENTRY_INVALID);
+        EXPECT_NE(Utf16ToUtf8(entry.path).find("bin/tool"), std::string::npos);
+      }
+    }
+    EXPECT_EQ(changed, 1u) << threads << " threads";
+  }
 }
 
 }  // namespace

@@ -47,10 +47,35 @@ has "extra dir" out.txt '^extra share/extra-dir/$'
 if grep -q 'beside' out.txt; then fail "the package directory was scanned"; fi
 has "summary" out.txt '^valid 1, changed 1, missing 1, extra 2$'
 verify 1 copy --json
-json "json counts" 'j["manifest_verified"] and j["counts"] == {"valid": 1, "changed": 1, "missing": 1, "extra": 2}'
+json "json counts" 'j["manifest_verified"] and j["counts"] == {"valid": 1, "changed": 1, "missing": 1, "extra": 2, "moved": 0}'
 verify 1 copy --ignore bin/app --ignore share/doc/README
 has "ignored" out.txt '^valid 1, changed 0, missing 0, extra 2$'
 verify 0 copy --ignore bin/app --ignore share/doc/README --allow-extra
+
+# The same report with any number of threads.
+"$velk2" verify copy --store store --tag '(pkg install)' --jobs 1 >one.txt
+"$velk2" verify copy --store store --tag '(pkg install)' --jobs 2 >two.txt
+cmp -s one.txt two.txt || fail "--jobs 2 reports otherwise than --jobs 1"
+verify 2 copy --jobs 0
+
+# Moved files: a missing file found again as an extra one. Two missing files of
+# equal content and one extra copy make one move, not two.
+cp -r pkg moved
+echo same > moved/bin/twin1
+echo same > moved/bin/twin2
+check "sign twins" 0 "$velk2" manifest sign moved --key signer.pem --chain chain.cert --tag '(pkg install)' --out moved/manifest
+mv moved/share/doc/README moved/share/doc/README.old
+mv moved/bin/twin1 moved/bin/twin3
+rm moved/bin/twin2
+echo other > moved/bin/unrelated
+verify 1 moved
+has "moved" out.txt '^moved share/doc/README -> share/doc/README.old$'
+has "twin moved" out.txt '^moved bin/twin[12] -> bin/twin3$'
+has "twin missing" out.txt '^missing bin/twin[12]$'
+has "unrelated extra" out.txt '^extra bin/unrelated$'
+has "moved counts" out.txt '^valid 2, changed 0, missing 3, extra 3 \(moved 2\)$'
+verify 1 moved --json
+json "json moves" 'len(j["moves"]) == 2 and j["counts"]["moved"] == 2'
 
 # The signer and the manifest itself.
 check "wrong tag" 1 "$velk2" verify pkg --store store --tag '(pkg remove)' --explain

@@ -1,17 +1,25 @@
 // velk2 verify: is an installed package exactly what an authorized signer
 // shipped? And velk2 compare: how do two manifests differ?
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "credentials/date.h"
+#include "credentials/hash_value.h"
 #include "frame/file_item.h"
 #include "frame/paths.h"
 #include "manifest/context.h"
@@ -58,12 +66,77 @@ int ReadIgnored(const Options& options, ManifestContext* context) {
   return kExitOk;
 }
 
+// The SHA-256 of an extra file found in the package, when it is a regular
+// file (never followed, never waited on); false otherwise.
+bool DigestOfExtra(const std::u16string& path, std::array<uint8_t, 32>* digest) {
+  const std::string narrow = Utf16ToUtf8(path);
+  const int fd = ::open(narrow.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st;
+  uint8_t bytes[32];
+  const bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+                  HashDescriptor(fd, bytes, nullptr, nullptr, st.st_size) == VELK2_SUCCESS;
+  ::close(fd);
+  if (ok) std::memcpy(digest->data(), bytes, sizeof bytes);
+  return ok;
+}
+
+// The tool's reading of the lists: a missing file whose digest an extra
+// file has was moved there. Each extra file pairs with one missing file at
+// most, so two missing files of equal content and one extra file make one
+// move. moved[i] is the index of the extra entry that entry i moved to.
+std::vector<size_t> FindMoves(CompareResults* found, bool hash_extras) {
+  std::vector<size_t> moved(found->size(), SIZE_MAX);
+  std::vector<bool> taken(found->size(), false);
+  bool any_missing = false;
+  for (const CompareResult& entry : *found) {
+    any_missing |= entry.status == VELK2_ENTRY_MISSING && entry.has_digest && !entry.is_directory;
+  }
+  if (!any_missing) return moved;
+  for (CompareResult& entry : *found) {
+    if (hash_extras && entry.status == VELK2_ENTRY_EXTRA && !entry.is_directory) {
+      entry.has_digest = DigestOfExtra(entry.path, &entry.digest);
+    }
+  }
+  for (size_t i = 0; i < found->size(); ++i) {
+    const CompareResult& gone = (*found)[i];
+    if (gone.status != VELK2_ENTRY_MISSING || !gone.has_digest || gone.is_directory) continue;
+    for (size_t j = 0; j < found->size(); ++j) {
+      const CompareResult& extra = (*found)[j];
+      if (extra.status != VELK2_ENTRY_EXTRA || extra.is_directory || !extra.has_digest ||
+          taken[j] || extra.digest != gone.digest) {
+        continue;
+      }
+      moved[i] = j;
+      taken[j] = true;
+      break;
+    }
+  }
+  return moved;
+}
+
 // Prints the entries that are not valid, one line each, and the counts;
 // |base| is cut from the front of every path.
-Json Report(const CompareResults& found, const std::u16string& base, bool json) {
+Json Report(CompareResults* results, const std::u16string& base, bool json, bool hash_extras) {
+  const CompareResults& found = *results;
+  const std::vector<size_t> moved = FindMoves(results, hash_extras);
+  std::vector<bool> moved_to(found.size(), false);
+  for (size_t to : moved) {
+    if (to != SIZE_MAX) moved_to[to] = true;
+  }
+  auto shown = [&](size_t i) {
+    std::u16string path = found[i].path;
+    if (!base.empty() && path.size() > base.size() && path.compare(0, base.size(), base) == 0 &&
+        path[base.size()] == u'/') {
+      path = path.substr(base.size() + 1);
+    }
+    return Utf16ToUtf8(path);
+  };
   size_t counts[4] = {0, 0, 0, 0};
-  Json entries = Json::array();
-  for (const CompareResult& entry : found) {
+  size_t moves = 0;
+  Json entries = Json::array(), moves_json = Json::array();
+  for (size_t i = 0; i < found.size(); ++i) {
+    const CompareResult& entry = found[i];
     const int index = entry.status == VELK2_ENTRY_VALID     ? 0
                       : entry.status == VELK2_ENTRY_INVALID ? 1
                       : entry.status == VELK2_ENTRY_MISSING ? 2
@@ -73,29 +146,41 @@ Json Report(const CompareResults& found, const std::u16string& base, bool json) 
     // are counted and printed.
     const bool counted = !entry.is_directory || !entry.listed;
     if (counted) ++counts[index];
-    std::u16string path = entry.path;
-    if (!base.empty() && path.size() > base.size() && path.compare(0, base.size(), base) == 0 &&
-        path[base.size()] == u'/') {
-      path = path.substr(base.size() + 1);
+    const std::string path = shown(i);
+    if (moved[i] != SIZE_MAX) {
+      ++moves;
+      if (json) {
+        moves_json.push_back(Json{{"from", path}, {"to", shown(moved[i])}});
+      } else {
+        std::printf("moved %s -> %s\n", EscapeForDisplay(path).c_str(),
+                    EscapeForDisplay(shown(moved[i])).c_str());
+      }
     }
-    const std::string shown = EscapeForDisplay(Utf16ToUtf8(path)) + (entry.is_directory ? "/" : "");
     if (json) {
-      entries.push_back(Json{{"path", Utf16ToUtf8(path)},
-                             {"status", StatusWord(entry.status)},
-                             {"directory", entry.is_directory}});
-    } else if (entry.status != VELK2_ENTRY_VALID && counted) {
-      std::printf("%s %s\n", StatusWord(entry.status), shown.c_str());
+      Json item{
+          {"path", path}, {"status", StatusWord(entry.status)}, {"directory", entry.is_directory}};
+      if (entry.changed_during) item["changed_during_verification"] = true;
+      entries.push_back(item);
+    } else if (entry.status != VELK2_ENTRY_VALID && counted && moved[i] == SIZE_MAX &&
+               !moved_to[i]) {
+      std::printf("%s %s%s%s\n", StatusWord(entry.status), EscapeForDisplay(path).c_str(),
+                  entry.is_directory ? "/" : "",
+                  entry.changed_during ? " (changed during verification)" : "");
     }
   }
   if (!json) {
-    std::printf("valid %zu, changed %zu, missing %zu, extra %zu\n", counts[0], counts[1], counts[2],
+    std::printf("valid %zu, changed %zu, missing %zu, extra %zu", counts[0], counts[1], counts[2],
                 counts[3]);
+    if (moves > 0) std::printf(" (moved %zu)", moves);
+    std::printf("\n");
   }
   return Json{{"entries", entries},
+              {"moves", moves_json},
               {"counts", Json{{"valid", counts[0]},
                               {"changed", counts[1]},
                               {"missing", counts[2]},
-                              {"extra", counts[3]}}}};
+                              {"extra", counts[3]},
+                              {"moved", moves}}}};
 }
 
 // Files and bytes hashed, the rate and the time left, on one line of stderr
@@ -138,7 +223,7 @@ class Progress {
 
 int RunVerify(const Args& args) {
   const char* kName = "verify";
-  Options options({"store", "tag", "manifest", "not-before", "not-after"},
+  Options options({"store", "tag", "manifest", "not-before", "not-after", "jobs"},
                   {"allow-extra", "explain", "json", "progress", "no-progress"}, {"ignore"});
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
   std::optional<std::string> store = options.Get("store"), tag_text = options.Get("tag");
@@ -152,6 +237,17 @@ int RunVerify(const Args& args) {
   context.package_directory = Utf8ToUtf16(package);
   context.manifest_path = Utf8ToUtf16(manifest);
   context.fail_on_extra = !options.Has("allow-extra");
+  // Files are hashed by one thread per core unless told otherwise.
+  unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
+  if (std::optional<std::string> text = options.Get("jobs")) {
+    if (text->empty() || text->size() > 3 ||
+        text->find_first_not_of("0123456789") != std::string::npos || std::stoul(*text) == 0 ||
+        std::stoul(*text) > 64) {
+      return UsageError(kName, "--jobs takes a number of threads from 1 to 64");
+    }
+    jobs = static_cast<unsigned>(std::stoul(*text));
+  }
+  context.hash_threads = std::min(jobs, 64u);
   Result r = issuing::ParseTag(*tag_text, &context.tag);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read the tag", r);
   ReadIgnored(options, &context);
@@ -212,9 +308,10 @@ int RunVerify(const Args& args) {
     if (options.Has("explain") && report.key) std::fputs(VerdictText(story, true).c_str(), stdout);
   }
   if (report.verified) {
-    Json listed = Report(found, context.package_directory, json);
+    Json listed = Report(&found, context.package_directory, json, true);
     if (json) {
       out["entries"] = listed["entries"];
+      out["moves"] = listed["moves"];
       out["counts"] = listed["counts"];
     }
   }
@@ -244,7 +341,7 @@ int RunCompare(const Args& args) {
     return FailWith(kExitUsage, kName, "cannot read both manifests", r);
   }
   const bool json = options.Has("json");
-  Json listed = Report(found, std::u16string(), json);
+  Json listed = Report(&found, std::u16string(), json, false);
   if (json) {
     Json out{{"result", static_cast<int32_t>(r)},
              {"message", StatusMessage(r)},

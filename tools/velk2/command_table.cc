@@ -49,7 +49,8 @@ const std::span<const Command> Commands() {
        RunCertVerify},
       {"compare", "A B [--ignore PATH ...] [--json]",
        "compare two manifests (their signatures and digests checked, not their signers): "
-       "one line per changed, missing (in A only) or extra (in B only) entry and the counts; "
+       "one line per changed, missing (in A only), extra (in B only) or moved entry and the "
+       "counts; "
        "exit 0 when they list the same, 1 when not, 2 when one cannot be read",
        RunCompare},
       {"crl import", "DIR --store DIR",
@@ -115,7 +116,8 @@ const std::span<const Command> Commands() {
        RunTagIntersect},
       {"verify",
        "PKGDIR --store DIR --tag TEXT [--manifest FILE] [--not-before DATE] [--not-after DATE] "
-       "[--allow-extra] [--ignore PATH ...] [--explain] [--json] [--progress | --no-progress]",
+       "[--allow-extra] [--ignore PATH ...] [--jobs N] [--explain] [--json] "
+       "[--progress | --no-progress]",
        "is PKGDIR exactly what an authorized signer shipped? Verifies the manifest (default "
        "PKGDIR/manifest: signatures, its revocation lists, its signer's authorization for "
        "TEXT under the store DIR, at the time of signing unless dates are given, its digest), "
@@ -123,7 +125,10 @@ const std::span<const Command> Commands() {
        "when it verifies and every entry is valid (extra entries only with --allow-extra), 1 "
        "otherwise, 2 usage or unreadable input; --explain says why the signer is or is not "
        "authorized; --progress (the default when stderr is a terminal) shows files and bytes "
-       "hashed, the rate and the time left",
+       "hashed, the rate and the time left. N threads hash files (default: one per core), "
+       "with the same report as one; a file that changes while it is read is changed "
+       "(\"changed during verification\"), and a missing file found again as an extra "
+       "one is shown as moved",
        RunVerify},
   };
   return kCommands;
