@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string_view>
 #include <thread>
@@ -98,6 +99,11 @@ class Listing {
   }
 
   const std::vector<Entry>& entries() const { return entries_; }
+  // Frees the name index once every listed name has been claimed.
+  void DropIndex() {
+    exact_ = {};
+    folded_ = {};
+  }
 
  private:
   const Entry* Take(size_t index) {
@@ -128,16 +134,16 @@ class HashPool {
   }
   ~HashPool() { Finish(); }
 
-  // Hashes the open regular file |fd| (|before| its status) against |file|
-  // into |out|; takes the descriptor over.
-  void Submit(int fd, const struct stat& before, const ManifestFileEntry* file, Outcome* out) {
-    Job job{fd, before, file, out};
+  // Reads the directory's |entry| and hashes it against |file| into |out|.
+  void Submit(std::shared_ptr<const Descriptor> directory, const Listing::Entry* entry,
+              const ManifestFileEntry* file, Outcome* out) {
+    Job job{std::move(directory), entry, file, out};
     if (workers_.empty()) {
       Run(job, &block_);
       return;
     }
     std::unique_lock<std::mutex> lock(mutex_);
-    // A bounded queue: every job holds an open descriptor.
+    // A bounded queue: every job holds its directory open.
     space_.wait(lock, [this] { return queue_.size() < limit_; });
     queue_.push_back(job);
     work_.notify_one();
@@ -156,8 +162,8 @@ class HashPool {
 
  private:
   struct Job {
-    int fd;
-    struct stat before;
+    std::shared_ptr<const Descriptor> directory;  // open until its last file is read
+    const Listing::Entry* entry;                  // lives as long as the walk
     const ManifestFileEntry* file;
     Outcome* out;
   };
@@ -178,31 +184,51 @@ class HashPool {
       }
       space_.notify_all();
       for (Job& job : batch) Run(job, &block);
-      batch.clear();
+      batch.clear();  // the directories close as their last files are done
     }
   }
 
-  void Run(const Job& job, std::vector<uint8_t>* block) {
-    const Descriptor opened(job.fd);
+  void Run(const Job& job, std::vector<uint8_t>* block) { job.out->status = Read(job, block); }
+
+  // The file's status. Only what the directory says is a regular file is
+  // opened without a look first: a device is never touched, a FIFO never
+  // waited on, a symlink never followed.
+  uint32_t Read(const Job& job, std::vector<uint8_t>* block) {
+    const int directory = job.directory->get();
+    const char* name = job.entry->name.c_str();
+    struct stat before;
+    if (job.entry->type != DT_REG) {
+      if (::fstatat(directory, name, &before, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
+      }
+      if (!S_ISREG(before.st_mode)) return VELK2_ENTRY_INVALID;
+    }
+    const Descriptor opened(
+        ::openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (opened.get() < 0) return errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
+    // What was opened may have been swapped in after the look.
+    if (::fstat(opened.get(), &before) != 0 || !S_ISREG(before.st_mode)) {
+      return VELK2_ENTRY_INVALID;
+    }
     uint8_t digest[32];
     Result hashed = VELK2_FAILURE;
     try {
-      hashed = HashDescriptor(opened.get(), digest, context_, block, job.before.st_size);
+      hashed = HashDescriptor(opened.get(), digest, context_, block, before.st_size);
     } catch (const std::bad_alloc&) {
       hashed = VELK2_ERR_MEM_ALLOC;
     }
     if (on_file_ != nullptr && *on_file_) {
       std::lock_guard<std::mutex> lock(progress_mutex_);
-      (*on_file_)(static_cast<uint64_t>(job.before.st_size));
+      (*on_file_)(static_cast<uint64_t>(before.st_size));
     }
     // A file rewritten while it was read has no one digest: never valid.
     struct stat after;
-    job.out->changed = ::fstat(opened.get(), &after) != 0 || Changed(job.before, after);
-    job.out->status = hashed == VELK2_SUCCESS && !job.out->changed &&
-                              job.file->digest_length == sizeof digest &&
-                              std::memcmp(digest, job.file->digest.data(), sizeof digest) == 0
-                          ? VELK2_ENTRY_VALID
-                          : VELK2_ENTRY_INVALID;
+    job.out->changed = ::fstat(opened.get(), &after) != 0 || Changed(before, after);
+    return hashed == VELK2_SUCCESS && !job.out->changed &&
+                   job.file->digest_length == sizeof digest &&
+                   std::memcmp(digest, job.file->digest.data(), sizeof digest) == 0
+               ? VELK2_ENTRY_VALID
+               : VELK2_ENTRY_INVALID;
   }
 
   static bool Changed(const struct stat& a, const struct stat& b) {
@@ -229,9 +255,9 @@ class DiskWalk {
 
   // The walk, then the statuses that wait for hashing: files, then each
   // directory from the records below it (they all precede it).
-  Result Run(const ManifestDirectory& root, int fd) {
+  Result Run(const ManifestDirectory& root, std::shared_ptr<const Descriptor> package) {
     const size_t first = results_->size();
-    Level(root, fd, 0);
+    Level(root, std::move(package), 0);
     pool_.Finish();
     for (const auto& [record, outcome] : files_) {
       (*results_)[record].status = outcome->status;
@@ -250,8 +276,12 @@ class DiskWalk {
  private:
   // Records |level| as compared with the directory open as |fd| (-1: it
   // could not be opened).
-  void Level(const ManifestDirectory& level, int fd, int depth) {
-    Listing listing;
+  void Level(const ManifestDirectory& level, std::shared_ptr<const Descriptor> open_directory,
+             int depth) {
+    const int fd = open_directory->get();
+    // The listing outlives the pool's jobs, which point into it.
+    listings_.emplace_back();
+    Listing& listing = listings_.back();
     const bool listed = fd >= 0 && listing.Read(fd);
 
     for (const ManifestFileEntry& file : level.files) {
@@ -260,17 +290,18 @@ class DiskWalk {
       Record(Join(level.path, file.name), VELK2_ENTRY_MISSING, false);
       results_->back().has_digest = true;
       results_->back().digest = file.digest;
-      if (on_disk != nullptr) OpenFile(fd, *on_disk, file);
+      if (on_disk != nullptr) OpenFile(open_directory, *on_disk, file);
     }
 
     for (const ManifestDirectory& directory : level.directories) {
       if (level.IsIgnored(directory.name)) continue;
       const Listing::Entry* on_disk = listed ? listing.Claim(directory.name) : nullptr;
-      const Descriptor child(on_disk ? ::openat(fd, on_disk->name.c_str(),
-                                                O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
-                                     : -1);
+      auto child = std::make_shared<const Descriptor>(
+          on_disk
+              ? ::openat(fd, on_disk->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
+              : -1);
       const size_t begin = results_->size();
-      Level(directory, child.get(), depth + 1);
+      Level(directory, std::move(child), depth + 1);
       directories_.emplace_back(results_->size(), begin);
       Record(directory.path, VELK2_ENTRY_INVALID, true);
     }
@@ -291,41 +322,15 @@ class DiskWalk {
         }
       }
     }
+    listing.DropIndex();
   }
 
-  // Opens the file of the record just made and hands it to the pool; what
-  // cannot be opened as a regular file is settled here.
-  void OpenFile(int fd, const Listing::Entry& entry, const ManifestFileEntry& file) {
-    CompareResult& record = results_->back();
-    // Only what the directory says is a regular file is opened: a device is
-    // never touched, a FIFO never waited on, a symlink never followed.
-    const std::string& name = entry.name;
-    struct stat st;
-    if (entry.type != DT_REG) {
-      if (::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-        record.status = errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
-        return;
-      }
-      if (!S_ISREG(st.st_mode)) {
-        record.status = VELK2_ENTRY_INVALID;
-        return;
-      }
-    }
-    const int opened =
-        ::openat(fd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (opened < 0) {
-      record.status = errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
-      return;
-    }
-    // What was opened may have been swapped in after the check.
-    if (::fstat(opened, &st) != 0 || !S_ISREG(st.st_mode)) {
-      ::close(opened);
-      record.status = VELK2_ENTRY_INVALID;
-      return;
-    }
+  // Hands the file of the record just made to the pool.
+  void OpenFile(const std::shared_ptr<const Descriptor>& directory, const Listing::Entry& entry,
+                const ManifestFileEntry& file) {
     outcomes_.emplace_back();
     files_.emplace_back(results_->size() - 1, &outcomes_.back());
-    pool_.Submit(opened, st, &file, &outcomes_.back());
+    pool_.Submit(directory, &entry, &file, &outcomes_.back());
   }
 
   void Record(std::u16string path, uint32_t status, bool is_directory, bool listed = true) {
@@ -333,7 +338,8 @@ class DiskWalk {
   }
 
   CompareResults* results_;
-  std::deque<HashPool::Outcome> outcomes_;                    // stable slots, written by the pool
+  std::deque<Listing> listings_;            // every directory's, until the walk ends
+  std::deque<HashPool::Outcome> outcomes_;  // stable slots, written by the pool
   std::vector<std::pair<size_t, HashPool::Outcome*>> files_;  // record -> its outcome
   std::vector<std::pair<size_t, size_t>> directories_;        // record -> its first child record
   HashPool pool_;
@@ -372,8 +378,9 @@ Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
                        const Velk2Context* context, const DiskOptions& options) {
   if (results == nullptr) return VELK2_ERR_PARAM_NULL;
   const std::string path = Utf16ToUtf8(root.path);
-  const Descriptor package(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return DiskWalk(results, context, options).Run(root, package.get());
+  auto package =
+      std::make_shared<const Descriptor>(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return DiskWalk(results, context, options).Run(root, std::move(package));
 }
 
 Result CompareDirectories(const ManifestDirectory& a, const ManifestDirectory& b,
