@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <map>
 #include <optional>
 #include <string>
 #include <thread>
@@ -87,7 +89,6 @@ bool DigestOfExtra(const std::u16string& path, std::array<uint8_t, 32>* digest) 
 // move. moved[i] is the index of the extra entry that entry i moved to.
 std::vector<size_t> FindMoves(CompareResults* found, bool hash_extras) {
   std::vector<size_t> moved(found->size(), SIZE_MAX);
-  std::vector<bool> taken(found->size(), false);
   bool any_missing = false;
   for (const CompareResult& entry : *found) {
     any_missing |= entry.status == VELK2_ENTRY_MISSING && entry.has_digest && !entry.is_directory;
@@ -98,19 +99,23 @@ std::vector<size_t> FindMoves(CompareResults* found, bool hash_extras) {
       entry.has_digest = DigestOfExtra(entry.path, &entry.digest);
     }
   }
-  for (size_t i = 0; i < found->size(); ++i) {
+  // The extra files by content, each digest's in list order: pairing stays
+  // linear however many files went missing or turned up.
+  std::map<std::array<uint8_t, 32>, std::deque<size_t>> extras;
+  for (size_t j = 0; j < found->size(); ++j) {
+    const CompareResult& extra = (*found)[j];
+    if (extra.status == VELK2_ENTRY_EXTRA && !extra.is_directory && extra.has_digest) {
+      extras[extra.digest].push_back(j);
+    }
+  }
+  for (size_t i = 0; i < found->size() && !extras.empty(); ++i) {
     const CompareResult& gone = (*found)[i];
     if (gone.status != VELK2_ENTRY_MISSING || !gone.has_digest || gone.is_directory) continue;
-    for (size_t j = 0; j < found->size(); ++j) {
-      const CompareResult& extra = (*found)[j];
-      if (extra.status != VELK2_ENTRY_EXTRA || extra.is_directory || !extra.has_digest ||
-          taken[j] || extra.digest != gone.digest) {
-        continue;
-      }
-      moved[i] = j;
-      taken[j] = true;
-      break;
-    }
+    const auto same = extras.find(gone.digest);
+    if (same == extras.end()) continue;
+    moved[i] = same->second.front();
+    same->second.pop_front();
+    if (same->second.empty()) extras.erase(same);
   }
   return moved;
 }
