@@ -128,7 +128,10 @@ class HashPool {
   };
 
   HashPool(unsigned threads, const Velk2Context* context, const FileProgress* on_file)
-      : context_(context), on_file_(on_file), limit_(32 * std::max(threads, 1u)) {
+      : context_(context),
+        on_file_(on_file),
+        threads_(std::max(threads, 1u)),
+        limit_(32 * threads_) {
     // More than one thread: that many workers hash while the walk opens files.
     for (unsigned i = 0; threads > 1 && i < threads; ++i) workers_.emplace_back([this] { Work(); });
   }
@@ -143,10 +146,15 @@ class HashPool {
       return;
     }
     std::unique_lock<std::mutex> lock(mutex_);
-    // A bounded queue: every job holds its directory open.
-    space_.wait(lock, [this] { return queue_.size() < limit_; });
-    queue_.push_back(job);
-    work_.notify_one();
+    // A bounded queue (every job holds its directory open). A full queue
+    // waits until it is half empty: one wake-up per many files, not per file.
+    if (queue_.size() >= limit_) {
+      walk_waits_ = true;
+      space_.wait(lock, [this] { return queue_.size() <= limit_ / 2; });
+      walk_waits_ = false;
+    }
+    queue_.push_back(std::move(job));
+    if (idle_ > 0) work_.notify_one();
   }
 
   // Waits until every file submitted is hashed.
@@ -172,17 +180,25 @@ class HashPool {
     std::vector<uint8_t> block;
     std::vector<Job> batch;
     for (;;) {
+      bool wake_walk = false;
       {
         std::unique_lock<std::mutex> lock(mutex_);
-        work_.wait(lock, [this] { return done_ || !queue_.empty(); });
+        if (!done_ && queue_.empty()) {
+          ++idle_;
+          work_.wait(lock, [this] { return done_ || !queue_.empty(); });
+          --idle_;
+        }
         if (queue_.empty()) return;
-        // Small files come in batches, so the queue's lock is not the cost.
-        while (!queue_.empty() && batch.size() < 16) {
-          batch.push_back(queue_.front());
+        // Small files go in batches, so the queue's lock is not the cost; a
+        // share of what waits, so a few big files still spread over every worker.
+        const size_t take = std::clamp<size_t>(queue_.size() / (2 * threads_), 1, 16);
+        while (!queue_.empty() && batch.size() < take) {
+          batch.push_back(std::move(queue_.front()));
           queue_.pop_front();
         }
+        wake_walk = walk_waits_ && queue_.size() <= limit_ / 2;
       }
-      space_.notify_all();
+      if (wake_walk) space_.notify_one();
       for (Job& job : batch) Run(job, &block);
       batch.clear();  // the directories close as their last files are done
     }
@@ -239,12 +255,15 @@ class HashPool {
 
   const Velk2Context* context_;
   const FileProgress* on_file_;
+  const size_t threads_;
   const size_t limit_;
   std::vector<uint8_t> block_;  // the inline path's read buffer
   std::vector<std::thread> workers_;
   std::mutex mutex_, progress_mutex_;
   std::condition_variable work_, space_;
   std::deque<Job> queue_;
+  size_t idle_ = 0;          // workers waiting for work
+  bool walk_waits_ = false;  // the walk waits for room in the queue
   bool done_ = false;
 };
 
