@@ -144,7 +144,8 @@ Result LoadAclEntryFile(AclEntry* entry, const char16_t* name) {
   return Guard([&] { return AclEntryReader::LoadEntryFile(entry, name); });
 }
 
-Result ReadAclDirectory(SexpList* acl, const char16_t* directory, uint32_t* count) {
+Result ReadAclDirectory(SexpList* acl, const char16_t* directory, uint32_t* count,
+                        const AclFileSkipped* skipped) {
   if (acl == nullptr || directory == nullptr) return VELK2_ERR_INVALID_PARAM;
   return Guard([&]() -> Result {
     DirectoryEnumerator files;
@@ -155,7 +156,10 @@ Result ReadAclDirectory(SexpList* acl, const char16_t* directory, uint32_t* coun
       result = AclEntryReader::LoadEntryFile(entry.get(), path);
       // Running out of memory is no bad file: it ends the scan.
       if (result == VELK2_ERR_MEM_ALLOC) return result;
-      if (result != VELK2_SUCCESS) continue;  // skipped; the entry goes with |entry|
+      if (result != VELK2_SUCCESS) {  // skipped; the entry goes with |entry|
+        if (skipped != nullptr && *skipped) (*skipped)(path, result);
+        continue;
+      }
       result = acl->Append(std::move(entry));
       if (result != VELK2_SUCCESS) return result;
       if (count != nullptr) ++*count;
@@ -165,7 +169,7 @@ Result ReadAclDirectory(SexpList* acl, const char16_t* directory, uint32_t* coun
 }
 
 Result LoadAclFromDirectory(Ref<SexpList>* out, Velk2Context* context, const char16_t* directory,
-                            const char16_t* extra_directory) {
+                            const char16_t* extra_directory, const AclFileSkipped* skipped) {
   if (out == nullptr || *out != nullptr || directory == nullptr) return VELK2_ERR_INVALID_PARAM;
   Ref<SexpList> acl;
   Result result = Guard([&]() -> Result {
@@ -174,8 +178,10 @@ Result LoadAclFromDirectory(Ref<SexpList>* out, Velk2Context* context, const cha
   });
   if (result != VELK2_SUCCESS) return result;
   uint32_t count = 0;
-  const Result first = ReadAclDirectory(acl.get(), directory, &count);
-  if (extra_directory != nullptr) (void)ReadAclDirectory(acl.get(), extra_directory, &count);
+  const Result first = ReadAclDirectory(acl.get(), directory, &count, skipped);
+  if (extra_directory != nullptr) {
+    (void)ReadAclDirectory(acl.get(), extra_directory, &count, skipped);
+  }
   if ((first != VELK2_SUCCESS && extra_directory == nullptr) || count == 0) {
     return VELK2_ERR_FILE_NOT_FOUND;
   }

@@ -22,6 +22,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "credentials/credential.h"
@@ -117,8 +118,11 @@ Result LoadAclEntryFile(AclEntry* entry, const char16_t* name);
 // (VELK2_ERR_FILE_OPEN (7)); a failure to append ends the scan with its
 // code. Otherwise the result is that of the LAST file tried: 0 when it
 // loaded, its failure code when it did not, whatever happened to the files
-// before it. Kept so on purpose: LoadAcl relies on it.
-Result ReadAclDirectory(SexpList* acl, const char16_t* directory, uint32_t* count);
+// before it. Kept so on purpose: LoadAcl relies on it. |skipped|, when
+// given, hears of each file that does not load, with its code, as it is met.
+using AclFileSkipped = std::function<void(const char16_t* path, Result result)>;
+Result ReadAclDirectory(SexpList* acl, const char16_t* directory, uint32_t* count,
+                        const AclFileSkipped* skipped = nullptr);
 
 // LoadAclFromDirectory builds the ACL from |directory| and, when given, the
 // |extra_directory|: a new list "acl" (with |context|) of the entries of the
@@ -129,8 +133,10 @@ Result ReadAclDirectory(SexpList* acl, const char16_t* directory, uint32_t* coun
 // directory is given: without an extra directory, a bad last file discards
 // the good entries before it. With an extra directory, one good entry in
 // either is enough. 3 for memory. On success *out holds one reference.
+// |skipped| as for ReadAclDirectory.
 Result LoadAclFromDirectory(Ref<SexpList>* out, Velk2Context* context, const char16_t* directory,
-                            const char16_t* extra_directory);
+                            const char16_t* extra_directory,
+                            const AclFileSkipped* skipped = nullptr);
 
 // LoadAcl is LoadAclFromDirectory with the Global directory's "acl"
 // subdirectory; |extra_directory| (may be null) is the one a manifest

@@ -38,17 +38,13 @@ int LoadAclDirectory(const std::string& dir, Story* story, Ref<SexpList>* acl) {
   if (files.Open(directory.c_str(), u"*.acl") != VELK2_SUCCESS) {
     return Fail(kExitUsage, kName, "--acl-dir " + dir + " holds no *.acl file");
   }
-  for (const char16_t* path = files.Next(true); path != nullptr; path = files.Next(true)) {
-    Ref<AclEntry> entry = AclEntry::New();
-    Result r = LoadAclEntryFile(entry.get(), path);
-    if (r != VELK2_SUCCESS) {
-      const std::string file = EscapeForDisplay(Utf16ToUtf8(path));
-      story->skipped.push_back({file, r});
-      std::fprintf(stderr, "velk2 %s: skipped %s: %s\n", kName, file.c_str(),
-                   StatusText(r).c_str());
-    }
-  }
-  Result r = LoadAclFromDirectory(acl, nullptr, directory.c_str(), nullptr);
+  // Each file is read once: the library's load names the files it skips.
+  const AclFileSkipped skipped = [story](const char16_t* path, Result r) {
+    const std::string file = EscapeForDisplay(Utf16ToUtf8(path));
+    story->skipped.push_back({file, r});
+    std::fprintf(stderr, "velk2 %s: skipped %s: %s\n", kName, file.c_str(), StatusText(r).c_str());
+  };
+  Result r = LoadAclFromDirectory(acl, nullptr, directory.c_str(), nullptr, &skipped);
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName,
                     "no ACL from " + dir +
@@ -113,6 +109,8 @@ int RunAuthorize(const Args& args) {
   query.tag = tag.get();
   query.validity = validity.get();
   query.trace = &story.trace;
+  // Every step of the reduction is kept only for a reader of --explain or --json.
+  story.trace.record_tuples = options.Has("explain") || options.Has("json");
   std::string reduced;
   query.reduced_acl = &reduced;
   story.verdict = VerifySequence(query);
