@@ -68,6 +68,9 @@ struct TraceTuple {
 // indexes, in the order it joined, and the ids of the tuples that became
 // result entries, in result order (newest first).
 struct ReductionTrace {
+  // False: only whether a limit was reached is told (a big ACL makes a
+  // tuple per entry, which a caller that shows no explanation does not need).
+  bool record_tuples = true;
   std::vector<TraceTuple> tuples;
   std::vector<int> result;
   // Set when the reduction stopped at one of its work limits.

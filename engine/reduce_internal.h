@@ -201,7 +201,7 @@ class Reducer {
   Status LimitReached(const char* which);
 
   // ---- trace (all no-ops without a trace)
-  bool tracing() const { return options_.trace != nullptr; }
+  bool tracing() const { return options_.trace != nullptr && options_.trace->record_tuples; }
   Status TraceCreated(const FiveTuple* tuple, std::initializer_list<const FiveTuple*> parents);
   Status TraceCreatedFrom(const FiveTuple* tuple, const FiveTuple* const* parents, int count);
   Status TraceAccepted(FiveTuple* tuple);

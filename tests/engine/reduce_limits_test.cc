@@ -169,6 +169,15 @@ TEST(ReduceLimits, DelegationLoopsEndWithTheTrueAnswer) {
   EXPECT_EQ(stats.live_tuples, 0u);
   EXPECT_TRUE(trace.limit_reached);
   EXPECT_EQ(trace.limit, "derived tuples");
+
+  // A trace that keeps no tuples still tells which limit stopped the reduction.
+  trace = ReductionTrace{};
+  trace.record_tuples = false;
+  EXPECT_EQ(RunQuery(acl, mutual, K1, options, &result), kReductionLimitStatus);
+  EXPECT_TRUE(trace.limit_reached);
+  EXPECT_EQ(trace.limit, "derived tuples");
+  EXPECT_TRUE(trace.tuples.empty());
+  EXPECT_TRUE(trace.result.empty());
 }
 
 std::string Member(int i) {
