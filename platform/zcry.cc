@@ -20,6 +20,7 @@
 #include <array>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <utility>
 
@@ -136,20 +137,14 @@ BigNum ToBigNum(const zcry_BigInt& bigint) {
   return BigNum(BN_bin2bn(bigint.bytes, static_cast<int>(bigint.length), nullptr));
 }
 
-// Reads the named BIGNUM parameter of |pkey| into |out| as minimal big-endian bytes.
-ZCRY_STATUS GetBigInt(const EVP_PKEY* pkey, const char* name, zcry_BigInt* out) {
-  BIGNUM* raw = nullptr;
-  if (EVP_PKEY_get_bn_param(pkey, name, &raw) != 1) {
-    ERR_clear_error();
-    return ZCRY_E_INTERNAL;
-  }
-  BigNum value(raw);
-  const int length = BN_num_bytes(value.get());
+// Copies |value| into |out| as minimal big-endian bytes.
+ZCRY_STATUS CopyBigInt(const BIGNUM* value, zcry_BigInt* out) {
+  const int length = BN_num_bytes(value);
   zcry_BigInt fresh{nullptr, 0};
   if (length > 0) {
     fresh.bytes = static_cast<uint8_t*>(OPENSSL_malloc(static_cast<size_t>(length)));
     if (fresh.bytes == nullptr) return ZCRY_E_NO_MEMORY;
-    fresh.length = static_cast<uint32_t>(BN_bn2bin(value.get(), fresh.bytes));
+    fresh.length = static_cast<uint32_t>(BN_bn2bin(value, fresh.bytes));
   }
   ClearBigInt(out);
   *out = fresh;
@@ -191,13 +186,14 @@ ZCRY_STATUS CheckRecord(uint32_t kind, const void* record) {
 }
 
 // Builds a public key of |type| ("RSA" or "DSA") from named BIGNUM parameters.
-template <size_t N>
-ZCRY_STATUS BuildKey(const char* type, const std::array<std::pair<const char*, BIGNUM*>, N>& values,
-                     Pkey* out) {
+ZCRY_STATUS BuildKey(const char* type, const std::pair<const char*, const BIGNUM*>* values,
+                     size_t count, Pkey* out) {
   ParamBuilder builder(OSSL_PARAM_BLD_new());
   if (!builder) return ZCRY_E_NO_MEMORY;
-  for (const auto& [name, value] : values) {
-    if (OSSL_PARAM_BLD_push_BN(builder.get(), name, value) != 1) return ZCRY_E_INTERNAL;
+  for (size_t i = 0; i < count; ++i) {
+    if (OSSL_PARAM_BLD_push_BN(builder.get(), values[i].first, values[i].second) != 1) {
+      return ZCRY_E_INTERNAL;
+    }
   }
   Params params(OSSL_PARAM_BLD_to_param(builder.get()));
   PkeyCtx context(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
@@ -210,9 +206,13 @@ ZCRY_STATUS BuildKey(const char* type, const std::array<std::pair<const char*, B
   return ZCRY_OK;
 }
 
+// The numbers of a key, in the order the key's record names them: e, n for
+// RSA; p, q, g, y for DSA.
+using KeyNumbers = std::array<BigNum, 4>;
+
 // An RSA key is usable when n is odd, e is odd and at least 3, e < n, and
 // OpenSSL's public operation will take them (its modulus and exponent limits).
-ZCRY_STATUS DefineRsa(const zcry_RSAKeyStruct& record, Pkey* out) {
+ZCRY_STATUS CheckRsa(const zcry_RSAKeyStruct& record, KeyNumbers* out) {
   BigNum e = ToBigNum(record.e);
   BigNum n = ToBigNum(record.n);
   if (!e || !n) return ZCRY_E_BAD_KEY;
@@ -223,13 +223,14 @@ ZCRY_STATUS DefineRsa(const zcry_RSAKeyStruct& record, Pkey* out) {
        BN_num_bits(e.get()) > OPENSSL_RSA_MAX_PUBEXP_BITS)) {
     return ZCRY_E_BAD_KEY;
   }
-  return BuildKey<2>("RSA", {{{OSSL_PKEY_PARAM_RSA_N, n.get()}, {OSSL_PKEY_PARAM_RSA_E, e.get()}}},
-                     out);
+  (*out)[0] = std::move(e);
+  (*out)[1] = std::move(n);
+  return ZCRY_OK;
 }
 
 // A DSA key is usable with the 40-byte r || s signature form only when q has
 // 160 bits; p is odd, larger than q and within OpenSSL's limit; 1 < g, y < p.
-ZCRY_STATUS DefineDsa(const zcry_DSSKeyStruct& record, Pkey* out) {
+ZCRY_STATUS CheckDsa(const zcry_DSSKeyStruct& record, KeyNumbers* out) {
   BigNum p = ToBigNum(record.p);
   BigNum q = ToBigNum(record.q);
   BigNum g = ToBigNum(record.g);
@@ -243,12 +244,8 @@ ZCRY_STATUS DefineDsa(const zcry_DSSKeyStruct& record, Pkey* out) {
       !inside(g.get()) || !inside(y.get())) {
     return ZCRY_E_BAD_KEY;
   }
-  return BuildKey<4>("DSA",
-                     {{{OSSL_PKEY_PARAM_FFC_P, p.get()},
-                       {OSSL_PKEY_PARAM_FFC_Q, q.get()},
-                       {OSSL_PKEY_PARAM_FFC_G, g.get()},
-                       {OSSL_PKEY_PARAM_PUB_KEY, y.get()}}},
-                     out);
+  *out = {std::move(p), std::move(q), std::move(g), std::move(y)};
+  return ZCRY_OK;
 }
 
 // ---- Signatures ------------------------------------------------------------
@@ -328,9 +325,44 @@ struct zcry_HashState {
   bool finished = false;
 };
 
+// A key holds its checked numbers; OpenSSL's key is built the first time a
+// signature is verified or the key exported. An ACL names thousands of keys
+// that are never used to verify anything, and building each costs more than
+// reading it.
 struct zcry_KeyState {
-  Pkey pkey;
   uint32_t type = 0;
+  KeyNumbers numbers;
+
+  // OpenSSL's key, built once; null with the reason when it cannot be.
+  ZCRY_STATUS Get(EVP_PKEY** out) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!built) {
+      built = true;
+      if (type == ZCRY_KEY_RSA) {
+        const std::pair<const char*, const BIGNUM*> values[] = {
+            {OSSL_PKEY_PARAM_RSA_N, numbers[1].get()}, {OSSL_PKEY_PARAM_RSA_E, numbers[0].get()}};
+        status = BuildKey("RSA", values, 2, &pkey);
+      } else {
+        const std::pair<const char*, const BIGNUM*> values[] = {
+            {OSSL_PKEY_PARAM_FFC_P, numbers[0].get()},
+            {OSSL_PKEY_PARAM_FFC_Q, numbers[1].get()},
+            {OSSL_PKEY_PARAM_FFC_G, numbers[2].get()},
+            {OSSL_PKEY_PARAM_PUB_KEY, numbers[3].get()}};
+        status = BuildKey("DSA", values, 4, &pkey);
+      }
+      if (status != ZCRY_OK) ERR_clear_error();
+      // A failure for want of memory may pass: it is tried again next time.
+      if (status == ZCRY_E_NO_MEMORY) built = false;
+    }
+    *out = pkey.get();
+    return status;
+  }
+
+ private:
+  std::mutex mutex;
+  bool built = false;
+  ZCRY_STATUS status = ZCRY_OK;
+  Pkey pkey;
 };
 
 // ---- Hashing ---------------------------------------------------------------
@@ -458,17 +490,17 @@ ZCRY_STATUS zcry_PublicKeyDefine(ZCRY_PUBLIC_KEY* handle, uint32_t key_type, uin
   if (kind != expected_kind) return ZCRY_E_BAD_RECORD;
   if (ZCRY_STATUS status = CheckRecord(kind, record); status != ZCRY_OK) return status;
 
-  Pkey pkey;
-  const ZCRY_STATUS status = key_type == ZCRY_KEY_RSA
-                                 ? DefineRsa(*static_cast<const zcry_RSAKeyStruct*>(record), &pkey)
-                                 : DefineDsa(*static_cast<const zcry_DSSKeyStruct*>(record), &pkey);
+  KeyNumbers numbers;
+  const ZCRY_STATUS status =
+      key_type == ZCRY_KEY_RSA ? CheckRsa(*static_cast<const zcry_RSAKeyStruct*>(record), &numbers)
+                               : CheckDsa(*static_cast<const zcry_DSSKeyStruct*>(record), &numbers);
   if (status != ZCRY_OK) {
     ERR_clear_error();
     return status;
   }
   std::unique_ptr<zcry_KeyState> state(new (std::nothrow) zcry_KeyState);
   if (!state) return ZCRY_E_NO_MEMORY;
-  state->pkey = std::move(pkey);
+  state->numbers = std::move(numbers);
   state->type = key_type;
   *handle = state.release();
   return ZCRY_OK;
@@ -481,20 +513,18 @@ ZCRY_STATUS zcry_PublicKeyGetData(ZCRY_PUBLIC_KEY handle, uint32_t kind, void* r
   if (kind != RecordKindFor(handle->type)) return ZCRY_E_BAD_RECORD;
   if (ZCRY_STATUS status = CheckRecord(kind, record); status != ZCRY_OK) return status;
 
-  const EVP_PKEY* pkey = handle->pkey.get();
-  const int bits = EVP_PKEY_get_bits(pkey);
-  if (bits <= 0) {
-    ERR_clear_error();
-    return ZCRY_E_INTERNAL;
-  }
+  // The size OpenSSL gives a key: the bits of its modulus (RSA n, DSA p).
+  const KeyNumbers& numbers = handle->numbers;
+  const int bits = BN_num_bits(numbers[handle->type == ZCRY_KEY_RSA ? 1 : 0].get());
+  if (bits <= 0) return ZCRY_E_INTERNAL;
   // The values go into a scratch record first, so a failure leaves the
   // caller's record as it was.
   ZCRY_STATUS status = ZCRY_OK;
   if (kind == ZCRY_RECORD_RSA_KEY) {
     zcry_RSAKeyStruct fresh{};
     fresh.kind = kind;
-    if ((status = GetBigInt(pkey, OSSL_PKEY_PARAM_RSA_E, &fresh.e)) == ZCRY_OK) {
-      status = GetBigInt(pkey, OSSL_PKEY_PARAM_RSA_N, &fresh.n);
+    if ((status = CopyBigInt(numbers[0].get(), &fresh.e)) == ZCRY_OK) {
+      status = CopyBigInt(numbers[1].get(), &fresh.n);
     }
     if (status == ZCRY_OK) {
       auto* out = static_cast<zcry_RSAKeyStruct*>(record);
@@ -510,13 +540,9 @@ ZCRY_STATUS zcry_PublicKeyGetData(ZCRY_PUBLIC_KEY handle, uint32_t kind, void* r
   fresh.kind = kind;
   fresh.size_a = kDssSizeA;
   fresh.size_b = kDssSizeB;
-  const std::pair<const char*, zcry_BigInt*> parts[] = {{OSSL_PKEY_PARAM_FFC_P, &fresh.p},
-                                                        {OSSL_PKEY_PARAM_FFC_Q, &fresh.q},
-                                                        {OSSL_PKEY_PARAM_FFC_G, &fresh.g},
-                                                        {OSSL_PKEY_PARAM_PUB_KEY, &fresh.y}};
-  for (const auto& [name, out] : parts) {
-    if ((status = GetBigInt(pkey, name, out)) != ZCRY_OK) break;
-  }
+  zcry_BigInt* const parts[] = {&fresh.p, &fresh.q, &fresh.g, &fresh.y};
+  for (size_t i = 0; i < 4 && status == ZCRY_OK; ++i)
+    status = CopyBigInt(numbers[i].get(), parts[i]);
   if (status == ZCRY_OK) {
     auto* out = static_cast<zcry_DSSKeyStruct*>(record);
     zcry_DSSKeyStructZeroize(out);
@@ -532,7 +558,9 @@ ZCRY_STATUS zcry_PublicKeyExport(ZCRY_PUBLIC_KEY handle, uint32_t format, uint32
                                  uint8_t* buffer, uint32_t* length, uint32_t /*context*/) {
   if (handle == nullptr || length == nullptr) return ZCRY_E_NULL_ARGUMENT;
   if (format != 0 || flags != 0) return ZCRY_E_BAD_PARAMETERS;
-  const int needed = i2d_PUBKEY(handle->pkey.get(), nullptr);
+  EVP_PKEY* pkey = nullptr;
+  if (ZCRY_STATUS status = handle->Get(&pkey); status != ZCRY_OK) return status;
+  const int needed = i2d_PUBKEY(pkey, nullptr);
   if (needed <= 0) {
     ERR_clear_error();
     return ZCRY_E_INTERNAL;
@@ -542,7 +570,7 @@ ZCRY_STATUS zcry_PublicKeyExport(ZCRY_PUBLIC_KEY handle, uint32_t format, uint32
     return ZCRY_E_BUFFER_TOO_SMALL;
   }
   unsigned char* cursor = buffer;
-  const int written = i2d_PUBKEY(handle->pkey.get(), &cursor);
+  const int written = i2d_PUBKEY(pkey, &cursor);
   if (written != needed) {
     ERR_clear_error();
     return ZCRY_E_INTERNAL;
@@ -591,7 +619,8 @@ ZCRY_STATUS zcry_PublicKeyVerifySignature(ZCRY_PUBLIC_KEY handle, uint32_t schem
 
   // A signature of the wrong length is a bad signature, not a bad call: an RSA
   // signature is exactly as long as the modulus, a DSA one is r || s.
-  EVP_PKEY* pkey = handle->pkey.get();
+  EVP_PKEY* pkey = nullptr;
+  if (ZCRY_STATUS status = handle->Get(&pkey); status != ZCRY_OK) return status;
   const uint32_t expected_length = scheme == ZCRY_SCHEME_DSA_SHA1
                                        ? kDsaSignatureBytes
                                        : static_cast<uint32_t>(EVP_PKEY_get_size(pkey));

@@ -5,7 +5,10 @@
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/zcry.h"
 #include "platform/zcry_test_util.h"
@@ -341,6 +344,32 @@ TEST_F(ZcryKeys, SignaturesRoundTrip) {
     const uint32_t other_scheme =
         c.scheme == ZCRY_SCHEME_RSA_PSS ? ZCRY_SCHEME_RSA_PKCS1_V15 : ZCRY_SCHEME_RSA_PSS;
     EXPECT_TRUE(dsa || !verifies(other_scheme, digest, signature));
+  }
+}
+
+// A key is built for OpenSSL on its first use; threads that verify with a
+// fresh key at once all get the same, right answer.
+TEST_F(ZcryKeys, AFreshKeyVerifiesFromManyThreadsAtOnce) {
+  const Bytes digest = Digest(ZCRY_HASH_SHA256, "first use");
+  const Bytes signature = Sign(ZCRY_SCHEME_RSA_PKCS1_V15, ZCRY_HASH_SHA256, digest, 0);
+  const zcry_RSAParams params = RsaParams(ZCRY_HASH_SHA256);
+  for (int round = 0; round < 5; ++round) {
+    KeyHandle key;
+    ASSERT_EQ(DefineRsaKey(Param(rsa_.get(), "e"), Param(rsa_.get(), "n"), &key), ZCRY_OK);
+    std::atomic<int> good{0}, bad{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&] {
+        uint32_t valid = 0;
+        const bool ok =
+            Verify(key, ZCRY_SCHEME_RSA_PKCS1_V15, &params, digest, signature, &valid) == ZCRY_OK &&
+            valid == 1;
+        ++(ok ? good : bad);
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(good.load(), 4);
+    EXPECT_EQ(bad.load(), 0);
   }
 }
 
