@@ -18,8 +18,13 @@ void SexpAtom::ClearBytes() {
 }
 
 Result SexpAtom::ResizeBytes(uint32_t length) {
+  if (length <= kInlineBytes) {
+    data_.reset();
+    length_ = length;
+    return VELK2_SUCCESS;
+  }
   // A buffer a little larger than needed is kept rather than reallocated.
-  if (length_ >= length && length_ - length < 8) {
+  if (data_ && length_ >= length && length_ - length < 8) {
     length_ = length;
     return VELK2_SUCCESS;
   }
@@ -38,7 +43,7 @@ Result SexpAtom::AssignBytes(const void* data, uint32_t length, DisplayHint hint
   if (length != 0 && data == nullptr) return VELK2_ERR_INVALID_PARAM;
   Result result = ResizeBytes(length);
   if (result != VELK2_SUCCESS) return result;
-  if (length != 0) std::memcpy(data_.get(), data, length);
+  if (length != 0) std::memmove(mutable_data(), data, length);
   hint_ = hint;
   return VELK2_SUCCESS;
 }
@@ -52,12 +57,12 @@ Result SexpAtom::SetAtomValue(const void* data, uint32_t length, DisplayHint hin
 bool SexpAtom::AtomEqualsText(const char* text) const {
   if (text == nullptr) return false;
   size_t size = std::strlen(text);
-  return size == length_ && (size == 0 || std::memcmp(data_.get(), text, size) == 0);
+  return size == length_ && (size == 0 || std::memcmp(data(), text, size) == 0);
 }
 
 CBuffer<char16_t> SexpAtom::AtomAsWide() const {
   if (length_ > INT32_MAX) return nullptr;
-  const char* bytes = length_ ? reinterpret_cast<const char*>(data_.get()) : "";
+  const char* bytes = length_ ? reinterpret_cast<const char*>(data()) : "";
   return CBuffer<char16_t>(Utf8ToWide(bytes, static_cast<int32_t>(length_), nullptr));
 }
 

@@ -140,21 +140,26 @@ class SexpAtom : public SexpObject {
   // atom left empty, when no buffer can be had.
   Result AssignBytes(const void* data, uint32_t length, DisplayHint hint = kHintNone);
   // ResizeBytes makes the atom |length| bytes long (content unspecified) for a
-  // reader or writer that fills mutable_data() itself. The buffer is kept when
-  // the current length is at least |length| and less than |length| + 8;
+  // reader or writer that fills mutable_data() itself. Up to kInlineBytes
+  // bytes live in the atom itself. A longer value's buffer is kept when the
+  // current length is at least |length| and less than |length| + 8;
   // otherwise one of exactly |length| bytes replaces it. 3, atom left empty,
   // when memory runs out.
   Result ResizeBytes(uint32_t length);
   // ClearBytes frees the bytes and sets the length to 0.
   void ClearBytes();
 
-  const uint8_t* data() const { return data_.get(); }
-  uint8_t* mutable_data() { return data_.get(); }
+  // Null while the atom is empty.
+  const uint8_t* data() const { return data_ ? data_.get() : length_ ? inline_ : nullptr; }
+  uint8_t* mutable_data() { return data_ ? data_.get() : length_ ? inline_ : nullptr; }
   uint32_t length() const { return length_; }
   std::string_view bytes() const {
-    return length_ ? std::string_view(reinterpret_cast<const char*>(data_.get()), length_)
+    return length_ ? std::string_view(reinterpret_cast<const char*>(data()), length_)
                    : std::string_view();
   }
+  // Most atoms of a credential are words and small numbers: they live in the
+  // atom, one allocation instead of two.
+  static constexpr uint32_t kInlineBytes = 16;
   DisplayHint hint() const { return hint_; }
   void set_hint(DisplayHint hint) { hint_ = hint; }
 
@@ -164,7 +169,8 @@ class SexpAtom : public SexpObject {
  private:
   DisplayHint hint_ = kHintNone;
   uint32_t length_ = 0;
-  std::unique_ptr<uint8_t[]> data_;
+  std::unique_ptr<uint8_t[]> data_;  // null: the bytes are inline_
+  uint8_t inline_[kInlineBytes];
 };
 
 // An ordered list of child references, with the store location and file path

@@ -81,7 +81,7 @@ Result SexpAtom::HashInto(ZCRY_HASH handle, bool skip_hints) const {
   uint32_t header_size = FormatHeader(length_, header);
   Result result = zcry_HashUpdate(handle, header, header_size, word);
   if (result != VELK2_SUCCESS || length_ == 0) return result;
-  return zcry_HashUpdate(handle, data_.get(), length_, word);
+  return zcry_HashUpdate(handle, data(), length_, word);
 }
 
 uint32_t SexpAtom::CanonicalLength() const {
@@ -102,7 +102,7 @@ Result SexpAtom::WriteCanonical(uint8_t* buffer, uint32_t* position, uint32_t ca
   *position += header_size;
   // The header stays written when the data does not fit.
   if (uint64_t{*position} + length_ > capacity) return VELK2_ERR_BUFFER_OVERFLOW;
-  if (length_ != 0) std::memcpy(buffer + *position, data_.get(), length_);
+  if (length_ != 0) std::memcpy(buffer + *position, data(), length_);
   *position += length_;
   return VELK2_SUCCESS;
 }
@@ -110,7 +110,7 @@ Result SexpAtom::WriteCanonical(uint8_t* buffer, uint32_t* position, uint32_t ca
 Result SexpAtom::WriteAdvanced(char* buffer, uint32_t* position, uint32_t capacity) const {
   if (buffer == nullptr || position == nullptr) return VELK2_ERR_INVALID_PARAM;
   if (uint64_t{*position} + length_ + 1 >= capacity) return VELK2_ERR_BUFFER_OVERFLOW;
-  if (length_ != 0) std::memcpy(buffer + *position, data_.get(), length_);
+  if (length_ != 0) std::memcpy(buffer + *position, data(), length_);
   *position += length_;
   buffer[*position] = '\0';
   return VELK2_SUCCESS;
@@ -118,12 +118,12 @@ Result SexpAtom::WriteAdvanced(char* buffer, uint32_t* position, uint32_t capaci
 
 Result SexpAtom::EmitTokens(TokenCallback callback, void* user, uint32_t /*depth*/) const {
   if (callback == nullptr) return VELK2_SUCCESS;
-  const char* bytes = reinterpret_cast<const char*>(data_.get());
+  const char* bytes = reinterpret_cast<const char*>(data());
   switch (hint_) {
     case kHintNone:
       // Only printable atoms become tokens; an empty one is an empty token.
       for (uint32_t i = 0; i < length_; ++i) {
-        if (!IsPrintableByte(data_[i])) return VELK2_SUCCESS;
+        if (!IsPrintableByte(data()[i])) return VELK2_SUCCESS;
       }
       callback(length_ ? bytes : "", length_, user);
       return VELK2_SUCCESS;
@@ -134,7 +134,7 @@ Result SexpAtom::EmitTokens(TokenCallback callback, void* user, uint32_t /*depth
       // Only the first byte, as a number: the hint marks one-byte values.
       if (length_ == 0) return VELK2_SUCCESS;
       char number[32];
-      int size = std::snprintf(number, sizeof(number), "%d", static_cast<int>(data_[0]));
+      int size = std::snprintf(number, sizeof(number), "%d", static_cast<int>(data()[0]));
       callback(number, static_cast<size_t>(size), user);
       return VELK2_SUCCESS;
     }
@@ -151,7 +151,7 @@ Result SexpAtom::WriteToFile(std::FILE* stream) const {
   char header[16];
   const uint32_t header_size = FormatHeader(length_, header);
   if (WriteBytes(stream, header, header_size) != header_size) return VELK2_ERR_WRITE_FILE;
-  if (length_ != 0 && WriteBytes(stream, data_.get(), length_) != length_) {
+  if (length_ != 0 && WriteBytes(stream, data(), length_) != length_) {
     return VELK2_ERR_WRITE_FILE;
   }
   return VELK2_SUCCESS;
