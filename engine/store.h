@@ -42,13 +42,15 @@ enum NodeKind : int32_t {
   kNodeSublist = 4,      // sublist element: sublist (the sublist's head node)
 };
 
+// Fields ordered so that no padding falls between them: a big ACL makes
+// hundreds of thousands of nodes.
 struct EngineNode {
   EngineNode* free_link;  // only while on the free list
   int32_t ref_count;
+  NodeKind kind;
   EngineNode* next;        // next sibling
   const uint8_t* source;   // the "(" where this list began in the parsed text, or null
   uint32_t source_length;  // bytes from "(" to ")" inclusive, set when the list closed
-  NodeKind kind;
   // The value, as the kind says; the other two stay zero.
   int32_t keyword;
   EngineAtom* atom;
