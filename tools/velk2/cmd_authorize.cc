@@ -100,7 +100,8 @@ int RunAuthorize(const Args& args) {
   Ref<CertificateSequence> file;
   r = ReadCertificateFile(&file, Utf8ToUtf16(*certs).c_str(), nullptr);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read " + *certs, r);
-  Describe(&story, *acl, *file, *key);
+  const bool explained = json || options.Has("explain");
+  Describe(&story, *acl, *file, *key, explained);
 
   SequenceQuery query;
   query.acl = acl.get();
@@ -110,7 +111,7 @@ int RunAuthorize(const Args& args) {
   query.validity = validity.get();
   query.trace = &story.trace;
   // Every step of the reduction is kept only for a reader of --explain or --json.
-  story.trace.record_tuples = options.Has("explain") || options.Has("json");
+  story.trace.record_tuples = explained;
   std::string reduced;
   query.reduced_acl = &reduced;
   story.verdict = VerifySequence(query);

@@ -416,7 +416,7 @@ const char* StageName(VerifyStage stage) {
 }  // namespace
 
 void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequence,
-              const SexpObject& key) {
+              const SexpObject& key, bool with_acl) {
   std::vector<const SexpObject*> known_keys = {&key};
   for (const Ref<SexpObject>& child : acl.children()) {
     if (const AclEntry* entry = AclEntry::From(child.get())) known_keys.push_back(entry->subject());
@@ -464,7 +464,7 @@ void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequ
     story->certificates.push_back(std::move(info));
   }
   for (const Ref<SexpObject>& child : acl.children()) {
-    const AclEntry* entry = AclEntry::From(child.get());
+    const AclEntry* entry = with_acl ? AclEntry::From(child.get()) : nullptr;
     if (entry == nullptr) continue;
     AclFile f;
     f.file = BaseName(Utf16ToUtf8(entry->path()));

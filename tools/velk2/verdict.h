@@ -76,9 +76,11 @@ std::string OwnerText(const SexpList* owner);
 
 // Describe fills the story's ACL, certificates and names from what was
 // loaded: the ACL entries (with their files), the certificates of
-// |sequence| and the key asked about (named by |key_file|).
+// |sequence| and the key asked about (named by |key_file|). Without
+// |with_acl| the ACL's entries are left out (only an explanation or the JSON
+// report shows them, and a big ACL makes them costly).
 void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequence,
-              const SexpObject& key);
+              const SexpObject& key, bool with_acl = true);
 
 // The text verdict: "result:" and "authorized:" lines, and with |explain|
 // the question, the reduced ACL, how it came about, why not, what was left
