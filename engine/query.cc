@@ -29,7 +29,6 @@ int32_t ReduceCanonicalWith(const EngineAllocator* allocator, uint32_t crypto_co
   Status status = EngineInit(&engine, allocator);
   if (status != SPKI_OK) return status;
   {
-    // The trees go before the engine does.
     NodeRef acl_tree(engine);
     NodeRef sequence_tree(engine);
     NodeRef key_tree(engine);
@@ -49,6 +48,13 @@ int32_t ReduceCanonicalWith(const EngineAllocator* allocator, uint32_t crypto_co
     }
     if (status == SPKI_OK) status = PrintToString(result.get(), result_text);
     if (status != SPKI_OK) result_text->clear();
+    // Every record lives in the engine's arena, which goes whole below: a big
+    // ACL is half a million nodes, and releasing them one by one cost more
+    // than a sixth of the query.
+    for (NodeRef* tree :
+         {&acl_tree, &sequence_tree, &key_tree, &tag_tree, &validity_tree, &result}) {
+      (void)tree->release();
+    }
   }
   EngineRelease(&engine);
   return status;
