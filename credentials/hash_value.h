@@ -98,8 +98,8 @@ Result HashFile(const char16_t* path, uint8_t* digest, uint32_t* length,
 // HashDescriptor: the SHA-256 of what remains to be read from the open file
 // |fd|, read in large blocks. |block| (optional) is a buffer kept between
 // calls by a caller that hashes many files; |size| the regular file's size
-// (a hint: a short read then ends the file), or -1 for a file of any kind. VELK2_ERR_READ_FILE (10) on a read error; crypto codes;
-// 3 for memory.
+// (a hint: a short read then ends the file), or -1 for a file of any kind.
+// VELK2_ERR_READ_FILE (10) on a read error; crypto codes; 3 for memory.
 Result HashDescriptor(int fd, uint8_t (&digest)[32], const Velk2Context* context,
                       std::vector<uint8_t>* block = nullptr, int64_t size = -1);
 

@@ -302,9 +302,15 @@ TEST_F(TagsTest, SetIntersection) {
 // comparison (a fuzzer found an intersection that its own operand overlapped).
 TEST_F(TagsTest, AtomsEqualUpToASharedNulInEverySetPath) {
   using namespace std::string_literals;
-  EngineNode* a = Canonical("(3:tag(1:*3:set(1:x)2:q\0" "2:z\0))"s);
-  EngineNode* b = Canonical("(3:tag(1:*3:set2:q\0" "3:z\0y))"s);
-  EngineNode* atoms_only = Canonical("(3:tag(1:*3:set2:q\0" "2:z\0))"s);
+  EngineNode* a = Canonical(
+      "(3:tag(1:*3:set(1:x)2:q\0"
+      "2:z\0))"s);
+  EngineNode* b = Canonical(
+      "(3:tag(1:*3:set2:q\0"
+      "3:z\0y))"s);
+  EngineNode* atoms_only = Canonical(
+      "(3:tag(1:*3:set2:q\0"
+      "2:z\0))"s);
   // Equal sets tie, and a tie goes to the first operand.
   EXPECT_EQ(CompareLists(atoms_only, b), kTagNarrower);
   EXPECT_EQ(CompareLists(b, atoms_only), kTagNarrower);
