@@ -47,19 +47,17 @@ bool EnsureVerified(const SexpList* acl, RevocationList* list) {
   return list->verified() || VerifyRevocationList(acl, list) == VELK2_SUCCESS;
 }
 
-// The scope a certificate's revocation specification names: (tag e1 e2 ...)
-// of the specification's elements after its keyword.
-Result ScopeOf(const SexpList& specification, Ref<SexpList>* out) {
+}  // namespace
+
+Result RevocationScopeOf(const SexpList& revocation, Ref<SexpList>* out) {
   Ref<SexpList> scope;
-  Result result = NewKeywordList(&scope, "tag", specification.context());
-  for (size_t i = 1; i < specification.ChildCount() && result == VELK2_SUCCESS; ++i) {
-    result = scope->Append(Ref<SexpObject>::Share(specification.ChildAt(i)));
+  Result result = NewKeywordList(&scope, "tag", revocation.context());
+  for (size_t i = 1; i < revocation.ChildCount() && result == VELK2_SUCCESS; ++i) {
+    result = scope->Append(Ref<SexpObject>::Share(revocation.ChildAt(i)));
   }
   if (result == VELK2_SUCCESS) *out = std::move(scope);
   return result;
 }
-
-}  // namespace
 
 Result VerifyRevocationList(const SexpList* acl, RevocationList* list) {
   if (list == nullptr || CheckAcl(acl) != VELK2_SUCCESS) return VELK2_ERR_INVALID_PARAM;
@@ -184,7 +182,7 @@ Result CheckCertificate(const RevocationQuery& query, const Certificate& certifi
     return VELK2_SUCCESS;
   }
   Ref<SexpList> scope;
-  result = ScopeOf(*certificate.revocation_spec(), &scope);
+  result = RevocationScopeOf(*certificate.revocation_spec(), &scope);
   if (result != VELK2_SUCCESS) return result;
   RevocationQuery scoped = query;
   scoped.scope = scope.get();

@@ -74,10 +74,14 @@ struct RevocationQuery {
 Result MatchRevoked(RevokedKind kind, const RevocationQuery& query, const SexpObject& thing,
                     RevocationHit* hit);
 
+// RevocationScopeOf: the scope a certificate's revocation element names,
+// (tag e1 e2 ...) of the elements after its keyword. 3 for memory.
+Result RevocationScopeOf(const SexpList& revocation, Ref<SexpList>* out);
+
 // CheckCertificate sets |certificate|'s revocation state: its subject key is
 // looked up first (68: kSubjectKeyRevoked); then, when it carries a
 // revocation specification, the certificate itself in the lists of the scope
-// that the specification names (66: kCertificateRevoked). Any other failure
+// that it names (66: kCertificateRevoked). Any other failure
 // leaves kRevocationUnchecked. The match's code.
 Result CheckCertificate(const RevocationQuery& query, const Certificate& certificate,
                         RevocationHit* hit);

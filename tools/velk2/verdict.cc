@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "acl/acl_entry.h"
+#include "acl/revocation.h"
 #include "credentials/certificate.h"
 #include "platform/utf.h"
 #include "sexp/display.h"
@@ -441,15 +442,10 @@ void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequ
       info.propagate = c->propagate();
       info.stated = {c->tag() ? ReadableTag(c->tag()) : std::string("everything"),
                      AtomText(c->not_before()), AtomText(c->not_after())};
-      if (const SexpList* spec = c->revocation_spec()) {
-        // The scope the library derives: the specification's elements after its keyword.
-        Ref<SexpList> scope = SexpList::New();
-        if (scope->AppendTextAtom("tag") == VELK2_SUCCESS) {
-          for (size_t k = 1; k < spec->ChildCount(); ++k) {
-            (void)scope->Append(Ref<SexpObject>::Share(spec->ChildAt(k)));
-          }
-          info.revocation_scope = ReadableTag(scope.get());
-        }
+      Ref<SexpList> scope;
+      if (const SexpList* revocation = c->revocation_spec();
+          revocation != nullptr && RevocationScopeOf(*revocation, &scope) == VELK2_SUCCESS) {
+        info.revocation_scope = ReadableTag(scope.get());
       }
     }
     // The owner text lies outside the signed certificate, so it names the
