@@ -100,7 +100,7 @@ int RunAuthorize(const Args& args) {
   Ref<CertificateSequence> file;
   r = ReadCertificateFile(&file, Utf8ToUtf16(*certs).c_str(), nullptr);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read " + *certs, r);
-  const bool explained = json || options.Has("explain");
+  const bool explained = ShowsReasons(options);
   Describe(&story, *acl, *file, *key, explained);
 
   SequenceQuery query;
@@ -110,7 +110,6 @@ int RunAuthorize(const Args& args) {
   query.tag = tag.get();
   query.validity = validity.get();
   query.trace = &story.trace;
-  // Every step of the reduction is kept only for a reader of --explain or --json.
   story.trace.record_tuples = explained;
   std::string reduced;
   query.reduced_acl = &reduced;

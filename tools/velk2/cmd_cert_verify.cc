@@ -68,8 +68,7 @@ int RunCertVerify(const Args& args) {
   question.not_after = *period.not_after;
   question.findings = &story.revocation;
   question.trace = &story.trace;
-  // Every step of the reduction is kept only for a reader of --explain or --json.
-  story.trace.record_tuples = options.Has("explain") || options.Has("json");
+  story.trace.record_tuples = ShowsReasons(options);
   std::string reduced;
   question.reduced_acl = &reduced;
   story.verdict = VerifyChain(question);

@@ -270,8 +270,7 @@ int RunVerify(const Args& args) {
   Story story;
   ManifestReport report;
   report.trace = &story.trace;
-  // Every step of the reduction is kept only for a reader of --explain or --json.
-  story.trace.record_tuples = options.Has("explain") || options.Has("json");
+  story.trace.record_tuples = ShowsReasons(options);
   std::string reduced;
   report.reduced_acl = &reduced;
   if (options.Has("progress") && options.Has("no-progress")) {

@@ -21,6 +21,11 @@ int FailWith(int exit_code, const char* command, const std::string& message, Res
 
 bool FileExists(const std::string& path);
 
+// Whether the command shows how its verdict came about (--explain or
+// --json): only then are every step of the reduction and the ACL's entries
+// kept, which a big ACL makes costly.
+bool ShowsReasons(const Options& options);
+
 // What `key show` prints of a key.
 struct KeyInfo {
   std::string type;  // "rsa" or "dsa"

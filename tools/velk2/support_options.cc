@@ -1,4 +1,5 @@
 #include "tools/velk2/options.h"
+#include "tools/velk2/support.h"
 
 namespace velk2::cli {
 
@@ -54,6 +55,10 @@ std::optional<std::string> Options::Get(const std::string& name) const {
 std::vector<std::string> Options::GetAll(const std::string& name) const {
   auto it = repeated_values_.find(name);
   return it == repeated_values_.end() ? std::vector<std::string>() : it->second;
+}
+
+bool ShowsReasons(const Options& options) {
+  return options.Has("explain") || options.Has("json");
 }
 
 }  // namespace velk2::cli
