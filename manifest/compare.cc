@@ -309,7 +309,7 @@ class DiskWalk {
       Record(Join(level.path, file.name), VELK2_ENTRY_MISSING, false);
       results_->back().has_digest = true;
       results_->back().digest = file.digest;
-      if (on_disk != nullptr) OpenFile(open_directory, *on_disk, file);
+      if (on_disk != nullptr) SubmitFile(open_directory, *on_disk, file);
     }
 
     for (const ManifestDirectory& directory : level.directories) {
@@ -345,8 +345,8 @@ class DiskWalk {
   }
 
   // Hands the file of the record just made to the pool.
-  void OpenFile(const std::shared_ptr<const Descriptor>& directory, const Listing::Entry& entry,
-                const ManifestFileEntry& file) {
+  void SubmitFile(const std::shared_ptr<const Descriptor>& directory, const Listing::Entry& entry,
+                  const ManifestFileEntry& file) {
     outcomes_.emplace_back();
     files_.emplace_back(results_->size() - 1, &outcomes_.back());
     pool_.Submit(directory, &entry, &file, &outcomes_.back());
