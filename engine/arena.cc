@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "engine/sanitizer.h"
+#include "platform/sanitizer.h"
 
 namespace velk2::engine {
 namespace {

@@ -18,8 +18,8 @@
 #include <utility>
 
 #include "engine/arena.h"
-#include "engine/sanitizer.h"
 #include "engine/status.h"
+#include "platform/sanitizer.h"
 
 namespace velk2::engine {
 

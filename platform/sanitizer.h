@@ -1,17 +1,18 @@
-// Poisoning of arena memory that is not handed out, so that AddressSanitizer
-// reports a record used after it went back to its free list.
-#ifndef VELK2_ENGINE_SANITIZER_H_
-#define VELK2_ENGINE_SANITIZER_H_
+// Whether AddressSanitizer is built in (VELK2_ASAN), and poisoning of pooled
+// memory that is not handed out, so that it reports a record used after it
+// went back to its free list.
+#ifndef VELK2_PLATFORM_SANITIZER_H_
+#define VELK2_PLATFORM_SANITIZER_H_
 
 #if defined(__SANITIZE_ADDRESS__)
-#define VELK2_ENGINE_ASAN 1
+#define VELK2_ASAN 1
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
-#define VELK2_ENGINE_ASAN 1
+#define VELK2_ASAN 1
 #endif
 #endif
 
-#ifdef VELK2_ENGINE_ASAN
+#ifdef VELK2_ASAN
 #include <sanitizer/asan_interface.h>
 #define VELK2_POISON(address, size) ASAN_POISON_MEMORY_REGION((address), (size))
 #define VELK2_UNPOISON(address, size) ASAN_UNPOISON_MEMORY_REGION((address), (size))
@@ -20,4 +21,4 @@
 #define VELK2_UNPOISON(address, size) ((void)(address), (void)(size))
 #endif
 
-#endif  // VELK2_ENGINE_SANITIZER_H_
+#endif  // VELK2_PLATFORM_SANITIZER_H_
