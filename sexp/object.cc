@@ -2,7 +2,9 @@
 // canonical buffer and the text form).
 #include "sexp/object.h"
 
+#include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "frame/guard.h"
@@ -17,8 +19,22 @@ void SexpAtom::ClearBytes() {
   length_ = 0;
 }
 
+Ref<SexpAtom> SexpAtom::NewWithBytes(Velk2Context* context, std::string_view bytes,
+                                     DisplayHint hint) {
+  // Atoms past the read limit (only AssignBytes makes them) get a buffer of
+  // their own, so the inline capacity always fits its 16 bits.
+  const size_t extra = bytes.size() > kInlineBytes && bytes.size() <= kMaxAtomLength
+                           ? bytes.size() - kInlineBytes
+                           : 0;
+  Ref<SexpAtom> atom = Ref<SexpAtom>::Adopt(new (TrailingBytes{extra}) SexpAtom(context, {extra}));
+  if (atom->AssignBytes(bytes.data(), static_cast<uint32_t>(bytes.size()), hint) != VELK2_SUCCESS) {
+    throw std::bad_alloc();
+  }
+  return atom;
+}
+
 Result SexpAtom::ResizeBytes(uint32_t length) {
-  if (length <= kInlineBytes) {
+  if (length <= inline_capacity_) {
     data_.reset();
     length_ = length;
     return VELK2_SUCCESS;
@@ -68,23 +84,60 @@ CBuffer<char16_t> SexpAtom::AtomAsWide() const {
 
 // ---- Lists ---------------------------------------------------------------------
 
-Result SexpList::Link(SexpObject* child) {
-  if (child == nullptr) return VELK2_ERR_PARAM_NULL;
+SexpList::SexpList(Velk2Context* context, std::span<Ref<SexpObject>> children)
+    : SexpObject(context),
+      items_(reinterpret_cast<Ref<SexpObject>*>(this + 1)),
+      count_(static_cast<uint32_t>(children.size())),
+      capacity_(count_),
+      trailing_(count_) {
+  std::uninitialized_move(children.begin(), children.end(), items_);
+}
+
+Ref<SexpList> SexpList::NewWithChildren(Velk2Context* context,
+                                        std::span<Ref<SexpObject>> children) {
+  if (children.size() > UINT32_MAX / sizeof(Ref<SexpObject>)) throw std::bad_alloc();
+  const TrailingBytes extra{children.size() * sizeof(Ref<SexpObject>)};
+  return Ref<SexpList>::Adopt(new (extra) SexpList(context, children));
+}
+
+SexpList::~SexpList() {
+  // The room after the object holds references made in place: released
+  // here, the way a buffer of our own releases its own.
+  if (trailing_ != 0) std::destroy_n(reinterpret_cast<Ref<SexpObject>*>(this + 1), trailing_);
+}
+
+Result SexpList::Reserve(size_t count) {
+  if (count <= capacity_) return VELK2_SUCCESS;
+  if (count > UINT32_MAX / sizeof(Ref<SexpObject>)) return VELK2_ERR_MEM_ALLOC;
+  const size_t capacity = std::max<size_t>({count, size_t{capacity_} * 2, 4});
+  std::unique_ptr<Ref<SexpObject>[]> grown;
   try {
-    children_.emplace_back();
+    grown = std::make_unique<Ref<SexpObject>[]>(capacity);
   } catch (const std::bad_alloc&) {
     return VELK2_ERR_MEM_ALLOC;
   }
-  children_.back() = Ref<SexpObject>::Adopt(child);
+  std::move(items_, items_ + count_, grown.get());
+  heap_ = std::move(grown);
+  items_ = heap_.get();
+  capacity_ = static_cast<uint32_t>(capacity);
+  return VELK2_SUCCESS;
+}
+
+Result SexpList::Link(SexpObject* child) {
+  if (child == nullptr) return VELK2_ERR_PARAM_NULL;
+  Result result = Reserve(size_t{count_} + 1);
+  if (result != VELK2_SUCCESS) return result;
+  items_[count_++] = Ref<SexpObject>::Adopt(child);
   return VELK2_SUCCESS;
 }
 
 Result SexpList::RemoveChild(const SexpObject* child, Ref<SexpObject>* removed) {
   if (child == nullptr) return VELK2_ERR_PARAM_NULL;
-  for (auto it = children_.begin(); it != children_.end(); ++it) {
-    if (it->get() != child) continue;
-    Ref<SexpObject> reference = std::move(*it);
-    children_.erase(it);
+  for (uint32_t i = 0; i < count_; ++i) {
+    if (items_[i].get() != child) continue;
+    Ref<SexpObject> reference = std::move(items_[i]);
+    std::move(items_ + i + 1, items_ + count_, items_ + i);
+    --count_;
     if (removed != nullptr) *removed = std::move(reference);
     return VELK2_SUCCESS;
   }
@@ -92,7 +145,9 @@ Result SexpList::RemoveChild(const SexpObject* child, Ref<SexpObject>* removed) 
 }
 
 void SexpList::ClearChildren() {
-  children_.clear();
+  // Released front to back, then forgotten; the room stays for new children.
+  for (uint32_t i = 0; i < count_; ++i) items_[i].reset();
+  count_ = 0;
 }
 
 namespace {
@@ -122,7 +177,7 @@ Result SexpList::SetFilePath(const char16_t* name) {
     std::u16string path;
     Result result = StoreFilePath(StoreSubdirectory(), FileExtension(), name, location_, &path);
     if (result != VELK2_SUCCESS) return VELK2_ERR_MEM_ALLOC;
-    file_path_ = std::move(path);
+    file_path_ = std::make_unique<std::u16string>(std::move(path));
     return VELK2_SUCCESS;
   });
 }

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +23,7 @@
 #include "frame/text.h"
 #include "platform/cursor.h"
 #include "platform/zcry.h"
+#include "sexp/node_heap.h"
 
 namespace velk2 {
 
@@ -113,6 +114,15 @@ class SexpAtom : public SexpObject {
  public:
   explicit SexpAtom(Velk2Context* context = nullptr) : SexpObject(context) {}
   static Ref<SexpAtom> New(Velk2Context* context = nullptr) { return MakeRef<SexpAtom>(context); }
+  // NewWithBytes makes an atom holding a copy of |bytes| in one allocation:
+  // the bytes are stored right after the object. Throws std::bad_alloc.
+  static Ref<SexpAtom> NewWithBytes(Velk2Context* context, std::string_view bytes,
+                                    DisplayHint hint);
+
+  // Atoms live on the node heap, some with room for their bytes after them
+  // (NewWithBytes); every atom is freed the same way, whatever its size.
+  static void* operator new(size_t size) { return sexp_internal::AllocateNode(size); }
+  static void operator delete(void* memory) { sexp_internal::FreeNode(memory); }
 
   Result HashInto(ZCRY_HASH handle, bool skip_hints) const override;
   uint32_t CanonicalLength() const override;
@@ -141,10 +151,9 @@ class SexpAtom : public SexpObject {
   Result AssignBytes(const void* data, uint32_t length, DisplayHint hint = kHintNone);
   // ResizeBytes makes the atom |length| bytes long (content unspecified) for a
   // reader or writer that fills mutable_data() itself. Up to kInlineBytes
-  // bytes live in the atom itself. A longer value's buffer is kept when the
-  // current length is at least |length| and less than |length| + 8;
-  // otherwise one of exactly |length| bytes replaces it. 3, atom left empty,
-  // when memory runs out.
+  // bytes (or what NewWithBytes left room for) live in the atom itself. A longer value's buffer is
+  // kept when the current length is at least |length| and less than |length| + 8; otherwise one of
+  // exactly |length| bytes replaces it. 3, atom left empty, when memory runs out.
   Result ResizeBytes(uint32_t length);
   // ClearBytes frees the bytes and sets the length to 0.
   void ClearBytes();
@@ -160,17 +169,31 @@ class SexpAtom : public SexpObject {
   // Most atoms of a credential are words and small numbers: they live in the
   // atom, one allocation instead of two.
   static constexpr uint32_t kInlineBytes = 16;
-  DisplayHint hint() const { return hint_; }
-  void set_hint(DisplayHint hint) { hint_ = hint; }
+  DisplayHint hint() const { return static_cast<DisplayHint>(hint_); }
+  void set_hint(DisplayHint hint) { hint_ = static_cast<uint8_t>(hint); }
 
  protected:
   ~SexpAtom() override = default;
 
  private:
-  DisplayHint hint_ = kHintNone;
+  // The extra bytes NewWithBytes allocates after the object.
+  struct TrailingBytes {
+    size_t count;
+  };
+  static void* operator new(size_t size, TrailingBytes extra) {
+    return sexp_internal::AllocateNode(size + extra.count);
+  }
+  static void operator delete(void* memory, TrailingBytes) { sexp_internal::FreeNode(memory); }
+  SexpAtom(Velk2Context* context, TrailingBytes extra)
+      : SexpObject(context), inline_capacity_(static_cast<uint16_t>(kInlineBytes + extra.count)) {}
+
   uint32_t length_ = 0;
+  // The bytes inline_ can hold: kInlineBytes, plus what was allocated after
+  // the object.
+  uint16_t inline_capacity_ = kInlineBytes;
+  uint8_t hint_ = kHintNone;
   std::unique_ptr<uint8_t[]> data_;  // null: the bytes are inline_
-  uint8_t inline_[kInlineBytes];
+  uint8_t inline_[kInlineBytes];     // runs on into the trailing bytes
 };
 
 // An ordered list of child references, with the store location and file path
@@ -179,6 +202,17 @@ class SexpList : public SexpObject {
  public:
   explicit SexpList(Velk2Context* context = nullptr) : SexpObject(context) {}
   static Ref<SexpList> New(Velk2Context* context = nullptr) { return MakeRef<SexpList>(context); }
+  // NewWithChildren makes a plain list of |children| in one allocation: the
+  // references move into room right after the object, leaving |children|
+  // null. A later Append moves them to a buffer of their own. Throws
+  // std::bad_alloc; a null child is the caller's error (nothing moves).
+  static Ref<SexpList> NewWithChildren(Velk2Context* context, std::span<Ref<SexpObject>> children);
+
+  // Lists live on the node heap, some with room for their children after
+  // them (NewWithChildren); every list is freed the same way, whatever its
+  // size.
+  static void* operator new(size_t size) { return sexp_internal::AllocateNode(size); }
+  static void operator delete(void* memory) { sexp_internal::FreeNode(memory); }
 
   Result HashInto(ZCRY_HASH handle, bool skip_hints) const override;
   uint32_t CanonicalLength() const override;
@@ -212,8 +246,8 @@ class SexpList : public SexpObject {
   // it is not a child.
   Result RemoveChild(const SexpObject* child, Ref<SexpObject>* removed = nullptr);
   // The first and last child, borrowed; null for an empty list.
-  SexpObject* FirstChild() const { return children_.empty() ? nullptr : children_.front().get(); }
-  SexpObject* LastChild() const { return children_.empty() ? nullptr : children_.back().get(); }
+  SexpObject* FirstChild() const { return count_ == 0 ? nullptr : items_[0].get(); }
+  SexpObject* LastChild() const { return count_ == 0 ? nullptr : items_[count_ - 1].get(); }
   // Releases every child.
   void ClearChildren();
   // AppendTextAtom appends a new atom (hint none, the list's context) holding
@@ -221,12 +255,10 @@ class SexpList : public SexpObject {
   // 3 when memory runs out.
   Result AppendTextAtom(const char* text);
 
-  size_t ChildCount() const { return children_.size(); }
+  size_t ChildCount() const { return count_; }
   // The child at |index|, borrowed; null past the end.
-  SexpObject* ChildAt(size_t index) const {
-    return index < children_.size() ? children_[index].get() : nullptr;
-  }
-  const std::vector<Ref<SexpObject>>& children() const { return children_; }
+  SexpObject* ChildAt(size_t index) const { return index < count_ ? items_[index].get() : nullptr; }
+  std::span<const Ref<SexpObject>> children() const { return {items_, count_}; }
 
   uint32_t location() const { return location_; }
   // SetLocation stores the StoreLocation (home, global or verbatim path).
@@ -245,14 +277,33 @@ class SexpList : public SexpObject {
   Result EnsureStoreDirectory() const;
 
  protected:
-  ~SexpList() override = default;
+  ~SexpList() override;
 
  private:
-  Result Link(SexpObject* child);
+  struct TrailingBytes {
+    size_t count;
+  };
+  static void* operator new(size_t size, TrailingBytes extra) {
+    return sexp_internal::AllocateNode(size + extra.count);
+  }
+  static void operator delete(void* memory, TrailingBytes) { sexp_internal::FreeNode(memory); }
+  SexpList(Velk2Context* context, std::span<Ref<SexpObject>> children);
 
-  std::vector<Ref<SexpObject>> children_;
+  Result Link(SexpObject* child);
+  // Room for |count| children in all; VELK2_ERR_MEM_ALLOC (3) when it cannot
+  // be had, nothing moved.
+  Result Reserve(size_t count);
+
+  // The children: the first count_ of capacity_ references at items_, which
+  // is either the room after the object (trailing_ of them) or heap_.
+  Ref<SexpObject>* items_ = nullptr;
+  uint32_t count_ = 0;
+  uint32_t capacity_ = 0;
+  std::unique_ptr<Ref<SexpObject>[]> heap_;
+  uint32_t trailing_ = 0;
   uint32_t location_ = kStoreHome;
-  std::optional<std::u16string> file_path_;
+  // Null until SetFilePath: most lists never have one.
+  std::unique_ptr<std::u16string> file_path_;
 };
 
 inline const SexpAtom* SexpObject::AsAtom() const {

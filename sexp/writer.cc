@@ -71,7 +71,7 @@ uint32_t SaturatingAdd(uint32_t a, uint32_t b) {
 Result SexpAtom::HashInto(ZCRY_HASH handle, bool skip_hints) const {
   const uint32_t word = context_word();
   if (!skip_hints) {
-    const char* marker = HintMarker(hint_);
+    const char* marker = HintMarker(hint());
     if (*marker != '\0') {
       Result result = zcry_HashUpdate(handle, marker, std::strlen(marker), word);
       if (result != VELK2_SUCCESS) return result;
@@ -145,7 +145,7 @@ Result SexpAtom::EmitTokens(TokenCallback callback, void* user, uint32_t /*depth
 
 Result SexpAtom::WriteToFile(std::FILE* stream) const {
   if (stream == nullptr) return VELK2_ERR_PARAM_NULL;
-  const char* marker = HintMarker(hint_);
+  const char* marker = HintMarker(hint());
   const size_t marker_size = std::strlen(marker);
   if (WriteBytes(stream, marker, marker_size) != marker_size) return VELK2_ERR_WRITE_FILE;
   char header[16];
@@ -165,7 +165,7 @@ Result SexpList::HashInto(ZCRY_HASH handle, bool skip_hints) const {
   const uint32_t word = context_word();
   Result result = zcry_HashUpdate(handle, "(", 1, word);
   if (result != VELK2_SUCCESS) return result;
-  for (const Ref<SexpObject>& child : children_) {
+  for (const Ref<SexpObject>& child : children()) {
     result = child->HashInto(handle, skip_hints);
     if (result != VELK2_SUCCESS) return result;
   }
@@ -176,7 +176,7 @@ uint32_t SexpList::CanonicalLength() const {
   NestingScope scope;
   if (!scope.allowed()) return UINT32_MAX;
   uint32_t total = 2;
-  for (const Ref<SexpObject>& child : children_) {
+  for (const Ref<SexpObject>& child : children()) {
     total = SaturatingAdd(total, child->CanonicalLength());
   }
   return total;
@@ -186,11 +186,11 @@ uint32_t SexpList::AdvancedLength() const {
   NestingScope scope;
   if (!scope.allowed()) return UINT32_MAX;
   uint32_t total = 2 + 1;  // "(", ")" and the terminator
-  for (const Ref<SexpObject>& child : children_) {
+  for (const Ref<SexpObject>& child : children()) {
     total = SaturatingAdd(total, child->AdvancedLength());
   }
-  if (!children_.empty()) {  // one space per gap
-    const size_t gaps = children_.size() - 1;
+  if (!children().empty()) {  // one space per gap
+    const size_t gaps = children().size() - 1;
     total = SaturatingAdd(total, gaps > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(gaps));
   }
   return total;
@@ -202,7 +202,7 @@ Result SexpList::WriteCanonical(uint8_t* buffer, uint32_t* position, uint32_t ca
   if (!scope.allowed()) return kTooDeep;
   if (uint64_t{*position} + 1 >= capacity) return VELK2_ERR_BUFFER_OVERFLOW;
   buffer[(*position)++] = '(';
-  for (const Ref<SexpObject>& child : children_) {
+  for (const Ref<SexpObject>& child : children()) {
     // A child that does not fit is passed over on purpose: the ")" check
     // below reports the overflow. Only a refusal to nest deeper stops here.
     if (child->WriteCanonical(buffer, position, capacity) == kTooDeep) return kTooDeep;
@@ -218,9 +218,9 @@ Result SexpList::WriteAdvanced(char* buffer, uint32_t* position, uint32_t capaci
   if (!scope.allowed()) return kTooDeep;
   if (uint64_t{*position} + 1 >= capacity) return VELK2_ERR_BUFFER_OVERFLOW;
   buffer[(*position)++] = '(';
-  for (size_t i = 0; i < children_.size(); ++i) {
-    if (children_[i]->WriteAdvanced(buffer, position, capacity) == kTooDeep) return kTooDeep;
-    if (i + 1 == children_.size()) break;
+  for (size_t i = 0; i < children().size(); ++i) {
+    if (children()[i]->WriteAdvanced(buffer, position, capacity) == kTooDeep) return kTooDeep;
+    if (i + 1 == children().size()) break;
     // The separator needs no room check while the children fit; after one
     // did not, it must still stay inside the buffer.
     if (*position >= capacity) return VELK2_ERR_BUFFER_OVERFLOW;
@@ -237,9 +237,9 @@ Result SexpList::EmitTokens(TokenCallback callback, void* user, uint32_t depth) 
   if (!scope.allowed()) return kTooDeep;
   if (callback == nullptr) return VELK2_SUCCESS;
   if (depth > 0) callback("(", 1, user);
-  for (size_t i = 0; i < children_.size(); ++i) {
+  for (size_t i = 0; i < children().size(); ++i) {
     if (i > 0) callback(" ", 1, user);
-    if (children_[i]->EmitTokens(callback, user, depth + 1) == kTooDeep) return kTooDeep;
+    if (children()[i]->EmitTokens(callback, user, depth + 1) == kTooDeep) return kTooDeep;
   }
   if (depth > 0) callback(")", 1, user);
   return VELK2_SUCCESS;
@@ -250,7 +250,7 @@ Result SexpList::WriteToFile(std::FILE* stream) const {
   NestingScope scope;
   if (!scope.allowed()) return kTooDeep;
   if (WriteBytes(stream, "(", 1) != 1) return VELK2_ERR_WRITE_FILE;
-  for (const Ref<SexpObject>& child : children_) {
+  for (const Ref<SexpObject>& child : children()) {
     Result result = child->WriteToFile(stream);
     if (result != VELK2_SUCCESS) return result;
   }

@@ -11,6 +11,7 @@
 
 #include "frame/guard.h"
 #include "sexp/display.h"
+#include "sexp/node_heap.h"
 #include "sexp/reader.h"
 #include "sexp_test_util.h"
 
@@ -83,7 +84,15 @@ struct Operation {
   std::function<Result()> run;
 };
 
-TEST(SexpAllocation, EveryFailureIsReportedAndNothingLeaks) {
+// Objects come from operator new, not from the node heap's free lists, so
+// that every one of them is counted and can be made to fail.
+class SexpAllocation : public ::testing::Test {
+ protected:
+  void SetUp() override { sexp_internal::SetNodePooling(false); }
+  void TearDown() override { sexp_internal::SetNodePooling(true); }
+};
+
+TEST_F(SexpAllocation, EveryFailureIsReportedAndNothingLeaks) {
   const std::string canonical = "(4:cert(6:issuer(4:hash4:sha13:abc))[bin]3:xyz(0:))";
   const std::string prefixed = "(3:acl (5:entry (1:a) 2:bc) 0:)";
   const Operation kOperations[] = {
@@ -183,7 +192,7 @@ TEST(SexpAllocation, EveryFailureIsReportedAndNothingLeaks) {
 
 // A failed Append leaves the reference with the caller; a failed
 // SetAtomValue leaves the atom empty.
-TEST(SexpAllocation, FailedAppendAndSetAtomValue) {
+TEST_F(SexpAllocation, FailedAppendAndSetAtomValue) {
   Ref<SexpList> list = SexpList::New();
   Ref<SexpAtom> atom = testing::MakeAtom("kept");
   fail_countdown = 0;  // the list's first node
