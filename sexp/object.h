@@ -101,7 +101,22 @@ class SexpObject : public RefCounted {
   const SexpList* AsList() const;
   SexpList* AsList();
 
+  // Objects live on the node heap; the reader makes some with room after the
+  // object (an atom's bytes, a list's children), and every object is freed
+  // the same way, whatever its size.
+  static void* operator new(size_t size) { return sexp_internal::AllocateNode(size); }
+  static void operator delete(void* memory) { sexp_internal::FreeNode(memory); }
+
  protected:
+  // The room allocated after an object.
+  struct TrailingBytes {
+    size_t count;
+  };
+  static void* operator new(size_t size, TrailingBytes extra) {
+    return sexp_internal::AllocateNode(size + extra.count);
+  }
+  static void operator delete(void* memory, TrailingBytes) { sexp_internal::FreeNode(memory); }
+
   explicit SexpObject(Velk2Context* context) : context_(context) {}
   ~SexpObject() override = default;
 
@@ -118,11 +133,6 @@ class SexpAtom : public SexpObject {
   // the bytes are stored right after the object. Throws std::bad_alloc.
   static Ref<SexpAtom> NewWithBytes(Velk2Context* context, std::string_view bytes,
                                     DisplayHint hint);
-
-  // Atoms live on the node heap, some with room for their bytes after them
-  // (NewWithBytes); every atom is freed the same way, whatever its size.
-  static void* operator new(size_t size) { return sexp_internal::AllocateNode(size); }
-  static void operator delete(void* memory) { sexp_internal::FreeNode(memory); }
 
   Result HashInto(ZCRY_HASH handle, bool skip_hints) const override;
   uint32_t CanonicalLength() const override;
@@ -176,14 +186,6 @@ class SexpAtom : public SexpObject {
   ~SexpAtom() override = default;
 
  private:
-  // The extra bytes NewWithBytes allocates after the object.
-  struct TrailingBytes {
-    size_t count;
-  };
-  static void* operator new(size_t size, TrailingBytes extra) {
-    return sexp_internal::AllocateNode(size + extra.count);
-  }
-  static void operator delete(void* memory, TrailingBytes) { sexp_internal::FreeNode(memory); }
   SexpAtom(Velk2Context* context, TrailingBytes extra)
       : SexpObject(context), inline_capacity_(static_cast<uint16_t>(kInlineBytes + extra.count)) {}
 
@@ -207,12 +209,6 @@ class SexpList : public SexpObject {
   // null. A later Append moves them to a buffer of their own. Throws
   // std::bad_alloc; a null child is the caller's error (nothing moves).
   static Ref<SexpList> NewWithChildren(Velk2Context* context, std::span<Ref<SexpObject>> children);
-
-  // Lists live on the node heap, some with room for their children after
-  // them (NewWithChildren); every list is freed the same way, whatever its
-  // size.
-  static void* operator new(size_t size) { return sexp_internal::AllocateNode(size); }
-  static void operator delete(void* memory) { sexp_internal::FreeNode(memory); }
 
   Result HashInto(ZCRY_HASH handle, bool skip_hints) const override;
   uint32_t CanonicalLength() const override;
@@ -280,13 +276,6 @@ class SexpList : public SexpObject {
   ~SexpList() override;
 
  private:
-  struct TrailingBytes {
-    size_t count;
-  };
-  static void* operator new(size_t size, TrailingBytes extra) {
-    return sexp_internal::AllocateNode(size + extra.count);
-  }
-  static void operator delete(void* memory, TrailingBytes) { sexp_internal::FreeNode(memory); }
   SexpList(Velk2Context* context, std::span<Ref<SexpObject>> children);
 
   Result Link(SexpObject* child);
