@@ -1,6 +1,9 @@
 #include "engine/keywords.h"
 
+#include <algorithm>
+#include <cstring>
 #include <iterator>
+#include <string>
 
 namespace velk2::engine {
 namespace {
@@ -225,36 +228,81 @@ constexpr Recognised kRecognised[] = {
 
 static_assert(std::size(kRecognised) == 63);
 
-// 1: the atom sorts first, 2: after, 0: equal. Atom bytes past the length
-// count as 0, and the walk ends as equal where both give 0.
-int CompareWithKeyword(const uint8_t* bytes, uint32_t length, const char* keyword) {
-  for (uint32_t i = 0;; ++i) {
-    unsigned a = i < length ? bytes[i] : 0u;
-    unsigned k = static_cast<unsigned char>(keyword[i]);
-    if (a < k) return 1;
-    if (a > k) return 2;
-    if (a == 0) return 0;  // both 0 here
+// The longest word the lookup recognises ("rsa-pkcs1-sha1").
+constexpr size_t kLongestRecognised = 14;
+
+// A word of up to 16 bytes as two little-endian words, zero-padded: the
+// lookup compares two integers instead of two strings.
+struct Packed {
+  uint64_t low;
+  uint64_t high;
+  friend constexpr bool operator==(const Packed&, const Packed&) = default;
+};
+
+constexpr Packed PackText(const char* text) {
+  Packed packed{0, 0};
+  for (size_t i = 0; text[i] != '\0'; ++i) {
+    const uint64_t byte = static_cast<unsigned char>(text[i]);
+    if (i < 8) {
+      packed.low |= byte << (8 * i);
+    } else {
+      packed.high |= byte << (8 * (i - 8));
+    }
   }
+  return packed;
 }
+
+// The recognised words grouped by length: those of length n are
+// words[start[n]] up to words[start[n + 1]].
+struct ByLength {
+  struct Word {
+    Packed packed;
+    int32_t id;
+  };
+  uint8_t start[kLongestRecognised + 2];
+  Word words[std::size(kRecognised)];
+};
+
+constexpr ByLength MakeByLength() {
+  ByLength index{};
+  size_t filled = 0;
+  for (size_t length = 0; length <= kLongestRecognised; ++length) {
+    index.start[length] = static_cast<uint8_t>(filled);
+    for (const Recognised& word : kRecognised) {
+      if (std::char_traits<char>::length(word.text) == length) {
+        index.words[filled++] = {PackText(word.text), word.id};
+      }
+    }
+  }
+  index.start[kLongestRecognised + 1] = static_cast<uint8_t>(filled);
+  return index;
+}
+
+constexpr ByLength kByLength = MakeByLength();
+static_assert(kByLength.start[kLongestRecognised + 1] == std::size(kRecognised),
+              "a recognised word is longer than kLongestRecognised");
 
 }  // namespace
 
 int32_t KeywordId(const uint8_t* bytes, uint32_t length) {
-  if (bytes == nullptr && length != 0) return kKeywordNone;
-  size_t low = 0;
-  size_t high = std::size(kRecognised);
-  while (low < high) {
-    size_t middle = low + (high - low) / 2;
-    switch (CompareWithKeyword(bytes, length, kRecognised[middle].text)) {
-      case 0:
-        return kRecognised[middle].id;
-      case 1:
-        high = middle;
-        break;
-      default:
-        low = middle + 1;
-        break;
+  if (bytes == nullptr || length == 0) return kKeywordNone;
+  // An atom's word ends at its first NUL: the lookup has always compared the
+  // bytes as a C string, so "tag" followed by a NUL and anything is still tag.
+  const size_t scanned = std::min<size_t>(length, kLongestRecognised + 1);
+  size_t word = 0;
+  Packed packed{0, 0};
+  for (; word < scanned && bytes[word] != 0; ++word) {
+    const uint64_t byte = bytes[word];
+    if (word < 8) {
+      packed.low |= byte << (8 * word);
+    } else {
+      packed.high |= byte << (8 * (word - 8));
     }
+  }
+  // A fifteenth byte that is not a NUL: longer than any word.
+  if (word == 0 || word > kLongestRecognised) return kKeywordNone;
+  for (size_t i = kByLength.start[word]; i < kByLength.start[word + 1]; ++i) {
+    if (kByLength.words[i].packed == packed) return kByLength.words[i].id;
   }
   return kKeywordNone;
 }

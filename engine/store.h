@@ -23,15 +23,20 @@
 
 namespace velk2::engine {
 
+// A big ACL makes hundreds of thousands of records, each walked several
+// times: the fields are packed without padding, and the free-list link shares
+// its place with a field that only a live record uses.
 struct EngineAtom {
-  EngineAtom* free_link;  // only while on the free list
-  int32_t ref_count;
-  uint8_t flag;          // cleared by the parser
-  int32_t keyword_id;    // -1: not a keyword, or the atom has a display hint
-  uint32_t hint_length;  // 0: no display hint
+  union {
+    EngineAtom* free_link;  // only while on the free list
+    const uint8_t* bytes;   // only while alive
+  };
   const uint8_t* hint;
+  int32_t ref_count;
   uint32_t length;
-  const uint8_t* bytes;
+  uint32_t hint_length;  // 0: no display hint
+  int32_t keyword_id;    // -1: not a keyword, or the atom has a display hint
+  uint8_t flag;          // cleared by the parser
 };
 
 enum NodeKind : int32_t {
@@ -42,14 +47,14 @@ enum NodeKind : int32_t {
   kNodeSublist = 4,      // sublist element: sublist (the sublist's head node)
 };
 
-// Fields ordered so that no padding falls between them: a big ACL makes
-// hundreds of thousands of nodes.
 struct EngineNode {
-  EngineNode* free_link;  // only while on the free list
+  union {
+    EngineNode* free_link;  // only while on the free list (or being released)
+    const uint8_t* source;  // the "(" where this list began in the parsed text, or null
+  };
   int32_t ref_count;
   NodeKind kind;
   EngineNode* next;        // next sibling
-  const uint8_t* source;   // the "(" where this list began in the parsed text, or null
   uint32_t source_length;  // bytes from "(" to ")" inclusive, set when the list closed
   // The value, as the kind says; the other two stay zero.
   int32_t keyword;

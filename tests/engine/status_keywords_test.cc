@@ -113,6 +113,13 @@ TEST(KeywordId, RecognisesExactlyTheListedWords) {
   EXPECT_EQ(Lookup(std::string_view("tag\0xyz", 7)), kKeywordTag);
   EXPECT_EQ(Lookup(std::string_view("ta\0g", 4)), -1);
   EXPECT_EQ(Lookup(std::string_view("\0", 1)), -1);
+  // The same past the longest word, and for a long atom.
+  EXPECT_EQ(Lookup(std::string("set\0", 4) + std::string(300, 'x')), kKeywordSet);
+  EXPECT_EQ(Lookup(std::string_view("rsa-pkcs1-sha1\0", 15)), 101);
+  EXPECT_EQ(Lookup("rsa-pkcs1-sha1x"), -1);
+  EXPECT_EQ(Lookup(std::string(257, 'n')), -1);
+  EXPECT_EQ(KeywordId(nullptr, 0), -1);
+  EXPECT_EQ(KeywordId(nullptr, 3), -1);
 }
 
 TEST(KeywordTextOf, TableEntriesAndFallback) {
