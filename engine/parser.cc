@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <limits>
+#include <new>
 
 #include "engine/keywords.h"
 
@@ -15,7 +16,9 @@ bool IsLengthStart(uint8_t byte) {
   return byte >= '1' && byte <= '9';
 }
 
-Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, int depth) {
+// |keys|: where to note public-key lists, or null (also inside a key).
+Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, int depth,
+                   std::vector<EngineNode*>* keys) {
   *out = nullptr;
   const int start = cursor->Peek();
   if (start == -1) return SPKI_ERR_BAD_SEXP_START;
@@ -34,6 +37,14 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, 
                                              : NewAtomHead(engine, first.get()));
   if (!head) return SPKI_ERR_NO_MEM;
   head->source = open;
+  if (keys != nullptr && head->kind == kNodeKeywordHead && head->keyword == kKeywordPublicKey) {
+    try {
+      keys->push_back(head.get());
+    } catch (const std::bad_alloc&) {
+      return SPKI_ERR_NO_MEM;
+    }
+    keys = nullptr;
+  }
 
   EngineNode* tail = head.get();
   for (int byte = cursor->Peek(); byte != -1; byte = cursor->Peek()) {
@@ -41,7 +52,7 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, 
     if (byte == '(') {
       if (depth >= kMaxNesting) return SPKI_ERR_BAD_SEXP;
       NodeRef sublist(engine);
-      status = ParseListAt(engine, sublist.out(), cursor, depth + 1);
+      status = ParseListAt(engine, sublist.out(), cursor, depth + 1, keys);
       if (status != SPKI_OK) return status;
       element.reset(NewSublistElement(engine, sublist.get()));
     } else if (IsLengthStart(static_cast<uint8_t>(byte)) || byte == '[') {
@@ -122,13 +133,14 @@ Status ParseList(EngineContext& engine, EngineNode** out, ByteCursor* cursor) {
   if (out == nullptr || cursor == nullptr || cursor->data() == nullptr) {
     return SPKI_ERR_NULL_PARAM;
   }
-  return ParseListAt(engine, out, cursor, 1);
+  return ParseListAt(engine, out, cursor, 1, nullptr);
 }
 
-Status ParseText(EngineContext& engine, EngineNode** out, const void* text, size_t length) {
+Status ParseText(EngineContext& engine, EngineNode** out, const void* text, size_t length,
+                 std::vector<EngineNode*>* keys) {
   if (out == nullptr || text == nullptr) return SPKI_ERR_NULL_PARAM;
   ByteCursor cursor(text, length);
-  Status status = ParseList(engine, out, &cursor);
+  Status status = ParseListAt(engine, out, &cursor, 1, keys);
   if (status == SPKI_OK && !cursor.at_end()) {
     ReleaseNode(engine, *out);
     *out = nullptr;

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "engine/status.h"
 #include "engine/store.h"
@@ -39,7 +40,14 @@ Status ParseList(EngineContext& engine, EngineNode** out, ByteCursor* cursor);
 
 // ParseText parses |length| bytes that must hold exactly one list; bytes
 // after the list give SPKI_ERR_BAD_SEXP_FORMAT (-142).
-Status ParseText(EngineContext& engine, EngineNode** out, const void* text, size_t length);
+//
+// With |keys|, the head of every `public-key` list is appended to it
+// (borrowed: the tree holds it) in the order a walk from the top meets them,
+// without looking inside a key: the reduction registers keys in that order,
+// and a big ACL is cheaper to note while it is parsed than to walk again.
+// After a failure |keys| holds some of them.
+Status ParseText(EngineContext& engine, EngineNode** out, const void* text, size_t length,
+                 std::vector<EngineNode*>* keys = nullptr);
 
 // ParseTemplate parses the NUL-terminated constant |text| (an engine template
 // such as "(1:*5:range)"), then clears the source text and length of every

@@ -1,5 +1,8 @@
 #include "engine/query.h"
 
+#include <new>
+#include <vector>
+
 #include "engine/parser.h"
 #include "engine/printer.h"
 #include "engine/store.h"
@@ -9,8 +12,9 @@ namespace velk2::engine {
 namespace {
 
 // An empty view may have no data at all; the parser wants a pointer.
-Status ParseView(EngineContext& engine, EngineNode** out, std::string_view text) {
-  return ParseText(engine, out, text.data() != nullptr ? text.data() : "", text.size());
+Status ParseView(EngineContext& engine, EngineNode** out, std::string_view text,
+                 std::vector<EngineNode*>* keys = nullptr) {
+  return ParseText(engine, out, text.data() != nullptr ? text.data() : "", text.size(), keys);
 }
 
 }  // namespace
@@ -35,16 +39,31 @@ int32_t ReduceCanonicalWith(const EngineAllocator* allocator, uint32_t crypto_co
     NodeRef tag_tree(engine);
     NodeRef validity_tree(engine);
     NodeRef result(engine);
-    status = ParseView(engine, acl_tree.out(), acl);
-    if (status == SPKI_OK) status = ParseView(engine, sequence_tree.out(), sequence);
-    if (status == SPKI_OK) status = ParseView(engine, key_tree.out(), key);
+    // The keys each tree holds, noted while it is parsed, in the order the
+    // reduction registers them: the key's, the ACL's, the sequence's.
+    std::vector<EngineNode*> tree_keys[3];
+    status = ParseView(engine, acl_tree.out(), acl, &tree_keys[1]);
+    if (status == SPKI_OK) status = ParseView(engine, sequence_tree.out(), sequence, &tree_keys[2]);
+    if (status == SPKI_OK) status = ParseView(engine, key_tree.out(), key, &tree_keys[0]);
+    std::vector<EngineNode*> keys;
+    if (status == SPKI_OK) {
+      try {
+        for (const std::vector<EngineNode*>& found : tree_keys) {
+          keys.insert(keys.end(), found.begin(), found.end());
+        }
+      } catch (const std::bad_alloc&) {
+        status = SPKI_ERR_NO_MEM;
+      }
+    }
     if (status == SPKI_OK && tag != nullptr) status = ParseView(engine, tag_tree.out(), *tag);
     if (status == SPKI_OK && validity != nullptr) {
       status = ParseView(engine, validity_tree.out(), *validity);
     }
     if (status == SPKI_OK) {
+      ReduceOptions noted = options;
+      noted.keys = &keys;
       status = Reduce(engine, crypto_context, acl_tree.get(), sequence_tree.get(), key_tree.get(),
-                      tag_tree.get(), validity_tree.get(), result.out(), options);
+                      tag_tree.get(), validity_tree.get(), result.out(), noted);
     }
     if (status == SPKI_OK) status = PrintToString(result.get(), result_text);
     if (status != SPKI_OK) result_text->clear();
@@ -66,6 +85,8 @@ int32_t ReduceCanonical(uint32_t crypto_context, std::string_view acl, std::stri
                         ReductionTrace* trace) {
   ReduceOptions options;
   options.trace = trace;
+  // The engine below lives for this query only.
+  options.arena_discarded = true;
   return ReduceCanonicalWith(DefaultAllocator(), crypto_context, acl, sequence, key, tag, validity,
                              result_text, options);
 }

@@ -32,6 +32,7 @@ Reducer::Reducer(EngineContext& engine, uint32_t crypto_context, const ReduceOpt
 }
 
 Reducer::NameIndex::~NameIndex() {
+  if (reducer.options_.arena_discarded) return;
   for (IndexEntry*& bucket : buckets) {
     while (IndexEntry* entry = bucket) {
       bucket = entry->next;
@@ -42,6 +43,7 @@ Reducer::NameIndex::~NameIndex() {
 }
 
 Reducer::BlockList::~BlockList() {
+  if (reducer.options_.arena_discarded) return;
   // Every slot lets go of its arrivals before any block goes.
   for (ThresholdBlock* block = head; block != nullptr; block = block->next_block) {
     for (int32_t i = 1; i <= block->n; ++i) reducer.ClearTupleList(&block->slots[i]);
@@ -54,6 +56,7 @@ Reducer::BlockList::~BlockList() {
 }
 
 Reducer::PrincipalTable::~PrincipalTable() {
+  if (reducer.options_.arena_discarded) return;
   // Every principal lets go of its tuples before any principal goes.
   for (IndexEntry* entry = all; entry != nullptr; entry = entry->next) {
     reducer.ClearTupleList(&entry->principal->issued);
@@ -221,9 +224,17 @@ Status Reducer::Run(EngineNode* acl, EngineNode* sequence, EngineNode* key, Engi
 
   // Every key met anywhere is registered first, so that a hash principal met
   // later is matched with its key.
-  for (const EngineNode* tree : {key, acl, sequence}) {
-    Status status = RegisterKeys(tree, 1);
-    if (status != SPKI_OK) return status;
+  if (options_.keys != nullptr) {
+    for (EngineNode* found : *options_.keys) {
+      Principal* ignored = nullptr;
+      Status status = InternKey(found, &ignored);
+      if (status != SPKI_OK) return status;
+    }
+  } else {
+    for (const EngineNode* tree : {key, acl, sequence}) {
+      Status status = RegisterKeys(tree, 1);
+      if (status != SPKI_OK) return status;
+    }
   }
   if (key != nullptr) {
     Status status = PrincipalOf(key, &key_);

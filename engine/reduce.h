@@ -98,7 +98,8 @@ struct ReductionStats {
   uint32_t threshold_combinations = 0;
   uint64_t work_steps = 0;
   uint32_t principals = 0;
-  // Tuple records still alive after the reduction cleaned up: always 0.
+  // Tuple records still alive after the reduction cleaned up: 0 unless the
+  // arena is discarded.
   uint32_t live_tuples = 0;
 };
 
@@ -110,6 +111,15 @@ struct ReduceOptions {
   ReductionTrace* trace = nullptr;  // optional; costs nothing when null
   ReductionStats* stats = nullptr;  // optional
   ReductionLimits limits;
+  // Optional: the public-key lists of the key, the ACL and the sequence, in
+  // that order, as ParseText noted them for each tree. Given, the trees are
+  // not walked to find them.
+  const std::vector<EngineNode*>* keys = nullptr;
+  // Set when the engine's arena is destroyed whole right after the reduction
+  // (only the result is kept): the reducer's own records are then left where
+  // they lie instead of going back to their free lists one by one, and
+  // |stats| counts them as live.
+  bool arena_discarded = false;
 };
 
 // Reduce reduces the ACL |acl| and the certificates of |sequence| towards

@@ -2,6 +2,8 @@
 // certificates, their issuers and subjects (keys, hashes, names, k-of-n).
 #include "engine/reduce.h"
 
+#include <cstring>
+
 #include "engine/dates.h"
 #include "engine/keywords.h"
 #include "engine/parser.h"
@@ -76,7 +78,7 @@ Status Reducer::AddCredential(EngineNode* credential) {
         AssignNode(engine_, &t->tag, field);
         break;
       case kKeywordValid:
-        status = ReadValidity(engine_, &t->not_before, &t->not_after, field);
+        status = ReadPeriod(field, t);
         // A repeated date simply replaces the earlier one.
         if (status == SPKI_ERR_TOO_MANY_NOT_BEFORE || status == SPKI_ERR_TOO_MANY_NOT_AFTER) {
           status = SPKI_OK;
@@ -120,6 +122,32 @@ Status Reducer::AddCredential(EngineNode* credential) {
   Status status = Insert(t, false);
   if (status != SPKI_OK) return status;
   return Settle();
+}
+
+// The credential's period from a validity list. A big ACL gives most of its
+// entries the same period, and the dates follow from the list's text alone:
+// a list whose text is that of the last one read takes its dates again
+// instead of walking its nodes. Dates are only ever compared by value, so
+// sharing them changes nothing. Only a credential's first validity list is
+// read this way: a second one replaces dates already there.
+Status Reducer::ReadPeriod(const EngineNode* valid, FiveTuple* tuple) {
+  const bool first = tuple->not_before == nullptr && tuple->not_after == nullptr;
+  const bool has_text = valid->source != nullptr && valid->source_length != 0;
+  if (first && has_text && valid->source_length == period_seen_.length &&
+      std::memcmp(valid->source, period_seen_.source, period_seen_.length) == 0) {
+    AssignAtom(engine_, &tuple->not_before, seen_not_before_.get());
+    AssignAtom(engine_, &tuple->not_after, seen_not_after_.get());
+    return period_seen_.status;
+  }
+  const Status status = ReadValidity(engine_, &tuple->not_before, &tuple->not_after, valid);
+  if (first && has_text &&
+      (status == SPKI_OK || status == SPKI_ERR_TOO_MANY_NOT_BEFORE ||
+       status == SPKI_ERR_TOO_MANY_NOT_AFTER)) {
+    period_seen_ = {valid->source, valid->source_length, status};
+    AssignAtom(engine_, seen_not_before_.out(), tuple->not_before);
+    AssignAtom(engine_, seen_not_after_.out(), tuple->not_after);
+  }
+  return status;
 }
 
 // (issuer P) or (issuer (name P N)).

@@ -163,6 +163,7 @@ class Reducer {
   Status Walk(const EngineNode* list, int depth, bool certificates_only);
   Status AddCredential(EngineNode* credential);
   Status ReadIssuer(const EngineNode* issuer, FiveTuple* tuple);
+  Status ReadPeriod(const EngineNode* valid, FiveTuple* tuple);
   Status ReadSubject(const EngineNode* subject, FiveTuple* tuple, bool* relative);
   Status ReadNameSubject(const EngineNode* name, FiveTuple* tuple, bool* relative);
   Status Insert(FiveTuple* tuple, bool derived);
@@ -221,7 +222,9 @@ class Reducer {
   };
   struct TupleList : Part {  // the root list, the pending work
     using Part::Part;
-    ~TupleList() { reducer.ClearTupleList(&head); }
+    ~TupleList() {
+      if (!reducer.options_.arena_discarded) reducer.ClearTupleList(&head);
+    }
     TupleEntry* head = nullptr;
   };
   struct NameIndex : Part {  // name definitions or references, by digest; owns tuple counts
@@ -286,6 +289,15 @@ class Reducer {
   Principal* key_ = nullptr;
   NodeRef tag_{engine_};
   NodeRef validity_{engine_};
+  // The text of the last validity list read as a credential's first, with
+  // the dates and status it gave (see ReadPeriod).
+  struct PeriodSeen {
+    const uint8_t* source = nullptr;
+    uint32_t length = 0;
+    Status status = SPKI_OK;
+  } period_seen_;
+  AtomRef seen_not_before_{engine_};
+  AtomRef seen_not_after_{engine_};
 };
 
 inline void DropRecord(Reducer& reducer, FiveTuple* tuple) {
