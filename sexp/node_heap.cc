@@ -24,9 +24,13 @@ constexpr size_t kClassCount = 32;
 constexpr size_t kLargestBlock = kGranule * kClassCount;
 constexpr uint64_t kUnpooled = UINT64_MAX;
 constexpr size_t kSlabSize = 256 * 1024;
-// A thread keeps at most this many free blocks of one class; the rest go to
-// the depot, where other threads find them.
+// A thread keeps at most this many free blocks of one class; past it, a
+// batch goes to the depot, where other threads find them. Blocks move
+// between a thread and the depot a batch at a time, so that a thread
+// freeing and allocating around the limit moves a batch now and then, not
+// its whole list each time.
 constexpr size_t kCacheLimit = 16384;
+constexpr size_t kBatch = 4096;
 
 struct FreeBlock {
   FreeBlock* next;
@@ -49,31 +53,38 @@ struct FreeList {
     }
     return block;
   }
-  // Moves every block of |other| onto this list.
-  void Splice(FreeList& other) {
-    if (other.head == nullptr) return;
-    FreeBlock* tail = other.head;
-    while (tail->next != nullptr) tail = tail->next;
-    tail->next = head;
-    head = other.head;
-    count += other.count;
-    other = FreeList{};
+  // Moves up to |most| blocks from the front of this list to the front of
+  // |to|, walking only those; how many moved.
+  size_t MoveFront(size_t most, FreeList& to) {
+    FreeBlock* last = nullptr;
+    size_t moved = 0;
+    for (FreeBlock* block = head; block != nullptr && moved < most; block = block->next) {
+      last = block;
+      ++moved;
+    }
+    if (moved == 0) return 0;
+    FreeBlock* first = head;
+    head = last->next;
+    count -= moved;
+    last->next = to.head;
+    to.head = first;
+    to.count += moved;
+    return moved;
   }
 };
 
 // The blocks that threads gave up or left behind when they ended.
 class Depot {
  public:
-  void Give(size_t size_class, FreeList& list) {
+  // Takes up to |most| blocks from the front of |list|.
+  void Give(size_t size_class, FreeList& list, size_t most) {
     std::lock_guard<std::mutex> lock(mutex_);
-    lists_[size_class].Splice(list);
+    list.MoveFront(most, lists_[size_class]);
   }
-  // Takes every block of the class; false when there are none.
+  // Moves a batch of the class to |list|; false when there is none.
   bool Take(size_t size_class, FreeList& list) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (lists_[size_class].head == nullptr) return false;
-    list.Splice(lists_[size_class]);
-    return true;
+    return lists_[size_class].MoveFront(kBatch, list) != 0;
   }
 
  private:
@@ -103,7 +114,8 @@ constinit thread_local Cache cache = {};
 struct Flusher {
   ~Flusher() {
     for (size_t size_class = 0; size_class < kClassCount; ++size_class) {
-      if (cache.lists[size_class].count != 0) TheDepot().Give(size_class, cache.lists[size_class]);
+      FreeList& list = cache.lists[size_class];
+      if (list.count != 0) TheDepot().Give(size_class, list, list.count);
     }
   }
 };
@@ -168,7 +180,7 @@ void FreeNode(void* object) noexcept {
   if (!cache.registered) Register();
   FreeList& list = cache.lists[size_class];
   list.Push(reinterpret_cast<FreeBlock*>(block));
-  if (list.count > kCacheLimit) TheDepot().Give(size_class, list);
+  if (list.count > kCacheLimit) TheDepot().Give(size_class, list, kBatch);
 }
 
 #else  // VELK2_ASAN: every block from the ordinary heap.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -149,6 +150,35 @@ TEST(SexpNodeHeap, BlocksCrossThreadsIntact) {
     }
   }
   sexp_internal::FreeNode(nullptr);
+}
+
+// More blocks of one size than a thread keeps: freeing them sends batches to
+// the depot, and making them again takes batches back. No block is handed
+// out twice while alive, and a block made on another thread that ended is
+// found again.
+TEST(SexpNodeHeap, BatchesThroughTheDepot) {
+  constexpr size_t kCount = 50000;
+  constexpr size_t kSize = 40;
+  std::vector<void*> blocks;
+  for (int round = 0; round < 3; ++round) {
+    std::thread([&] {
+      for (size_t i = 0; i < kCount; ++i) blocks.push_back(sexp_internal::AllocateNode(kSize));
+    }).join();
+    std::set<void*> distinct(blocks.begin(), blocks.end());
+    EXPECT_EQ(distinct.size(), blocks.size());
+    // Freed and made again around the limit, one at a time.
+    for (size_t i = 0; i < kCount; ++i) {
+      sexp_internal::FreeNode(blocks[i]);
+      if (i % 3 == 0)
+        blocks[i] = sexp_internal::AllocateNode(kSize);
+      else
+        blocks[i] = nullptr;
+    }
+    std::erase(blocks, nullptr);
+    distinct = std::set<void*>(blocks.begin(), blocks.end());
+    EXPECT_EQ(distinct.size(), blocks.size());
+  }
+  for (void* block : blocks) sexp_internal::FreeNode(block);
 }
 
 }  // namespace
