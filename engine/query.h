@@ -35,7 +35,9 @@ int32_t ReduceCanonical(uint32_t crypto_context, std::string_view acl, std::stri
                         ReductionTrace* trace = nullptr);
 
 // ReduceCanonicalWith is ReduceCanonical with every reduction option
-// (limits, statistics) and an allocator of the caller's choosing.
+// (limits, statistics, arena_discarded) and an allocator of the caller's
+// choosing; the keys are always the ones noted while the texts are parsed.
+// ReduceCanonical discards the arena.
 int32_t ReduceCanonicalWith(const EngineAllocator* allocator, uint32_t crypto_context,
                             std::string_view acl, std::string_view sequence, std::string_view key,
                             const std::string_view* tag, const std::string_view* validity,
