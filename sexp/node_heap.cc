@@ -2,6 +2,8 @@
 // and slabs carved from the ordinary heap.
 #include "sexp/node_heap.h"
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <mutex>
@@ -86,10 +88,36 @@ class Depot {
     std::lock_guard<std::mutex> lock(mutex_);
     return lists_[size_class].MoveFront(kBatch, list) != 0;
   }
+  // The uncut rest [next, end) of an ended thread's slab, for the next thread
+  // that needs a slab; it holds its own record.
+  void GiveRest(char* next, char* end) {
+    if (end - next < static_cast<ptrdiff_t>(sizeof(Rest))) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    rests_ = ::new (next) Rest{rests_, end};
+  }
+  // A rest given back, as [*next, *end); false when there is none.
+  bool TakeRest(char** next, char** end) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (rests_ == nullptr) return false;
+    Rest* rest = rests_;
+    rests_ = rest->older;
+    *next = reinterpret_cast<char*>(rest);
+    *end = rest->end;
+    return true;
+  }
+  // Slabs taken from malloc so far.
+  size_t slabs() const { return slabs_.load(std::memory_order_relaxed); }
+  void CountSlab() { slabs_.fetch_add(1, std::memory_order_relaxed); }
 
  private:
+  struct Rest {
+    Rest* older;
+    char* end;
+  };
   std::mutex mutex_;
   FreeList lists_[kClassCount] = {};
+  Rest* rests_ = nullptr;
+  std::atomic<size_t> slabs_{0};
 };
 
 // Threads may end after static destructors have run, so the depot is never
@@ -113,6 +141,10 @@ constinit thread_local Cache cache = {};
 
 struct Flusher {
   ~Flusher() {
+    // The slab's uncut rest goes on too: a thread that parses one file and
+    // ends would otherwise strand most of a slab.
+    if (cache.slab_next != nullptr) TheDepot().GiveRest(cache.slab_next, cache.slab_end);
+    cache.slab_next = cache.slab_end = nullptr;
     for (size_t size_class = 0; size_class < kClassCount; ++size_class) {
       FreeList& list = cache.lists[size_class];
       if (list.count != 0) TheDepot().Give(size_class, list, list.count);
@@ -137,11 +169,20 @@ FreeBlock* Refill(size_t size_class) {
   if (TheDepot().Take(size_class, list)) return list.Pop();
   const size_t block_size = (size_class + 1) * kGranule;
   if (cache.slab_next == nullptr || size_t(cache.slab_end - cache.slab_next) < block_size) {
-    // The rest of the old slab (less than one block) is left unused.
-    char* slab = static_cast<char*>(std::malloc(kSlabSize));
-    if (slab == nullptr) throw std::bad_alloc();
-    cache.slab_next = slab;
-    cache.slab_end = slab + kSlabSize;
+    // The rest of the old slab (less than one block) is left unused. A rest
+    // that an ended thread left is taken before a new slab; blocks are at
+    // most kLargestBlock, so a rest too small for this one is rare and is
+    // simply dropped.
+    char* next = nullptr;
+    char* end = nullptr;
+    if (!TheDepot().TakeRest(&next, &end) || size_t(end - next) < block_size) {
+      next = static_cast<char*>(std::malloc(kSlabSize));
+      if (next == nullptr) throw std::bad_alloc();
+      end = next + kSlabSize;
+      TheDepot().CountSlab();
+    }
+    cache.slab_next = next;
+    cache.slab_end = end;
   }
   FreeBlock* block = reinterpret_cast<FreeBlock*>(cache.slab_next);
   cache.slab_next += block_size;
@@ -154,6 +195,10 @@ bool pooling = true;
 
 void SetNodePooling(bool enabled) {
   pooling = enabled;
+}
+
+size_t NodeSlabCount() {
+  return TheDepot().slabs();
 }
 
 void* AllocateNode(size_t size) {
@@ -186,6 +231,10 @@ void FreeNode(void* object) noexcept {
 #else  // VELK2_ASAN: every block from the ordinary heap.
 
 void SetNodePooling(bool) {}
+
+size_t NodeSlabCount() {
+  return 0;
+}
 
 void* AllocateNode(size_t size) {
   return ::operator new(size);

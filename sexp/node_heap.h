@@ -25,6 +25,9 @@ void FreeNode(void* block) noexcept;
 // of allocation failures count and fail those); blocks made before are freed
 // where they came from. On by default; set it while no other thread runs.
 void SetNodePooling(bool enabled);
+// The slabs taken from malloc since the process started (0 when every block
+// comes from the ordinary heap).
+size_t NodeSlabCount();
 
 }  // namespace velk2::sexp_internal
 

@@ -181,5 +181,21 @@ TEST(SexpNodeHeap, BatchesThroughTheDepot) {
   for (void* block : blocks) sexp_internal::FreeNode(block);
 }
 
+// A thread that ends hands on the uncut rest of its slab: threads that one
+// after the other each need blocks of a size nobody freed before share one
+// slab instead of taking one each.
+TEST(SexpNodeHeap, EndedThreadsHandOnTheirSlab) {
+  const size_t before = sexp_internal::NodeSlabCount();
+  for (size_t size = 8; size <= 480; size += 16) {
+    std::thread([size] {
+      void* block = sexp_internal::AllocateNode(size);
+      std::memset(block, 0x5A, size);
+      sexp_internal::FreeNode(block);
+    }).join();
+  }
+  // Two at most: blocks left over by other tests may lie anywhere.
+  EXPECT_LE(sexp_internal::NodeSlabCount() - before, 2u);
+}
+
 }  // namespace
 }  // namespace velk2
