@@ -2,7 +2,9 @@
 // backwards from the key, and the result ACL.
 #include "engine/reduce.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "engine/dates.h"
@@ -31,8 +33,19 @@ Reducer::Reducer(EngineContext& engine, uint32_t crypto_context, const ReduceOpt
   engine_.SetWorkLimit(options_.limits.work_steps);
 }
 
+Reducer::~Reducer() {
+  if (!options_.arena_discarded) return;
+  // The arena goes whole right after: every part forgets its records instead
+  // of giving them back one by one.
+  root_.head = pending_.head = nullptr;
+  for (NameIndex* index : {&definitions_, &references_}) {
+    std::fill(std::begin(index->buckets), std::end(index->buckets), nullptr);
+  }
+  blocks_list_.head = nullptr;
+  principal_index_.all = nullptr;
+}
+
 Reducer::NameIndex::~NameIndex() {
-  if (reducer.options_.arena_discarded) return;
   for (IndexEntry*& bucket : buckets) {
     while (IndexEntry* entry = bucket) {
       bucket = entry->next;
@@ -43,7 +56,6 @@ Reducer::NameIndex::~NameIndex() {
 }
 
 Reducer::BlockList::~BlockList() {
-  if (reducer.options_.arena_discarded) return;
   // Every slot lets go of its arrivals before any block goes.
   for (ThresholdBlock* block = head; block != nullptr; block = block->next_block) {
     for (int32_t i = 1; i <= block->n; ++i) reducer.ClearTupleList(&block->slots[i]);
@@ -56,7 +68,6 @@ Reducer::BlockList::~BlockList() {
 }
 
 Reducer::PrincipalTable::~PrincipalTable() {
-  if (reducer.options_.arena_discarded) return;
   // Every principal lets go of its tuples before any principal goes.
   for (IndexEntry* entry = all; entry != nullptr; entry = entry->next) {
     reducer.ClearTupleList(&entry->principal->issued);

@@ -136,7 +136,7 @@ inline bool SameBytes(const EngineAtom* a, const EngineAtom* b) {
 class Reducer {
  public:
   Reducer(EngineContext& engine, uint32_t crypto_context, const ReduceOptions& options);
-  ~Reducer() = default;
+  ~Reducer();
   Reducer(const Reducer&) = delete;
   Reducer& operator=(const Reducer&) = delete;
 
@@ -222,9 +222,7 @@ class Reducer {
   };
   struct TupleList : Part {  // the root list, the pending work
     using Part::Part;
-    ~TupleList() {
-      if (!reducer.options_.arena_discarded) reducer.ClearTupleList(&head);
-    }
+    ~TupleList() { reducer.ClearTupleList(&head); }
     TupleEntry* head = nullptr;
   };
   struct NameIndex : Part {  // name definitions or references, by digest; owns tuple counts

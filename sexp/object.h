@@ -14,6 +14,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "frame/context.h"
@@ -161,16 +162,17 @@ class SexpAtom : public SexpObject {
   Result AssignBytes(const void* data, uint32_t length, DisplayHint hint = kHintNone);
   // ResizeBytes makes the atom |length| bytes long (content unspecified) for a
   // reader or writer that fills mutable_data() itself. Up to kInlineBytes
-  // bytes (or what NewWithBytes left room for) live in the atom itself. A longer value's buffer is
-  // kept when the current length is at least |length| and less than |length| + 8; otherwise one of
-  // exactly |length| bytes replaces it. 3, atom left empty, when memory runs out.
+  // bytes (or what NewWithBytes left room for) live in the atom itself. A
+  // longer value's buffer is kept when the current length is at least
+  // |length| and less than |length| + 8; otherwise one of exactly |length|
+  // bytes replaces it. 3, atom left empty, when memory runs out.
   Result ResizeBytes(uint32_t length);
   // ClearBytes frees the bytes and sets the length to 0.
   void ClearBytes();
 
   // Null while the atom is empty.
   const uint8_t* data() const { return data_ ? data_.get() : length_ ? inline_ : nullptr; }
-  uint8_t* mutable_data() { return data_ ? data_.get() : length_ ? inline_ : nullptr; }
+  uint8_t* mutable_data() { return const_cast<uint8_t*>(std::as_const(*this).data()); }
   uint32_t length() const { return length_; }
   std::string_view bytes() const {
     return length_ ? std::string_view(reinterpret_cast<const char*>(data()), length_)

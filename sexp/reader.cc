@@ -34,22 +34,15 @@ constexpr size_t kMaxHintText = 10;
 // Length digits the canonical reader takes; a fifth means the atom is too long.
 constexpr int kMaxLengthDigits = 4;
 
-// The source's required one-byte literal on its cursor: at the end the
-// position stays at the end.
-Result ExpectByte(ByteCursor& bytes, char byte) {
-  if (bytes.at_end()) return VELK2_ERR_FILE_OPEN;
-  return bytes.Match(std::string_view(&byte, 1)) ? VELK2_SUCCESS : VELK2_ERR_INVALID_DATA;
-}
-
-Result ReadAtomSpanIn(ByteCursor& bytes, std::string_view* value, DisplayHint* hint);
-
 // The children of every list still open wait on |pending|, innermost last,
 // until their list closes and takes them: the list and its children are one
 // allocation (a list growing child by child allocated three times for three).
-Result ParseCanonicalListAt(Ref<SexpList>* out, ByteCursor& bytes, Velk2Context* context,
+Result ParseCanonicalListAt(Ref<SexpList>* out, SexpSource* source, Velk2Context* context,
                             uint32_t depth, std::vector<Ref<SexpObject>>& pending) {
-  Result result = ExpectByte(bytes, '(');
+  Result result = source->Expect("(", 1, kExpectRequired);
   if (result != VELK2_SUCCESS) return result;
+  // The byte loop peeks through the source's cursor, not a virtual call.
+  ByteCursor& bytes = *source->cursor();
   const size_t first = pending.size();
   for (;;) {
     const int next = bytes.Peek();
@@ -57,18 +50,18 @@ Result ParseCanonicalListAt(Ref<SexpList>* out, ByteCursor& bytes, Velk2Context*
     if (next == '(') {
       if (depth >= kMaxReadDepth) return VELK2_ERR_PARSE_FILE;
       Ref<SexpList> child;
-      result = ParseCanonicalListAt(&child, bytes, context, depth + 1, pending);
+      result = ParseCanonicalListAt(&child, source, context, depth + 1, pending);
       if (result != VELK2_SUCCESS) return result;
       pending.push_back(std::move(child));
     } else {
       std::string_view value;
       DisplayHint hint = kHintNone;
-      result = ReadAtomSpanIn(bytes, &value, &hint);
+      result = ReadAtomSpan(bytes, &value, &hint);
       if (result != VELK2_SUCCESS) return result;
       pending.push_back(SexpAtom::NewWithBytes(context, value, hint));
     }
   }
-  result = ExpectByte(bytes, ')');
+  result = source->Expect(")", 1, kExpectRequired);
   if (result != VELK2_SUCCESS) return result;
   *out = SexpList::NewWithChildren(context, std::span(pending).subspan(first));
   pending.resize(first);
@@ -273,15 +266,11 @@ Result ReadAtomBytes(ByteCursor& bytes, std::string_view* value) {
   return VELK2_SUCCESS;
 }
 
-Result ReadAtomSpanIn(ByteCursor& bytes, std::string_view* value, DisplayHint* hint) {
-  const Result result = ReadHint(bytes, hint);
-  return result != VELK2_SUCCESS ? result : ReadAtomBytes(bytes, value);
-}
-
 }  // namespace
 
 Result ReadAtomSpan(ByteCursor& bytes, std::string_view* value, DisplayHint* hint) {
-  return ReadAtomSpanIn(bytes, value, hint);
+  const Result result = ReadHint(bytes, hint);
+  return result != VELK2_SUCCESS ? result : ReadAtomBytes(bytes, value);
 }
 
 Result ParseCanonicalAtom(SexpAtom* atom, SexpSource* source) {
@@ -321,7 +310,7 @@ Result ParseCanonicalList(Ref<SexpList>* out, SexpSource* source, Velk2Context* 
   return Guard([&] {
     std::vector<Ref<SexpObject>> pending;
     pending.reserve(64);
-    return ParseCanonicalListAt(out, *source->cursor(), context, 1, pending);
+    return ParseCanonicalListAt(out, source, context, 1, pending);
   });
 }
 

@@ -58,7 +58,8 @@ int RunCertVerify(const Args& args) {
   if (sequence->entry_count() > 0) {
     // The question is about the first certificate's subject.
     story.key_file = "the subject of certificate 1";
-    Describe(&story, *acl, *sequence, *sequence->entry(0).certificate->subject());
+    Describe(&story, *acl, *sequence, *sequence->entry(0).certificate->subject(),
+             ShowsReasons(options));
   }
 
   ChainQuestion question;

@@ -297,7 +297,7 @@ int RunVerify(const Args& args) {
     story.not_before =
         times[0] ? issuing::FormatDate(times[0]) : AtomText(context.time_of_signing.get());
     story.not_after = times[1] ? issuing::FormatDate(times[1]) : story.not_before;
-    Describe(&story, *report.acl, *report.chain, *report.key);
+    Describe(&story, *report.acl, *report.chain, *report.key, ShowsReasons(options));
     story.verdict = {report.verified ? VELK2_SUCCESS : result, VerifyStage::kAuthorization, 0};
     story.reduced = !reduced.empty();
   }

@@ -414,6 +414,23 @@ const char* StageName(VerifyStage stage) {
   return "authorization";
 }
 
+// The story's ACL files, each subject named after its file.
+void DescribeAcl(Story* story, const SexpList& acl,
+                 const std::vector<const SexpObject*>& known_keys) {
+  for (const Ref<SexpObject>& child : acl.children()) {
+    const AclEntry* entry = AclEntry::From(child.get());
+    if (entry == nullptr) continue;
+    AclFile f;
+    f.file = BaseName(Utf16ToUtf8(entry->path()));
+    f.subject = PrincipalFingerprint(*entry->subject(), known_keys);
+    f.propagate = entry->propagate();
+    f.stated = {ReadableTag(entry->tag()), AtomText(entry->not_before()),
+                AtomText(entry->not_after())};
+    story->names.emplace(f.subject, "subject of " + f.file);
+    story->acl.push_back(std::move(f));
+  }
+}
+
 }  // namespace
 
 void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequence,
@@ -459,18 +476,7 @@ void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequ
     }
     story->certificates.push_back(std::move(info));
   }
-  for (const Ref<SexpObject>& child : acl.children()) {
-    const AclEntry* entry = with_acl ? AclEntry::From(child.get()) : nullptr;
-    if (entry == nullptr) continue;
-    AclFile f;
-    f.file = BaseName(Utf16ToUtf8(entry->path()));
-    f.subject = PrincipalFingerprint(*entry->subject(), known_keys);
-    f.propagate = entry->propagate();
-    f.stated = {ReadableTag(entry->tag()), AtomText(entry->not_before()),
-                AtomText(entry->not_after())};
-    story->names.emplace(f.subject, "subject of " + f.file);
-    story->acl.push_back(std::move(f));
-  }
+  if (with_acl) DescribeAcl(story, acl, known_keys);
   // The key's own name wins over the others.
   story->names[story->key] = BaseName(story->key_file);
 }

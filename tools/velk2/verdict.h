@@ -78,9 +78,9 @@ std::string OwnerText(const SexpList* owner);
 // loaded: the ACL entries (with their files), the certificates of
 // |sequence| and the key asked about (named by |key_file|). Without
 // |with_acl| the ACL's entries are left out (only an explanation or the JSON
-// report shows them, and a big ACL makes them costly).
+// report shows them, and a big ACL makes them costly): ShowsReasons says.
 void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequence,
-              const SexpObject& key, bool with_acl = true);
+              const SexpObject& key, bool with_acl);
 
 // The text verdict: "result:" and "authorized:" lines, and with |explain|
 // the question, the reduced ACL, how it came about, why not, what was left
