@@ -56,7 +56,7 @@ ArenaChunk* Arena::NewChunk(size_t capacity) {
   return chunk;
 }
 
-void* Arena::Allocate(size_t size) {
+void* Arena::AllocateSlow(size_t size) {
   if (first_ == nullptr) return nullptr;
   // Bounded so that every chunk's capacity fits its 32-bit field.
   constexpr size_t kLargest = std::numeric_limits<uint32_t>::max() / 2;

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "engine/status.h"
+#include "platform/sanitizer.h"
 
 namespace velk2::engine {
 
@@ -62,7 +63,19 @@ class Arena {
   // in the chain is used if it is large enough; otherwise a new chunk of
   // max(kArenaChunkSize, size + kArenaChunkHeader) is linked in after the
   // current one.
-  void* Allocate(size_t size);
+  void* Allocate(size_t size) {
+    // The common case, inline: a small request that fits the current chunk.
+    if (size - 1 < kArenaChunkSize && current_ != nullptr) {
+      const size_t rounded = (size + kArenaAlignment - 1) / kArenaAlignment * kArenaAlignment;
+      if (current_->capacity - used_ >= rounded) {
+        uint8_t* block = reinterpret_cast<uint8_t*>(current_) + current_->data_offset + used_;
+        used_ += rounded;
+        VELK2_UNPOISON(block, rounded);
+        return block;
+      }
+    }
+    return AllocateSlow(size);
+  }
 
   // Reset rewinds the arena to the start of its first chunk; every chunk is
   // kept for reuse. Everything allocated before is invalid afterwards.
@@ -80,6 +93,7 @@ class Arena {
 
  private:
   ArenaChunk* NewChunk(size_t capacity);
+  void* AllocateSlow(size_t size);
 
   ArenaChunk* first_ = nullptr;
   ArenaChunk* current_ = nullptr;

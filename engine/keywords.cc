@@ -1,6 +1,7 @@
 #include "engine/keywords.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <iterator>
 #include <string>
@@ -282,6 +283,42 @@ constexpr ByLength kByLength = MakeByLength();
 static_assert(kByLength.start[kLongestRecognised + 1] == std::size(kRecognised),
               "a recognised word is longer than kLongestRecognised");
 
+// Little-endian loads of 8 and 4 bytes, whatever the machine's order.
+uint64_t Load64(const uint8_t* bytes) {
+  uint64_t value = 0;
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(&value, bytes, sizeof value);
+  } else {
+    for (size_t i = 0; i < 8; ++i) value |= uint64_t{bytes[i]} << (8 * i);
+  }
+  return value;
+}
+uint64_t Load32(const uint8_t* bytes) {
+  uint32_t value = 0;
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(&value, bytes, sizeof value);
+  } else {
+    for (size_t i = 0; i < 4; ++i) value |= uint32_t{bytes[i]} << (8 * i);
+  }
+  return value;
+}
+
+// PackText for |word| bytes (1 to 14), read without a byte loop and never
+// past the word: two loads that overlap in the middle give the same bytes.
+Packed PackBytes(const uint8_t* bytes, size_t word) {
+  if (word >= 8) {
+    const uint64_t tail = word == 8 ? 0 : Load64(bytes + word - 8) >> (8 * (16 - word));
+    return {Load64(bytes), tail};
+  }
+  if (word >= 4) {
+    return {Load32(bytes) | Load32(bytes + word - 4) << (8 * (word - 4)), 0};
+  }
+  uint64_t low = bytes[0];
+  if (word >= 2) low |= uint64_t{bytes[1]} << 8;
+  if (word == 3) low |= uint64_t{bytes[2]} << 16;
+  return {low, 0};
+}
+
 }  // namespace
 
 int32_t KeywordId(const uint8_t* bytes, uint32_t length) {
@@ -289,18 +326,12 @@ int32_t KeywordId(const uint8_t* bytes, uint32_t length) {
   // An atom's word ends at its first NUL: the lookup has always compared the
   // bytes as a C string, so "tag" followed by a NUL and anything is still tag.
   const size_t scanned = std::min<size_t>(length, kLongestRecognised + 1);
-  size_t word = 0;
-  Packed packed{0, 0};
-  for (; word < scanned && bytes[word] != 0; ++word) {
-    const uint64_t byte = bytes[word];
-    if (word < 8) {
-      packed.low |= byte << (8 * word);
-    } else {
-      packed.high |= byte << (8 * (word - 8));
-    }
-  }
+  const void* nul = std::memchr(bytes, 0, scanned);
+  const size_t word =
+      nul != nullptr ? static_cast<size_t>(static_cast<const uint8_t*>(nul) - bytes) : scanned;
   // A fifteenth byte that is not a NUL: longer than any word.
   if (word == 0 || word > kLongestRecognised) return kKeywordNone;
+  const Packed packed = PackBytes(bytes, word);
   for (size_t i = kByLength.start[word]; i < kByLength.start[word + 1]; ++i) {
     if (kByLength.words[i].packed == packed) return kByLength.words[i].id;
   }

@@ -16,6 +16,51 @@ bool IsLengthStart(uint8_t byte) {
   return byte >= '1' && byte <= '9';
 }
 
+// An atom's text as read: its bytes and its display hint, if any.
+struct AtomSpan {
+  const uint8_t* bytes = nullptr;
+  uint32_t length = 0;
+  const uint8_t* hint = nullptr;
+  uint32_t hint_length = 0;
+};
+
+// ReadAtom reads one atom with an optional "[n:hint]" display hint, with
+// ParseAtom's errors except running out of memory.
+Status ReadAtom(ByteCursor* cursor, AtomSpan* span) {
+  if (cursor->Match("[")) {
+    Status status = ParseLength(&span->hint_length, cursor);
+    if (status != SPKI_OK) return status;
+    // The "]" must be there, with at least one byte after it.
+    if (cursor->remaining() < static_cast<size_t>(span->hint_length) + 2) {
+      return SPKI_ERR_DISP_HINT_TOO_LONG;
+    }
+    cursor->Take(span->hint_length, &span->hint);
+    if (!cursor->Match("]")) return SPKI_ERR_DISP_HINT_NOT_CLOSED;
+  }
+  Status status = ParseLength(&span->length, cursor);
+  if (status != SPKI_OK) return status;
+  if (!cursor->Take(span->length, &span->bytes)) return SPKI_ERR_STRING_TOO_LONG;
+  return SPKI_OK;
+}
+
+// An atom with a display hint is never a keyword.
+int32_t KeywordOf(const AtomSpan& span) {
+  return span.hint_length != 0 ? kKeywordNone : KeywordId(span.bytes, span.length);
+}
+
+EngineAtom* NewAtomOf(EngineContext& engine, const AtomSpan& span, int32_t keyword) {
+  EngineAtom* atom = NewAtom(engine);
+  if (atom == nullptr) return nullptr;
+  atom->bytes = span.bytes;
+  atom->length = span.length;
+  if (span.hint_length != 0) {
+    atom->hint = span.hint;
+    atom->hint_length = span.hint_length;
+  }
+  atom->keyword_id = keyword;
+  return atom;
+}
+
 // |keys|: where to note public-key lists, or null (also inside a key).
 Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, int depth,
                    std::vector<EngineNode*>* keys) {
@@ -30,11 +75,17 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, 
   const size_t open_position = cursor->position();
   cursor->Skip(1);
 
-  AtomRef first(engine);
-  Status status = ParseAtom(engine, first.out(), cursor);
+  // A keyword head keeps only the keyword's id: no atom is made for it.
+  AtomSpan first;
+  Status status = ReadAtom(cursor, &first);
   if (status != SPKI_OK) return status;
-  NodeRef head(engine, first->keyword_id > 0 ? NewKeywordHead(engine, first->keyword_id)
-                                             : NewAtomHead(engine, first.get()));
+  NodeRef head(engine);
+  if (const int32_t keyword = KeywordOf(first); keyword > 0) {
+    head.reset(NewKeywordHead(engine, keyword));
+  } else {
+    AtomRef atom(engine, NewAtomOf(engine, first, keyword));
+    head.reset(NewAtomHead(engine, atom.get()));
+  }
   if (!head) return SPKI_ERR_NO_MEM;
   head->source = open;
   if (keys != nullptr && head->kind == kNodeKeywordHead && head->keyword == kKeywordPublicKey) {
@@ -56,9 +107,10 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, 
       if (status != SPKI_OK) return status;
       element.reset(NewSublistElement(engine, sublist.get()));
     } else if (IsLengthStart(static_cast<uint8_t>(byte)) || byte == '[') {
-      AtomRef atom(engine);
-      status = ParseAtom(engine, atom.out(), cursor);
+      AtomSpan span;
+      status = ReadAtom(cursor, &span);
       if (status != SPKI_OK) return status;
+      AtomRef atom(engine, NewAtomOf(engine, span, KeywordOf(span)));
       element.reset(NewAtomElement(engine, atom.get()));
     } else if (byte == ')') {
       cursor->Skip(1);
@@ -106,27 +158,11 @@ Status ParseLength(uint32_t* out, ByteCursor* cursor) {
 Status ParseAtom(EngineContext& engine, EngineAtom** out, ByteCursor* cursor) {
   if (out == nullptr || cursor == nullptr) return SPKI_ERR_NULL_PARAM;
   *out = nullptr;
-  const uint8_t* hint = nullptr;
-  uint32_t hint_length = 0;
-  if (cursor->Match("[")) {
-    Status status = ParseLength(&hint_length, cursor);
-    if (status != SPKI_OK) return status;
-    // The "]" must be there, with at least one byte after it.
-    if (cursor->remaining() < static_cast<size_t>(hint_length) + 2) {
-      return SPKI_ERR_DISP_HINT_TOO_LONG;
-    }
-    cursor->Take(hint_length, &hint);
-    if (!cursor->Match("]")) return SPKI_ERR_DISP_HINT_NOT_CLOSED;
-  }
-  uint32_t length = 0;
-  Status status = ParseLength(&length, cursor);
+  AtomSpan span;
+  Status status = ReadAtom(cursor, &span);
   if (status != SPKI_OK) return status;
-  if (length > cursor->remaining()) return SPKI_ERR_STRING_TOO_LONG;
-  EngineAtom* atom = NewAtomOver(engine, cursor->here(), length, hint, hint_length);
-  if (atom == nullptr) return SPKI_ERR_NO_MEM;
-  cursor->Skip(length);
-  *out = atom;
-  return SPKI_OK;
+  *out = NewAtomOf(engine, span, KeywordOf(span));
+  return *out != nullptr ? SPKI_OK : SPKI_ERR_NO_MEM;
 }
 
 Status ParseList(EngineContext& engine, EngineNode** out, ByteCursor* cursor) {

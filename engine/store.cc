@@ -65,21 +65,6 @@ void EngineRelease(EngineContext* engine) {
   if (engine != nullptr) engine->Release();
 }
 
-EngineNode* NewNode(EngineContext& engine) {
-  if (!engine.initialised()) return nullptr;
-  return engine.nodes().Take(engine.arena());
-}
-
-EngineAtom* NewAtom(EngineContext& engine) {
-  if (!engine.initialised()) return nullptr;
-  return engine.atoms().Take(engine.arena());
-}
-
-void ReleaseAtom(EngineContext& engine, EngineAtom* atom) {
-  if (atom == nullptr) return;
-  if (--atom->ref_count < 1) engine.atoms().Give(atom);
-}
-
 void ReleaseNode(EngineContext& engine, EngineNode* node) {
   if (node == nullptr || --node->ref_count >= 1) return;
   // Nodes whose count fell below 1 wait on a stack linked through their
@@ -109,17 +94,6 @@ void AssignNode(EngineContext& engine, EngineNode** slot, EngineNode* node) {
   EngineNode* old = *slot;
   *slot = node;
   ReleaseNode(engine, old);
-}
-
-void AssignAtom(EngineContext& engine, EngineAtom** slot, EngineAtom* atom) {
-  if (slot == nullptr) {
-    ReleaseAtom(engine, atom);
-    return;
-  }
-  if (atom != nullptr) ++atom->ref_count;
-  EngineAtom* old = *slot;
-  *slot = atom;
-  ReleaseAtom(engine, old);
 }
 
 EngineNode* NewKeywordHead(EngineContext& engine, int32_t keyword) {

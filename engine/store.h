@@ -172,19 +172,36 @@ void EngineRelease(EngineContext* engine);
 
 // NewNode and NewAtom return a zeroed record with a count of 1, or null when
 // out of memory (or the engine is not initialised).
-EngineNode* NewNode(EngineContext& engine);
-EngineAtom* NewAtom(EngineContext& engine);
+inline EngineNode* NewNode(EngineContext& engine) {
+  if (!engine.initialised()) return nullptr;
+  return engine.nodes().Take(engine.arena());
+}
+inline EngineAtom* NewAtom(EngineContext& engine) {
+  if (!engine.initialised()) return nullptr;
+  return engine.atoms().Take(engine.arena());
+}
 
 // ReleaseNode drops one count of |node| (null is ignored). A node whose count
 // falls below 1 releases its next sibling, its sublist and its atom the same
 // way; the walk uses no recursion, so chains of any length and depth are fine.
 void ReleaseNode(EngineContext& engine, EngineNode* node);
-void ReleaseAtom(EngineContext& engine, EngineAtom* atom);
+inline void ReleaseAtom(EngineContext& engine, EngineAtom* atom) {
+  if (atom != nullptr && --atom->ref_count < 1) engine.atoms().Give(atom);
+}
 
 // AssignNode takes a count of |node| (if any), releases what |*slot| held and
 // stores |node| there. With a null |slot| it only releases |node|.
 void AssignNode(EngineContext& engine, EngineNode** slot, EngineNode* node);
-void AssignAtom(EngineContext& engine, EngineAtom** slot, EngineAtom* atom);
+inline void AssignAtom(EngineContext& engine, EngineAtom** slot, EngineAtom* atom) {
+  if (slot == nullptr) {
+    ReleaseAtom(engine, atom);
+    return;
+  }
+  if (atom != nullptr) ++atom->ref_count;
+  EngineAtom* old = *slot;
+  *slot = atom;
+  ReleaseAtom(engine, old);
+}
 
 // Node makers. Each returns a new node with a count of 1 (null when out of
 // memory); the ones taking a record take their own count of it.
