@@ -253,35 +253,45 @@ constexpr Packed PackText(const char* text) {
   return packed;
 }
 
-// The recognised words grouped by length: those of length n are
-// words[start[n]] up to words[start[n + 1]].
-struct ByLength {
-  struct Word {
+// The recognised words in an open-addressed table of 128 slots, placed at
+// compile time: a lookup hashes the packed word and compares one or two
+// slots instead of every word of the same length.
+struct WordTable {
+  struct Slot {
     Packed packed;
-    int32_t id;
+    int32_t id;  // kKeywordNone: an empty slot
   };
-  uint8_t start[kLongestRecognised + 2];
-  Word words[std::size(kRecognised)];
+  Slot slots[128];
 };
 
-constexpr ByLength MakeByLength() {
-  ByLength index{};
-  size_t filled = 0;
-  for (size_t length = 0; length <= kLongestRecognised; ++length) {
-    index.start[length] = static_cast<uint8_t>(filled);
-    for (const Recognised& word : kRecognised) {
-      if (std::char_traits<char>::length(word.text) == length) {
-        index.words[filled++] = {PackText(word.text), word.id};
-      }
-    }
-  }
-  index.start[kLongestRecognised + 1] = static_cast<uint8_t>(filled);
-  return index;
+constexpr size_t SlotOf(const Packed& packed) {
+  const uint64_t mixed =
+      packed.low * 0x9E3779B97F4A7C15ull ^ (packed.high + 1) * 0xC2B2AE3D27D4EB4Full;
+  return static_cast<size_t>(mixed >> 57);
 }
 
-constexpr ByLength kByLength = MakeByLength();
-static_assert(kByLength.start[kLongestRecognised + 1] == std::size(kRecognised),
-              "a recognised word is longer than kLongestRecognised");
+constexpr WordTable MakeWordTable() {
+  WordTable table{};
+  for (WordTable::Slot& slot : table.slots) slot = {{0, 0}, kKeywordNone};
+  for (const Recognised& word : kRecognised) {
+    const Packed packed = PackText(word.text);
+    size_t i = SlotOf(packed);
+    while (table.slots[i].id != kKeywordNone) i = (i + 1) % std::size(table.slots);
+    table.slots[i] = {packed, word.id};
+  }
+  return table;
+}
+
+constexpr WordTable kWordTable = MakeWordTable();
+
+constexpr size_t LongestWord() {
+  size_t longest = 0;
+  for (const Recognised& word : kRecognised) {
+    longest = std::max(longest, std::char_traits<char>::length(word.text));
+  }
+  return longest;
+}
+static_assert(LongestWord() == kLongestRecognised, "kLongestRecognised is not the longest word");
 
 // Little-endian loads of 8 and 4 bytes, whatever the machine's order.
 uint64_t Load64(const uint8_t* bytes) {
@@ -332,10 +342,10 @@ int32_t KeywordId(const uint8_t* bytes, uint32_t length) {
   // A fifteenth byte that is not a NUL: longer than any word.
   if (word == 0 || word > kLongestRecognised) return kKeywordNone;
   const Packed packed = PackBytes(bytes, word);
-  for (size_t i = kByLength.start[word]; i < kByLength.start[word + 1]; ++i) {
-    if (kByLength.words[i].packed == packed) return kByLength.words[i].id;
+  for (size_t i = SlotOf(packed);; i = (i + 1) % std::size(kWordTable.slots)) {
+    const WordTable::Slot& slot = kWordTable.slots[i];
+    if (slot.id == kKeywordNone || slot.packed == packed) return slot.id;
   }
-  return kKeywordNone;
 }
 
 const KeywordText& KeywordTextOf(int32_t id) {

@@ -61,6 +61,20 @@ EngineAtom* NewAtomOf(EngineContext& engine, const AtomSpan& span, int32_t keywo
   return atom;
 }
 
+// A new element node of |kind| that takes over the count |value| holds
+// (NewSublistElement and NewAtomElement take a count of their own, which the
+// parser would only give back at once). Null when out of memory; |value|
+// then keeps its count.
+template <typename Record>
+EngineNode* AdoptInto(EngineContext& engine, NodeKind kind, Record* EngineNode::*field,
+                      PoolRef<Record, EngineContext>& value) {
+  EngineNode* node = NewNode(engine);
+  if (node == nullptr) return nullptr;
+  node->kind = kind;
+  node->*field = value.release();
+  return node;
+}
+
 // |keys|: where to note public-key lists, or null (also inside a key).
 Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, int depth,
                    std::vector<EngineNode*>* keys) {
@@ -105,13 +119,14 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, 
       NodeRef sublist(engine);
       status = ParseListAt(engine, sublist.out(), cursor, depth + 1, keys);
       if (status != SPKI_OK) return status;
-      element.reset(NewSublistElement(engine, sublist.get()));
+      element.reset(AdoptInto(engine, kNodeSublist, &EngineNode::sublist, sublist));
     } else if (IsLengthStart(static_cast<uint8_t>(byte)) || byte == '[') {
       AtomSpan span;
       status = ReadAtom(cursor, &span);
       if (status != SPKI_OK) return status;
       AtomRef atom(engine, NewAtomOf(engine, span, KeywordOf(span)));
-      element.reset(NewAtomElement(engine, atom.get()));
+      if (!atom) return SPKI_ERR_NO_MEM;
+      element.reset(AdoptInto(engine, kNodeAtom, &EngineNode::atom, atom));
     } else if (byte == ')') {
       cursor->Skip(1);
       const size_t length = cursor->position() - open_position;

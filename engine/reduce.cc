@@ -237,8 +237,7 @@ Status Reducer::Run(EngineNode* acl, EngineNode* sequence, EngineNode* key, Engi
   // later is matched with its key.
   if (options_.keys != nullptr) {
     for (EngineNode* found : *options_.keys) {
-      Principal* ignored = nullptr;
-      Status status = InternKey(found, &ignored);
+      Status status = RegisterKey(found);
       if (status != SPKI_OK) return status;
     }
   } else {

@@ -150,6 +150,7 @@ class Reducer {
  private:
   // ---- principals (reduce_principals.cc)
   Status RegisterKeys(const EngineNode* list, int depth);
+  Status RegisterKey(EngineNode* key);
   Status InternKey(EngineNode* key, Principal** out);
   Status InternHash(EngineNode* hash, Principal** out);
   // A `public-key` or `hash` list head, else SPKI_ERR_PRINCIPAL_EXPECTED.
@@ -250,6 +251,23 @@ class Reducer {
     IndexEntry* all = nullptr;  // every entry, newest first, through next
     Principal* keys = nullptr;  // the chain of principals known as keys
   };
+  // The principal of every key list registered before the walk, by the
+  // list's address: the walk meets the same lists again, and finding them
+  // here spares digesting every key twice. The lists belong to the trees
+  // being reduced, which outlive the reduction, so no other list can take
+  // the address of one while the reducer runs.
+  struct RegisteredKeys {
+    struct Slot {
+      const EngineNode* key;
+      Principal* principal;
+    };
+    Principal* Find(const EngineNode* key) const;
+    // Adds |key| (not yet present); false without memory.
+    bool Insert(const EngineNode* key, Principal* principal);
+
+    std::vector<Slot> slots;  // a power of two long, at most half full
+    size_t count = 0;
+  };
   struct Report : Part {  // the statistics and the engine's work limit, once all is released
     using Part::Part;
     ~Report();
@@ -284,6 +302,7 @@ class Reducer {
   uint32_t root_count_ = 0;
   TupleList pending_{*this};  // derived tuples waiting to join, newest first
 
+  RegisteredKeys registered_;
   Principal* key_ = nullptr;
   NodeRef tag_{engine_};
   NodeRef validity_{engine_};

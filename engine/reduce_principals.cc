@@ -2,6 +2,7 @@
 // by digest, and hash principals matched with the keys they name.
 #include <charconv>
 #include <cstring>
+#include <new>
 
 #include "engine/keywords.h"
 #include "engine/printer.h"
@@ -159,16 +160,66 @@ namespace {}  // namespace
 Status Reducer::RegisterKeys(const EngineNode* list, int depth) {
   if (list == nullptr) return SPKI_OK;
   if (depth > kMaxNesting) return SPKI_ERR_BAD_SEXP;
-  if (IsKeywordList(list, kKeywordPublicKey)) {
-    Principal* ignored = nullptr;
-    return InternKey(const_cast<EngineNode*>(list), &ignored);
-  }
+  if (IsKeywordList(list, kKeywordPublicKey)) return RegisterKey(const_cast<EngineNode*>(list));
   for (const EngineNode* node = list->next; node != nullptr; node = node->next) {
     if (node->kind != kNodeSublist) continue;
     Status status = RegisterKeys(node->sublist, depth + 1);
     if (status != SPKI_OK) return status;
   }
   return SPKI_OK;
+}
+
+Status Reducer::RegisterKey(EngineNode* key) {
+  // A key met twice (the same list passed as two of the inputs) is interned
+  // once more, to the same principal.
+  Principal* principal = nullptr;
+  Status status = InternKey(key, &principal);
+  if (status != SPKI_OK || registered_.Find(key) != nullptr) return status;
+  return registered_.Insert(key, principal) ? SPKI_OK : SPKI_ERR_NO_MEM;
+}
+
+namespace {
+
+size_t KeySlotOf(const EngineNode* key, size_t mask) {
+  // Records are at least 8-byte aligned: the low bits carry nothing.
+  const auto address = reinterpret_cast<uintptr_t>(key) >> 3;
+  return static_cast<size_t>(address * 0x9E3779B97F4A7C15ull >> 20) & mask;
+}
+
+}  // namespace
+
+Principal* Reducer::RegisteredKeys::Find(const EngineNode* key) const {
+  if (slots.empty()) return nullptr;
+  const size_t mask = slots.size() - 1;
+  for (size_t i = KeySlotOf(key, mask);; i = (i + 1) & mask) {
+    if (slots[i].key == key) return slots[i].principal;
+    if (slots[i].key == nullptr) return nullptr;
+  }
+}
+
+bool Reducer::RegisteredKeys::Insert(const EngineNode* key, Principal* principal) {
+  if (2 * (count + 1) > slots.size()) {
+    std::vector<Slot> grown;
+    try {
+      grown.assign(slots.empty() ? 64 : 2 * slots.size(), Slot{nullptr, nullptr});
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    const size_t mask = grown.size() - 1;
+    for (const Slot& slot : slots) {
+      if (slot.key == nullptr) continue;
+      size_t i = KeySlotOf(slot.key, mask);
+      while (grown[i].key != nullptr) i = (i + 1) & mask;
+      grown[i] = slot;
+    }
+    slots.swap(grown);
+  }
+  const size_t mask = slots.size() - 1;
+  size_t i = KeySlotOf(key, mask);
+  while (slots[i].key != nullptr) i = (i + 1) & mask;
+  slots[i] = {key, principal};
+  ++count;
+  return true;
 }
 
 Status Reducer::InternKey(EngineNode* key, Principal** out) {
@@ -285,7 +336,10 @@ Status Reducer::NewPrincipal(const uint8_t digest[kPrincipalDigestSize], EngineN
 
 Status Reducer::PrincipalOf(EngineNode* head, Principal** out) {
   *out = nullptr;
-  if (IsKeywordList(head, kKeywordPublicKey)) return InternKey(head, out);
+  if (IsKeywordList(head, kKeywordPublicKey)) {
+    *out = registered_.Find(head);
+    return *out != nullptr ? SPKI_OK : InternKey(head, out);
+  }
   if (IsKeywordList(head, kKeywordHash)) return InternHash(head, out);
   return SPKI_ERR_PRINCIPAL_EXPECTED;
 }
