@@ -1,6 +1,7 @@
 // The engine's message table and keyword vocabulary.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -98,6 +99,27 @@ TEST(KeywordId, RecognisesExactlyTheListedWords) {
     // The printer gives the word back, except for sha256 whose id has no text.
     if (c.id != 129) {
       EXPECT_STREQ(KeywordTextOf(c.id).text, c.word);
+    }
+  }
+  // Every word read from inside a longer buffer, and every word with one
+  // byte changed or cut short: only the exact word is found, whatever its
+  // length and wherever the change falls.
+  for (const Case& c : kRecognised) {
+    const std::string word = c.word;
+    const std::string framed = "xy" + word + "zz";
+    EXPECT_EQ(Lookup(std::string_view(framed).substr(2, word.size())), c.id) << c.word;
+    for (size_t i = 0; i < word.size(); ++i) {
+      std::string changed = word;
+      changed[i] = static_cast<char>(changed[i] ^ 0x20);
+      const auto same = [&](const Case& other) { return changed == other.word; };
+      if (std::none_of(std::begin(kRecognised), std::end(kRecognised), same)) {
+        EXPECT_EQ(Lookup(changed), -1) << changed;
+      }
+      const std::string prefix = word.substr(0, i);
+      const auto is_prefix = [&](const Case& other) { return prefix == other.word; };
+      if (std::none_of(std::begin(kRecognised), std::end(kRecognised), is_prefix)) {
+        EXPECT_EQ(Lookup(prefix), -1) << prefix;
+      }
     }
   }
   // Words of the text table that the lookup does not know, near misses, and
