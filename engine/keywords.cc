@@ -313,7 +313,7 @@ uint64_t Load32(const uint8_t* bytes) {
   return value;
 }
 
-// PackText for |word| bytes (1 to 14), read without a byte loop and never
+// PackText for |word| bytes (1 to 16), read without a byte loop and never
 // past the word: two loads that overlap in the middle give the same bytes.
 Packed PackBytes(const uint8_t* bytes, size_t word) {
   if (word >= 8) {
@@ -336,12 +336,28 @@ int32_t KeywordId(const uint8_t* bytes, uint32_t length) {
   // An atom's word ends at its first NUL: the lookup has always compared the
   // bytes as a C string, so "tag" followed by a NUL and anything is still tag.
   const size_t scanned = std::min<size_t>(length, kLongestRecognised + 1);
-  const void* nul = std::memchr(bytes, 0, scanned);
-  const size_t word =
-      nul != nullptr ? static_cast<size_t>(static_cast<const uint8_t*>(nul) - bytes) : scanned;
+  Packed packed = PackBytes(bytes, scanned);
+  // The first NUL among the scanned bytes (the padding past them is NUL too):
+  // a byte of a word is flagged when it is zero, and only bytes above a zero
+  // byte can be flagged wrongly, so the lowest flag is the first NUL.
+  constexpr uint64_t kOnes = 0x0101010101010101ull;
+  constexpr uint64_t kHighs = 0x8080808080808080ull;
+  const uint64_t low_zeros = (packed.low - kOnes) & ~packed.low & kHighs;
+  const uint64_t high_zeros = (packed.high - kOnes) & ~packed.high & kHighs;
+  const size_t first_zero = low_zeros != 0    ? std::countr_zero(low_zeros) / 8
+                            : high_zeros != 0 ? 8 + std::countr_zero(high_zeros) / 8
+                                              : 16;
+  const size_t word = std::min(first_zero, scanned);
   // A fifteenth byte that is not a NUL: longer than any word.
   if (word == 0 || word > kLongestRecognised) return kKeywordNone;
-  const Packed packed = PackBytes(bytes, word);
+  if (word < 8) {
+    packed.low &= (uint64_t{1} << (8 * word)) - 1;
+    packed.high = 0;
+  } else if (word > 8) {
+    packed.high &= (uint64_t{1} << (8 * (word - 8))) - 1;
+  } else {
+    packed.high = 0;
+  }
   for (size_t i = SlotOf(packed);; i = (i + 1) % std::size(kWordTable.slots)) {
     const WordTable::Slot& slot = kWordTable.slots[i];
     if (slot.id == kKeywordNone || slot.packed == packed) return slot.id;

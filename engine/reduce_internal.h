@@ -255,18 +255,25 @@ class Reducer {
   // list's address: the walk meets the same lists again, and finding them
   // here spares digesting every key twice. The lists belong to the trees
   // being reduced, which outlive the reduction, so no other list can take
-  // the address of one while the reducer runs.
+  // the address of one while the reducer runs. Only a shortcut: a list not
+  // found here is interned again, to the same principal.
   struct RegisteredKeys {
-    struct Slot {
-      const EngineNode* key;
+    struct Key {
+      const EngineNode* list;
       Principal* principal;
     };
-    Principal* Find(const EngineNode* key) const;
-    // Adds |key| (not yet present); false without memory.
-    bool Insert(const EngineNode* key, Principal* principal);
+    // Adds a registered list; without memory it is simply not kept.
+    void Add(const EngineNode* list, Principal* principal);
+    Principal* Find(const EngineNode* list);
 
-    std::vector<Slot> slots;  // a power of two long, at most half full
-    size_t count = 0;
+    std::vector<Key> keys;  // in the order they were registered
+    // The walk meets the keys mostly in that order (a certificate's signer,
+    // which it does not read, comes in between): it looks a few places from
+    // where it last found one before it turns to the table.
+    size_t next = 0;
+    // keys' positions plus one by address (0: empty), made when first needed;
+    // a power of two long, at most half full.
+    std::vector<uint32_t> table;
   };
   struct Report : Part {  // the statistics and the engine's work limit, once all is released
     using Part::Part;

@@ -170,56 +170,64 @@ Status Reducer::RegisterKeys(const EngineNode* list, int depth) {
 }
 
 Status Reducer::RegisterKey(EngineNode* key) {
-  // A key met twice (the same list passed as two of the inputs) is interned
-  // once more, to the same principal.
   Principal* principal = nullptr;
   Status status = InternKey(key, &principal);
-  if (status != SPKI_OK || registered_.Find(key) != nullptr) return status;
-  return registered_.Insert(key, principal) ? SPKI_OK : SPKI_ERR_NO_MEM;
+  if (status == SPKI_OK) registered_.Add(key, principal);
+  return status;
 }
 
 namespace {
 
-size_t KeySlotOf(const EngineNode* key, size_t mask) {
+size_t KeySlotOf(const EngineNode* list, size_t mask) {
   // Records are at least 8-byte aligned: the low bits carry nothing.
-  const auto address = reinterpret_cast<uintptr_t>(key) >> 3;
+  const auto address = reinterpret_cast<uintptr_t>(list) >> 3;
   return static_cast<size_t>(address * 0x9E3779B97F4A7C15ull >> 20) & mask;
 }
 
 }  // namespace
 
-Principal* Reducer::RegisteredKeys::Find(const EngineNode* key) const {
-  if (slots.empty()) return nullptr;
-  const size_t mask = slots.size() - 1;
-  for (size_t i = KeySlotOf(key, mask);; i = (i + 1) & mask) {
-    if (slots[i].key == key) return slots[i].principal;
-    if (slots[i].key == nullptr) return nullptr;
+void Reducer::RegisteredKeys::Add(const EngineNode* list, Principal* principal) {
+  if (keys.size() >= UINT32_MAX - 1) return;
+  try {
+    keys.push_back({list, principal});
+  } catch (const std::bad_alloc&) {
+    // Not kept: the walk interns the list again.
   }
+  table.clear();
 }
 
-bool Reducer::RegisteredKeys::Insert(const EngineNode* key, Principal* principal) {
-  if (2 * (count + 1) > slots.size()) {
-    std::vector<Slot> grown;
-    try {
-      grown.assign(slots.empty() ? 64 : 2 * slots.size(), Slot{nullptr, nullptr});
-    } catch (const std::bad_alloc&) {
-      return false;
+Principal* Reducer::RegisteredKeys::Find(const EngineNode* list) {
+  constexpr size_t kLookAhead = 4;
+  for (size_t i = next; i < keys.size() && i < next + kLookAhead; ++i) {
+    if (keys[i].list == list) {
+      next = i + 1;
+      return keys[i].principal;
     }
-    const size_t mask = grown.size() - 1;
-    for (const Slot& slot : slots) {
-      if (slot.key == nullptr) continue;
-      size_t i = KeySlotOf(slot.key, mask);
-      while (grown[i].key != nullptr) i = (i + 1) & mask;
-      grown[i] = slot;
-    }
-    slots.swap(grown);
   }
-  const size_t mask = slots.size() - 1;
-  size_t i = KeySlotOf(key, mask);
-  while (slots[i].key != nullptr) i = (i + 1) & mask;
-  slots[i] = {key, principal};
-  ++count;
-  return true;
+  if (keys.empty()) return nullptr;
+  if (table.empty()) {
+    size_t size = 64;
+    while (size < 2 * keys.size()) size *= 2;
+    try {
+      table.assign(size, 0);
+    } catch (const std::bad_alloc&) {
+      return nullptr;
+    }
+    for (size_t k = 0; k < keys.size(); ++k) {
+      size_t i = KeySlotOf(keys[k].list, size - 1);
+      while (table[i] != 0) i = (i + 1) & (size - 1);
+      table[i] = static_cast<uint32_t>(k + 1);
+    }
+  }
+  const size_t mask = table.size() - 1;
+  for (size_t i = KeySlotOf(list, mask); table[i] != 0; i = (i + 1) & mask) {
+    const size_t k = table[i] - 1;
+    if (keys[k].list == list) {
+      next = k + 1;
+      return keys[k].principal;
+    }
+  }
+  return nullptr;
 }
 
 Status Reducer::InternKey(EngineNode* key, Principal** out) {

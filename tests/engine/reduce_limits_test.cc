@@ -328,6 +328,45 @@ TEST(ReduceLimits, ManyPrincipalsAreEachFoundAgain) {
   EXPECT_EQ(result, "(3:acl)");
 }
 
+// Keys the walk never reads (five in a comment before every subject) put
+// each subject far from the last key found, so the walk finds the subject's
+// registered principal by its list, among thousands: every answer is still
+// that subject's own.
+TEST(ReduceLimits, SubjectsAmongKeysTheWalkSkipsAreTheirOwn) {
+  constexpr int kEntries = 400;
+  std::string acl = "(3:acl";
+  for (int i = 0; i < kEntries; ++i) {
+    std::string comment = "(7:comment";
+    for (int j = 0; j < 5; ++j) {
+      comment += Key("C" + std::to_string(i) + "." + std::to_string(j));
+    }
+    acl += "(5:entry" + comment + ")(7:subject" + Key("K" + std::to_string(i)) + ")" + kFtp + ")";
+  }
+  acl += ")";
+  // Without a key every entry is a result, newest first, each printed with
+  // the key its principal holds.
+  std::string every = "(3:acl";
+  for (int i = kEntries - 1; i >= 0; --i) {
+    every += ResultEntry(Key("K" + std::to_string(i)), false, kFtp);
+  }
+  every += ")";
+  Inputs inputs(DefaultAllocator(), acl, "(8:sequence)", "");
+  std::string result;
+  ASSERT_EQ(inputs.Reduce(&result), SPKI_OK);
+  EXPECT_EQ(result, every);
+  // The query registers the keys it noted while parsing.
+  ReduceOptions options;
+  for (int i : {0, 1, 63, 64, 200, kEntries - 1}) {
+    const std::string key = Key("K" + std::to_string(i));
+    ASSERT_EQ(RunQuery(acl, "(8:sequence)", key, options, &result), SPKI_OK) << i;
+    EXPECT_EQ(result, Result({ResultEntry(key, false, kFtp)})) << i;
+  }
+  for (const std::string& key : {Key("C7.2"), Key("stranger")}) {
+    ASSERT_EQ(RunQuery(acl, "(8:sequence)", key, options, &result), SPKI_OK);
+    EXPECT_EQ(result, "(3:acl)");
+  }
+}
+
 // Every allocation the reduction makes fails once in turn, on an input that
 // touches every part of it (chains, names, a threshold, hashes, dates, a
 // signature, the trace) and takes several chunks; the same input with a
