@@ -325,6 +325,12 @@ struct zcry_HashState {
   bool finished = false;
 };
 
+// The last hash state a thread freed, kept for its next hash: the reduction
+// digests every key of a big ACL one after another, and a new OpenSSL
+// context for each cost more than the hashing. The next EVP_DigestInit_ex
+// starts the kept context afresh.
+thread_local std::unique_ptr<zcry_HashState> t_spare_hash;
+
 // A key holds its checked numbers; OpenSSL's key is built the first time a
 // signature is verified or the key exported. An ACL names thousands of keys
 // that are never used to verify anything, and building each costs more than
@@ -383,10 +389,14 @@ ZCRY_STATUS zcry_HashAlloc(ZCRY_HASH* handle, uint32_t hash_id, uint32_t /*conte
   if (kind == nullptr) return ZCRY_E_UNKNOWN_HASH;
   const EVP_MD* md = DigestFor(*kind);
   if (md == nullptr) return ZCRY_E_INTERNAL;
-  std::unique_ptr<zcry_HashState> state(new (std::nothrow) zcry_HashState);
-  if (!state) return ZCRY_E_NO_MEMORY;
-  state->context.reset(EVP_MD_CTX_new());
-  if (!state->context) return ZCRY_E_NO_MEMORY;
+  std::unique_ptr<zcry_HashState> state = std::move(t_spare_hash);
+  if (!state) {
+    state.reset(new (std::nothrow) zcry_HashState);
+    if (!state) return ZCRY_E_NO_MEMORY;
+    state->context.reset(EVP_MD_CTX_new());
+    if (!state->context) return ZCRY_E_NO_MEMORY;
+  }
+  state->finished = false;
   if (EVP_DigestInit_ex(state->context.get(), md, nullptr) != 1) {
     ERR_clear_error();
     return ZCRY_E_INTERNAL;
@@ -422,6 +432,7 @@ ZCRY_STATUS zcry_HashFinal(ZCRY_HASH handle, uint8_t* digest, uint32_t /*context
 
 ZCRY_STATUS zcry_HashFree(ZCRY_HASH handle, uint32_t /*context*/) {
   std::unique_ptr<zcry_HashState> state(handle);
+  if (state && !t_spare_hash) t_spare_hash = std::move(state);
   return ZCRY_OK;
 }
 

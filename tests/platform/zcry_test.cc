@@ -92,6 +92,40 @@ TEST(ZcryHash, HandleRefusesNullArgumentsAndFinalisesOnce) {
   EXPECT_EQ(zcry_HashFree(hash, kContextWord), ZCRY_OK);
 }
 
+// A handle freed half-way, or after its digest, leaves nothing in the next
+// one, whatever its algorithm; handles alive together do not share a state.
+TEST(ZcryHash, EveryHandleStartsAfresh) {
+  const std::string kAbcSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+  const std::string kAbcSha1 = "a9993e364706816aba3e25717850c26c9cd0d89d";
+  uint8_t digest[32];
+  for (uint32_t first : {ZCRY_HASH_SHA1, ZCRY_HASH_SHA256, ZCRY_HASH_RIPEMD160}) {
+    for (bool finish : {false, true}) {
+      ZCRY_HASH hash = nullptr;
+      ASSERT_EQ(zcry_HashAlloc(&hash, first, kContextWord), ZCRY_OK);
+      ASSERT_EQ(zcry_HashUpdate(hash, "left over", 9, kContextWord), ZCRY_OK);
+      if (finish) {
+        ASSERT_EQ(zcry_HashFinal(hash, digest, kContextWord), ZCRY_OK);
+      }
+      ASSERT_EQ(zcry_HashFree(hash, kContextWord), ZCRY_OK);
+      EXPECT_EQ(ToHex(Digest(ZCRY_HASH_SHA256, "abc")), kAbcSha256) << first << finish;
+      EXPECT_EQ(ToHex(Digest(ZCRY_HASH_SHA1, "abc")), kAbcSha1) << first << finish;
+    }
+  }
+  ZCRY_HASH one = nullptr;
+  ZCRY_HASH two = nullptr;
+  ASSERT_EQ(zcry_HashAlloc(&one, ZCRY_HASH_SHA256, kContextWord), ZCRY_OK);
+  ASSERT_EQ(zcry_HashAlloc(&two, ZCRY_HASH_SHA256, kContextWord), ZCRY_OK);
+  EXPECT_NE(one, two);
+  for (const char* piece : {"a", "b", "c"}) {
+    ASSERT_EQ(zcry_HashUpdate(one, piece, 1, kContextWord), ZCRY_OK);
+    ASSERT_EQ(zcry_HashUpdate(two, "x", 1, kContextWord), ZCRY_OK);
+  }
+  ASSERT_EQ(zcry_HashFinal(one, digest, kContextWord), ZCRY_OK);
+  EXPECT_EQ(ToHex(Bytes(digest, digest + 32)), kAbcSha256);
+  EXPECT_EQ(zcry_HashFree(one, kContextWord), ZCRY_OK);
+  EXPECT_EQ(zcry_HashFree(two, kContextWord), ZCRY_OK);
+}
+
 // ---- Key records -----------------------------------------------------------
 
 TEST(ZcryRecords, InitRefusesWrongKindsAndSizes) {
