@@ -119,7 +119,7 @@ AtomOrder CompareNumeric(const EngineAtom* a, const EngineAtom* b) {
 // The atom directly after a list's keyword, or null.
 EngineAtom* ValueAfterHead(const EngineNode* head) {
   const EngineNode* value = head->next;
-  return value != nullptr && value->kind == kNodeAtom ? value->atom : nullptr;
+  return value != nullptr && value->kind == kNodeAtom ? AtomOf(value) : nullptr;
 }
 
 Status ReadValidityAt(EngineContext& engine, EngineAtom** not_before, EngineAtom** not_after,
@@ -127,7 +127,7 @@ Status ReadValidityAt(EngineContext& engine, EngineAtom** not_before, EngineAtom
   if (depth > kMaxNesting) return SPKI_ERR_BAD_SEXP;
   if (list == nullptr || list->kind != kNodeKeywordHead) return SPKI_OK;
   EngineAtom* value = ValueAfterHead(list);
-  switch (list->keyword) {
+  switch (KeywordOf(list)) {
     case kKeywordNotBefore:
       if (*not_before != nullptr && *repeated == SPKI_OK) *repeated = SPKI_ERR_TOO_MANY_NOT_BEFORE;
       AssignAtom(engine, not_before, value);
@@ -140,7 +140,7 @@ Status ReadValidityAt(EngineContext& engine, EngineAtom** not_before, EngineAtom
       for (const EngineNode* node = list->next; node != nullptr; node = node->next) {
         if (node->kind != kNodeSublist) continue;
         Status status =
-            ReadValidityAt(engine, not_before, not_after, node->sublist, depth + 1, repeated);
+            ReadValidityAt(engine, not_before, not_after, SublistOf(node), depth + 1, repeated);
         if (status != SPKI_OK) return status;
       }
       return SPKI_OK;
@@ -161,7 +161,7 @@ Status IntersectValidityAt(EngineContext& engine, EngineAtom** not_before, Engin
                            const EngineNode* list, int depth) {
   if (depth > kMaxNesting) return SPKI_ERR_BAD_SEXP;
   if (list == nullptr || list->kind != kNodeKeywordHead) return SPKI_OK;
-  switch (list->keyword) {
+  switch (KeywordOf(list)) {
     case kKeywordNotBefore:
       NarrowNotBefore(engine, not_before, ValueAfterHead(list));
       return SPKI_OK;
@@ -171,11 +171,11 @@ Status IntersectValidityAt(EngineContext& engine, EngineAtom** not_before, Engin
     case kKeywordValid:
       for (const EngineNode* node = list->next; node != nullptr; node = node->next) {
         if (node->kind == kNodeAtom) {
-          NarrowNotBefore(engine, not_before, node->atom);
-          NarrowNotAfter(engine, not_after, node->atom);
+          NarrowNotBefore(engine, not_before, AtomOf(node));
+          NarrowNotAfter(engine, not_after, AtomOf(node));
         } else if (node->kind == kNodeSublist) {
           Status status =
-              IntersectValidityAt(engine, not_before, not_after, node->sublist, depth + 1);
+              IntersectValidityAt(engine, not_before, not_after, SublistOf(node), depth + 1);
           if (status != SPKI_OK) return status;
         }
       }

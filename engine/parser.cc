@@ -44,7 +44,7 @@ Status ReadAtom(ByteCursor* cursor, AtomSpan* span) {
 }
 
 // An atom with a display hint is never a keyword.
-int32_t KeywordOf(const AtomSpan& span) {
+int32_t KeywordOfSpan(const AtomSpan& span) {
   return span.hint_length != 0 ? kKeywordNone : KeywordId(span.bytes, span.length);
 }
 
@@ -65,13 +65,18 @@ EngineAtom* NewAtomOf(EngineContext& engine, const AtomSpan& span, int32_t keywo
 // (NewSublistElement and NewAtomElement take a count of their own, which the
 // parser would only give back at once). Null when out of memory; |value|
 // then keeps its count.
-template <typename Record>
-EngineNode* AdoptInto(EngineContext& engine, NodeKind kind, Record* EngineNode::*field,
-                      PoolRef<Record, EngineContext>& value) {
+EngineNode* AdoptInto(EngineContext& engine, NodeRef& sublist) {
   EngineNode* node = NewNode(engine);
   if (node == nullptr) return nullptr;
-  node->kind = kind;
-  node->*field = value.release();
+  node->kind = kNodeSublist;
+  *SublistSlot(node) = sublist.release();
+  return node;
+}
+EngineNode* AdoptInto(EngineContext& engine, AtomRef& atom) {
+  EngineNode* node = NewNode(engine);
+  if (node == nullptr) return nullptr;
+  node->kind = kNodeAtom;
+  *AtomSlot(node) = atom.release();
   return node;
 }
 
@@ -94,7 +99,7 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, 
   Status status = ReadAtom(cursor, &first);
   if (status != SPKI_OK) return status;
   NodeRef head(engine);
-  if (const int32_t keyword = KeywordOf(first); keyword > 0) {
+  if (const int32_t keyword = KeywordOfSpan(first); keyword > 0) {
     head.reset(NewKeywordHead(engine, keyword));
   } else {
     AtomRef atom(engine, NewAtomOf(engine, first, keyword));
@@ -102,7 +107,8 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, 
   }
   if (!head) return SPKI_ERR_NO_MEM;
   head->source = open;
-  if (keys != nullptr && head->kind == kNodeKeywordHead && head->keyword == kKeywordPublicKey) {
+  if (keys != nullptr && head->kind == kNodeKeywordHead &&
+      KeywordOf(head.get()) == kKeywordPublicKey) {
     try {
       keys->push_back(head.get());
     } catch (const std::bad_alloc&) {
@@ -119,19 +125,23 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, 
       NodeRef sublist(engine);
       status = ParseListAt(engine, sublist.out(), cursor, depth + 1, keys);
       if (status != SPKI_OK) return status;
-      element.reset(AdoptInto(engine, kNodeSublist, &EngineNode::sublist, sublist));
+      element.reset(AdoptInto(engine, sublist));
     } else if (IsLengthStart(static_cast<uint8_t>(byte)) || byte == '[') {
       AtomSpan span;
       status = ReadAtom(cursor, &span);
       if (status != SPKI_OK) return status;
-      AtomRef atom(engine, NewAtomOf(engine, span, KeywordOf(span)));
+      AtomRef atom(engine, NewAtomOf(engine, span, KeywordOfSpan(span)));
       if (!atom) return SPKI_ERR_NO_MEM;
-      element.reset(AdoptInto(engine, kNodeAtom, &EngineNode::atom, atom));
+      element.reset(AdoptInto(engine, atom));
     } else if (byte == ')') {
       cursor->Skip(1);
       const size_t length = cursor->position() - open_position;
       if (length > std::numeric_limits<uint32_t>::max()) return SPKI_ERR_STRING_TOO_LONG;
-      head->source_length = static_cast<uint32_t>(length);
+      if (length <= kMaxSourceLength) {
+        head->source_length = static_cast<uint32_t>(length);
+      } else {
+        head->source = nullptr;
+      }
       *out = head.release();
       return SPKI_OK;
     } else {
@@ -149,7 +159,7 @@ void ClearSources(EngineNode* chain, int depth) {
     node->source = nullptr;
     node->source_length = 0;
     // Templates are parsed, so they are never deeper than kMaxNesting.
-    if (node->sublist != nullptr && depth < kMaxNesting) ClearSources(node->sublist, depth + 1);
+    if (SublistOf(node) != nullptr && depth < kMaxNesting) ClearSources(SublistOf(node), depth + 1);
   }
 }
 
@@ -176,7 +186,7 @@ Status ParseAtom(EngineContext& engine, EngineAtom** out, ByteCursor* cursor) {
   AtomSpan span;
   Status status = ReadAtom(cursor, &span);
   if (status != SPKI_OK) return status;
-  *out = NewAtomOf(engine, span, KeywordOf(span));
+  *out = NewAtomOf(engine, span, KeywordOfSpan(span));
   return *out != nullptr ? SPKI_OK : SPKI_ERR_NO_MEM;
 }
 

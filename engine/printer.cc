@@ -24,17 +24,17 @@ Status LengthOf(const EngineNode* chain, size_t* length, int depth) {
     size_t part = 0;
     switch (node->kind) {
       case kNodeKeywordHead: {
-        uint32_t text = KeywordTextOf(node->keyword).length;
+        uint32_t text = KeywordTextOf(KeywordOf(node)).length;
         part = text + DecimalDigits(text) + 1;
         break;
       }
       case kNodeAtomHead:
       case kNodeAtom:
-        if (node->atom == nullptr) return SPKI_ERR_UNKNOWN;
-        part = AtomLength(node->atom);
+        if (AtomOf(node) == nullptr) return SPKI_ERR_UNKNOWN;
+        part = AtomLength(AtomOf(node));
         break;
       case kNodeSublist: {
-        Status status = LengthOf(node->sublist, &part, depth + 1);
+        Status status = LengthOf(SublistOf(node), &part, depth + 1);
         if (status != SPKI_OK) return status;
         break;
       }
@@ -89,16 +89,16 @@ void PutChain(PrintCursor* cursor, const EngineNode* chain) {
   for (const EngineNode* node = chain; node != nullptr; node = node->next) {
     switch (node->kind) {
       case kNodeKeywordHead: {
-        const KeywordText& text = KeywordTextOf(node->keyword);
+        const KeywordText& text = KeywordTextOf(KeywordOf(node));
         PutString(cursor, text.text, text.length);
         break;
       }
       case kNodeAtomHead:
       case kNodeAtom:
-        PutAtom(cursor, node->atom);
+        PutAtom(cursor, AtomOf(node));
         break;
       default:
-        PutChain(cursor, node->sublist);
+        PutChain(cursor, SublistOf(node));
         break;
     }
   }

@@ -127,23 +127,23 @@ void AddRangeElementBounds(EngineContext& engine, RangeBounds* bounds, const Eng
   if (bounds == nullptr || IsInvalid(*bounds)) return;
   const EngineNode* ordering = ClassOf(range) == kClassRange ? StarWord(range)->next : nullptr;
   if (ordering == nullptr || ordering->kind != kNodeAtom ||
-      !IsOrdering(ordering->atom->keyword_id)) {
+      !IsOrdering(AtomOf(ordering)->keyword_id)) {
     Invalidate(engine, bounds);
     return;
   }
   // The ordering counts even for a range without bounds: (* range numeric)
   // and (* range alpha) share no value.
-  int32_t id = ordering->atom->keyword_id;
+  int32_t id = AtomOf(ordering)->keyword_id;
   if (!TakeOrdering(engine, bounds, id)) return;
   for (const EngineNode* node = ordering->next; node != nullptr; node = node->next) {
-    const EngineNode* op = node->kind == kNodeSublist ? node->sublist : nullptr;
+    const EngineNode* op = node->kind == kNodeSublist ? SublistOf(node) : nullptr;
     const EngineNode* value = op != nullptr ? op->next : nullptr;
     if (op == nullptr || op->kind != kNodeKeywordHead || value == nullptr ||
         value->kind != kNodeAtom || value->next != nullptr) {
       Invalidate(engine, bounds);
       return;
     }
-    AddRangeBound(engine, bounds, value->atom, op->keyword, id, source);
+    AddRangeBound(engine, bounds, AtomOf(value), KeywordOf(op), id, source);
     if (IsInvalid(*bounds)) return;
   }
 }

@@ -184,17 +184,17 @@ Status AppendChain(std::string* out, const EngineNode* chain, int depth);
 Status AppendElement(std::string* out, const EngineNode* node, int depth) {
   switch (node->kind) {
     case kNodeKeywordHead: {
-      const KeywordText& text = KeywordTextOf(node->keyword);
+      const KeywordText& text = KeywordTextOf(KeywordOf(node));
       AppendReadableString(out, reinterpret_cast<const uint8_t*>(text.text), text.length);
       return SPKI_OK;
     }
     case kNodeAtomHead:
     case kNodeAtom:
-      if (node->atom == nullptr) return SPKI_ERR_UNKNOWN;
-      AppendReadableAtom(out, node->atom);
+      if (AtomOf(node) == nullptr) return SPKI_ERR_UNKNOWN;
+      AppendReadableAtom(out, AtomOf(node));
       return SPKI_OK;
     case kNodeSublist:
-      return AppendChain(out, node->sublist, depth + 1);
+      return AppendChain(out, SublistOf(node), depth + 1);
     default:
       return SPKI_ERR_UNKNOWN;
   }

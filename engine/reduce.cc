@@ -440,15 +440,15 @@ Status Reducer::SameChain(const EngineNode* a, const EngineNode* b, int depth, b
     if (a->kind != b->kind) return SPKI_OK;
     switch (a->kind) {
       case kNodeKeywordHead:
-        if (a->keyword != b->keyword) return SPKI_OK;
+        if (KeywordOf(a) != KeywordOf(b)) return SPKI_OK;
         break;
       case kNodeAtomHead:
       case kNodeAtom:
-        if (!SameBytes(a->atom, b->atom)) return SPKI_OK;
+        if (!SameBytes(AtomOf(a), AtomOf(b))) return SPKI_OK;
         break;
       case kNodeSublist: {
         bool equal = false;
-        status = SameChain(a->sublist, b->sublist, depth + 1, &equal);
+        status = SameChain(SublistOf(a), SublistOf(b), depth + 1, &equal);
         if (status != SPKI_OK || !equal) return status;
         break;
       }
@@ -492,22 +492,22 @@ Status Reducer::MakeEntry(const FiveTuple* tuple, EngineNode** out) {
   EngineNode* propagate = subject->next;
   EngineNode* tag = propagate->next;
   EngineNode* valid = tag->next;
-  EngineNode* not_before = valid->sublist->next;
+  EngineNode* not_before = SublistOf(valid)->next;
   EngineNode* not_after = not_before->next;
 
-  AssignNode(engine_, &subject->sublist->next->sublist, tuple->subject->node);
+  AssignNode(engine_, SublistSlot(SublistOf(subject)->next), tuple->subject->node);
   // Without a tag of its own the entry keeps the bare (tag): everything.
-  if (tuple->tag != nullptr) AssignNode(engine_, &tag->sublist, tuple->tag);
+  if (tuple->tag != nullptr) AssignNode(engine_, SublistSlot(tag), tuple->tag);
   if (tuple->not_before != nullptr) {
-    AssignAtom(engine_, &not_before->sublist->next->atom, tuple->not_before);
+    AssignAtom(engine_, AtomSlot(SublistOf(not_before)->next), tuple->not_before);
   }
   if (tuple->not_after != nullptr) {
-    AssignAtom(engine_, &not_after->sublist->next->atom, tuple->not_after);
+    AssignAtom(engine_, AtomSlot(SublistOf(not_after)->next), tuple->not_after);
   }
   if (tuple->not_before == nullptr && tuple->not_after == nullptr) {
     AssignNode(engine_, &tag->next, nullptr);
   } else if (tuple->not_before == nullptr) {
-    AssignNode(engine_, &valid->sublist->next, not_after);
+    AssignNode(engine_, &SublistOf(valid)->next, not_after);
   } else if (tuple->not_after == nullptr) {
     AssignNode(engine_, &not_before->next, nullptr);
   }

@@ -21,7 +21,7 @@ Status Reducer::Walk(const EngineNode* list, int depth, bool certificates_only) 
     EngineNode* head = KeywordListOf(node);
     if (head == nullptr) continue;
     Status status = SPKI_OK;
-    switch (head->keyword) {
+    switch (KeywordOf(head)) {
       case kKeywordEntry:
         if (!certificates_only) status = AddCredential(head);
         break;
@@ -43,7 +43,7 @@ Status Reducer::Walk(const EngineNode* list, int depth, bool certificates_only) 
 }
 
 Status Reducer::AddCredential(EngineNode* credential) {
-  const bool is_entry = credential->keyword == kKeywordEntry;
+  const bool is_entry = KeywordOf(credential) == kKeywordEntry;
   TupleRef tuple(*this, NewTuple());
   if (!tuple) return SPKI_ERR_NO_MEM;
   FiveTuple* t = tuple.get();
@@ -58,7 +58,7 @@ Status Reducer::AddCredential(EngineNode* credential) {
     EngineNode* field = KeywordListOf(node);
     if (field == nullptr) continue;
     Status status = SPKI_OK;
-    switch (field->keyword) {
+    switch (KeywordOf(field)) {
       case kKeywordIssuer:
         if (is_entry) return SPKI_ERR_ACL_HAS_ISSUER;
         status = ReadIssuer(field, t);
@@ -157,20 +157,20 @@ Status Reducer::ReadIssuer(const EngineNode* issuer, FiveTuple* tuple) {
   const EngineNode* element = issuer->next;
   EngineNode* inner = KeywordListOf(element);
   if (inner == nullptr || element->next != nullptr) return SPKI_ERR_ISSUER_SYNTAX;
-  if (inner->keyword == kKeywordPublicKey || inner->keyword == kKeywordHash) {
+  if (KeywordOf(inner) == kKeywordPublicKey || KeywordOf(inner) == kKeywordHash) {
     return PrincipalOf(inner, &tuple->issuer);
   }
-  if (inner->keyword != kKeywordName) return SPKI_ERR_ISSUER_SYNTAX;
+  if (KeywordOf(inner) != kKeywordName) return SPKI_ERR_ISSUER_SYNTAX;
   EngineNode* principal = KeywordListOf(inner->next);
   const EngineNode* name = principal != nullptr ? inner->next->next : nullptr;
   if (principal == nullptr ||
-      (principal->keyword != kKeywordPublicKey && principal->keyword != kKeywordHash) ||
+      (KeywordOf(principal) != kKeywordPublicKey && KeywordOf(principal) != kKeywordHash) ||
       name == nullptr || name->kind != kNodeAtom || name->next != nullptr) {
     return SPKI_ERR_ISSUER_SYNTAX;
   }
   Status status = PrincipalOf(principal, &tuple->issuer);
   if (status != SPKI_OK) return status;
-  AssignAtom(engine_, &tuple->issuer_name, name->atom);
+  AssignAtom(engine_, &tuple->issuer_name, AtomOf(name));
   return SPKI_OK;
 }
 
@@ -187,7 +187,7 @@ Status Reducer::ReadSubject(const EngineNode* subject, FiveTuple* tuple, bool* r
   AssignNode(engine_, &tuple->subject_node, const_cast<EngineNode*>(subject));
   EngineNode* inner = KeywordListOf(element);
   if (inner == nullptr) return SPKI_ERR_PRINCIPAL_EXPECTED;
-  switch (inner->keyword) {
+  switch (KeywordOf(inner)) {
     case kKeywordKOfN:
       // Expanded by the threshold code when the tuple is inserted.
       AssignNode(engine_, &tuple->subject_node, inner);
@@ -206,7 +206,7 @@ Status Reducer::ReadNameSubject(const EngineNode* name, FiveTuple* tuple, bool* 
   const EngineNode* n1 = nullptr;
   if (first == nullptr) return SPKI_ERR_SUBJECT_SYNTAX;
   if (first->kind == kNodeSublist) {
-    Status status = PrincipalOf(first->sublist, &tuple->subject);
+    Status status = PrincipalOf(SublistOf(first), &tuple->subject);
     if (status != SPKI_OK) return status;
     n1 = first->next;
     if (n1 == nullptr) return SPKI_ERR_SUBJECT_SYNTAX;
@@ -217,7 +217,7 @@ Status Reducer::ReadNameSubject(const EngineNode* name, FiveTuple* tuple, bool* 
     return SPKI_ERR_SUBJECT_SYNTAX;
   }
   if (n1->kind != kNodeAtom) return SPKI_ERR_NAME_SYNTAX;
-  AssignAtom(engine_, &tuple->subject_name, n1->atom);
+  AssignAtom(engine_, &tuple->subject_name, AtomOf(n1));
   AssignNode(engine_, &tuple->subject_names_rest, n1->next);
   return SPKI_OK;
 }

@@ -116,15 +116,15 @@ inline constexpr int kBucketCount = 256;
 struct Combination;
 
 inline EngineNode* Unwrap(EngineNode* node) {
-  return node != nullptr && node->kind == kNodeSublist ? node->sublist : node;
+  return node != nullptr && node->kind == kNodeSublist ? SublistOf(node) : node;
 }
 
 // The head of the list an element holds when that head is a keyword.
 inline EngineNode* KeywordListOf(const EngineNode* element) {
-  if (element == nullptr || element->kind != kNodeSublist || element->sublist == nullptr) {
+  if (element == nullptr || element->kind != kNodeSublist || SublistOf(element) == nullptr) {
     return nullptr;
   }
-  return element->sublist->kind == kNodeKeywordHead ? element->sublist : nullptr;
+  return SublistOf(element)->kind == kNodeKeywordHead ? SublistOf(element) : nullptr;
 }
 
 inline bool SameBytes(const EngineAtom* a, const EngineAtom* b) {

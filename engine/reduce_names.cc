@@ -108,7 +108,7 @@ Status Reducer::Resolve(FiveTuple* reference, FiveTuple* definition) {
   copy->origin = kFromName;
   AssignAtom(engine_, &copy->not_before, not_before);
   AssignAtom(engine_, &copy->not_after, not_after);
-  AssignAtom(engine_, &copy->subject_name, next != nullptr ? next->atom : nullptr);
+  AssignAtom(engine_, &copy->subject_name, next != nullptr ? AtomOf(next) : nullptr);
   AssignNode(engine_, &copy->subject_names_rest, next != nullptr ? next->next : nullptr);
   Status status = TraceCreated(copy, {reference, definition});
   if (status == SPKI_OK) status = Insert(copy, true);

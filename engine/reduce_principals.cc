@@ -82,18 +82,18 @@ class NodeHasher {
     for (const EngineNode* node = head; node != nullptr && status_ == SPKI_OK; node = node->next) {
       switch (node->kind) {
         case kNodeKeywordHead: {
-          const KeywordText& text = KeywordTextOf(node->keyword);
+          const KeywordText& text = KeywordTextOf(KeywordOf(node));
           String(text.text, text.length);
           break;
         }
         case kNodeAtomHead:
         case kNodeAtom:
-          if (node->atom == nullptr) return SPKI_ERR_UNKNOWN;
-          Atom(node->atom);
+          if (AtomOf(node) == nullptr) return SPKI_ERR_UNKNOWN;
+          Atom(AtomOf(node));
           break;
         case kNodeSublist: {
-          if (node->sublist == nullptr) return SPKI_ERR_UNKNOWN;
-          Status status = List(node->sublist, depth + 1);
+          if (SublistOf(node) == nullptr) return SPKI_ERR_UNKNOWN;
+          Status status = List(SublistOf(node), depth + 1);
           if (status != SPKI_OK) return status;
           break;
         }
@@ -132,7 +132,7 @@ Status DigestList(uint32_t context, uint32_t algorithm, const EngineNode* node, 
 }
 
 bool IsKeywordList(const EngineNode* head, int32_t keyword) {
-  return head != nullptr && head->kind == kNodeKeywordHead && head->keyword == keyword;
+  return head != nullptr && head->kind == kNodeKeywordHead && KeywordOf(head) == keyword;
 }
 
 bool AtomIs(const EngineAtom* atom, const char* text) {
@@ -163,7 +163,7 @@ Status Reducer::RegisterKeys(const EngineNode* list, int depth) {
   if (IsKeywordList(list, kKeywordPublicKey)) return RegisterKey(const_cast<EngineNode*>(list));
   for (const EngineNode* node = list->next; node != nullptr; node = node->next) {
     if (node->kind != kNodeSublist) continue;
-    Status status = RegisterKeys(node->sublist, depth + 1);
+    Status status = RegisterKeys(SublistOf(node), depth + 1);
     if (status != SPKI_OK) return status;
   }
   return SPKI_OK;
@@ -280,10 +280,10 @@ Status Reducer::InternHash(EngineNode* hash, Principal** out) {
                                               {"ripemd160", ZCRY_HASH_RIPEMD160, 20}};
   const Algorithm* known = nullptr;
   for (const Algorithm& candidate : kAlgorithms) {
-    if (AtomIs(algorithm->atom, candidate.name)) known = &candidate;
+    if (AtomIs(AtomOf(algorithm), candidate.name)) known = &candidate;
   }
   if (known == nullptr) return SPKI_ERR_UNKNOWN_HASH;
-  const EngineAtom* bytes = value->atom;
+  const EngineAtom* bytes = AtomOf(value);
   if (bytes->length != known->size) return SPKI_ERR_HASH_LENGTHS_DIFFER;
 
   uint8_t digest[kPrincipalDigestSize];

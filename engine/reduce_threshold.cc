@@ -25,12 +25,12 @@ namespace {
 
 // k and n are one-byte binary values, as certificates carry them.
 int32_t OneByteValue(const EngineNode* node) {
-  if (node == nullptr || node->kind != kNodeAtom || node->atom->length != 1) return -1;
-  return node->atom->bytes[0];
+  if (node == nullptr || node->kind != kNodeAtom || AtomOf(node)->length != 1) return -1;
+  return AtomOf(node)->bytes[0];
 }
 
 bool IsKeywordList(const EngineNode* head, int32_t keyword) {
-  return head != nullptr && head->kind == kNodeKeywordHead && head->keyword == keyword;
+  return head != nullptr && head->kind == kNodeKeywordHead && KeywordOf(head) == keyword;
 }
 
 // The member tuples of one block, released unless handed on.
@@ -100,11 +100,11 @@ Status Reducer::ExpandThreshold(FiveTuple* tuple) {
     member->subject = nullptr;
     AssignAtom(engine_, &member->subject_name, nullptr);
     AssignNode(engine_, &member->subject_names_rest, nullptr);
-    EngineNode* inner = element->sublist;
+    EngineNode* inner = SublistOf(element);
     AssignNode(engine_, &member->subject_node, inner);
     if (inner->kind != kNodeKeywordHead) return SPKI_ERR_PRINCIPAL_EXPECTED;
     Status status = SPKI_OK;
-    switch (inner->keyword) {
+    switch (KeywordOf(inner)) {
       case kKeywordKOfN:
         break;  // a nested block, expanded when the member is inserted
       case kKeywordName: {

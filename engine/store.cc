@@ -74,13 +74,13 @@ void ReleaseNode(EngineContext& engine, EngineNode* node) {
   while (pending != nullptr) {
     EngineNode* dead = pending;
     pending = dead->free_link;
-    for (EngineNode* child : {dead->next, dead->sublist}) {
+    for (EngineNode* child : {dead->next, SublistOf(dead)}) {
       if (child != nullptr && --child->ref_count < 1) {
         child->free_link = pending;
         pending = child;
       }
     }
-    ReleaseAtom(engine, dead->atom);
+    ReleaseAtom(engine, AtomOf(dead));
     engine.nodes().Give(dead);
   }
 }
@@ -100,7 +100,7 @@ EngineNode* NewKeywordHead(EngineContext& engine, int32_t keyword) {
   EngineNode* node = NewNode(engine);
   if (node == nullptr) return nullptr;
   node->kind = kNodeKeywordHead;
-  node->keyword = keyword;
+  node->value.keyword = keyword;
   return node;
 }
 
@@ -111,7 +111,7 @@ EngineNode* NewAtomNode(EngineContext& engine, EngineAtom* atom, NodeKind kind) 
   EngineNode* node = NewNode(engine);
   if (node == nullptr) return nullptr;
   node->kind = kind;
-  AssignAtom(engine, &node->atom, atom);
+  AssignAtom(engine, AtomSlot(node), atom);
   return node;
 }
 
@@ -130,7 +130,7 @@ EngineNode* NewSublistElement(EngineContext& engine, EngineNode* head) {
   EngineNode* node = NewNode(engine);
   if (node == nullptr) return nullptr;
   node->kind = kNodeSublist;
-  AssignNode(engine, &node->sublist, head);
+  AssignNode(engine, SublistSlot(node), head);
   return node;
 }
 
@@ -139,9 +139,20 @@ EngineNode* CopyElement(EngineContext& engine, const EngineNode* node) {
   EngineNode* copy = NewNode(engine);
   if (copy == nullptr) return nullptr;
   copy->kind = node->kind;
-  copy->keyword = node->keyword;
-  AssignAtom(engine, &copy->atom, node->atom);
-  AssignNode(engine, &copy->sublist, node->sublist);
+  switch (node->kind) {
+    case kNodeKeywordHead:
+      copy->value.keyword = KeywordOf(node);
+      break;
+    case kNodeAtomHead:
+    case kNodeAtom:
+      AssignAtom(engine, AtomSlot(copy), AtomOf(node));
+      break;
+    case kNodeSublist:
+      AssignNode(engine, SublistSlot(copy), SublistOf(node));
+      break;
+    default:
+      break;
+  }
   return copy;
 }
 

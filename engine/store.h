@@ -24,8 +24,8 @@
 namespace velk2::engine {
 
 // A big ACL makes hundreds of thousands of records, each walked several
-// times: the fields are packed without padding, and the free-list link shares
-// its place with a field that only a live record uses.
+// times: the records are packed to 32 bytes, two to a cache line, and the
+// free-list link shares its place with a field that only a live record uses.
 struct EngineAtom {
   union {
     EngineAtom* free_link;  // only while on the free list
@@ -36,8 +36,9 @@ struct EngineAtom {
   uint32_t length;
   uint32_t hint_length;  // 0: no display hint
   int32_t keyword_id;    // -1: not a keyword, or the atom has a display hint
-  uint8_t flag;          // cleared by the parser
+  // No flag byte: nothing ever read the one the parser cleared.
 };
+static_assert(sizeof(EngineAtom) == 32 || sizeof(void*) != 8);
 
 enum NodeKind : int32_t {
   kNodeFree = 0,         // a zeroed record
@@ -47,23 +48,53 @@ enum NodeKind : int32_t {
   kNodeSublist = 4,      // sublist element: sublist (the sublist's head node)
 };
 
+// The longest list text a head remembers: a longer list keeps no source
+// (like a template), so whoever digests it walks its nodes instead.
+inline constexpr uint32_t kMaxSourceLength = (1u << 24) - 1;
+
 struct EngineNode {
   union {
     EngineNode* free_link;  // only while on the free list (or being released)
     const uint8_t* source;  // the "(" where this list began in the parsed text, or null
   };
+  EngineNode* next;  // next sibling
+  // The value, as the kind says; one place holds whichever the kind has.
+  // Read it through KeywordOf, AtomOf and SublistOf, which give 0 or null for
+  // the other kinds.
+  union Value {
+    int32_t keyword;
+    EngineAtom* atom;
+    EngineNode* sublist;
+  } value;
   int32_t ref_count;
-  NodeKind kind;
-  EngineNode* next;        // next sibling
-  uint32_t source_length;  // bytes from "(" to ")" inclusive, set when the list closed
-  // The value, as the kind says; the other two stay zero.
-  int32_t keyword;
-  EngineAtom* atom;
-  EngineNode* sublist;
+  uint32_t source_length : 24;  // bytes from "(" to ")" inclusive, set when the list closed
+  NodeKind kind : 8;
 };
+static_assert(sizeof(EngineNode) == 32 || sizeof(void*) != 8);
+
+// The keyword of a keyword head, else 0.
+inline int32_t KeywordOf(const EngineNode* node) {
+  return node->kind == kNodeKeywordHead ? node->value.keyword : 0;
+}
+// The atom of an atom head or atom element, else null.
+inline EngineAtom* AtomOf(const EngineNode* node) {
+  return node->kind == kNodeAtomHead || node->kind == kNodeAtom ? node->value.atom : nullptr;
+}
+// The head of the list a sublist element holds, else null.
+inline EngineNode* SublistOf(const EngineNode* node) {
+  return node->kind == kNodeSublist ? node->value.sublist : nullptr;
+}
+// Where an atom head or atom element keeps its atom, and a sublist element
+// its list, for AssignAtom and AssignNode. Only for nodes of those kinds.
+inline EngineAtom** AtomSlot(EngineNode* node) {
+  return &node->value.atom;
+}
+inline EngineNode** SublistSlot(EngineNode* node) {
+  return &node->value.sublist;
+}
 
 // One free list of records of type T: last freed, first reused. T is a plain
-// record whose first fields are |free_link| and |ref_count|.
+// record with the fields |free_link| and |ref_count|.
 template <typename T>
 class RecordPool {
   static_assert(std::is_trivially_copyable_v<T> && std::is_standard_layout_v<T>);

@@ -210,7 +210,7 @@ Status SortedAtoms::Take(const EngineNode* set) {
   Status status = Reserve(count);
   if (status != SPKI_OK) return status;
   for (const EngineNode* member = FirstMember(set); member != nullptr; member = member->next) {
-    atoms_[count_++] = member->atom;
+    atoms_[count_++] = AtomOf(member);
   }
   // About n log n comparisons.
   uint64_t rounds = 1;
@@ -233,7 +233,7 @@ Status FirstOccurrences::Mark(const EngineNode* set) {
   if (ranked_ == nullptr || first_ == nullptr) return SPKI_ERR_NO_MEM;
   size_t index = 0;
   for (const EngineNode* member = FirstMember(set); member != nullptr; member = member->next) {
-    ranked_[index] = {member->atom, index};
+    ranked_[index] = {AtomOf(member), index};
     ++index;
   }
   std::sort(ranked_, ranked_ + count, [](const Ranked& a, const Ranked& b) {
@@ -350,26 +350,26 @@ Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int de
 
   switch (ca) {
     case kClassKeywordHead:
-      if (cb == kClassKeywordHead && a->keyword == b->keyword) *out = Relation::kEqual;
+      if (cb == kClassKeywordHead && KeywordOf(a) == KeywordOf(b)) *out = Relation::kEqual;
       return SPKI_OK;
     case kClassAtomHead:
-      if (cb == kClassAtomHead && CompareAtoms(a->atom, b->atom) == kOrderEqual)
+      if (cb == kClassAtomHead && CompareAtoms(AtomOf(a), AtomOf(b)) == kOrderEqual)
         *out = Relation::kEqual;
       return SPKI_OK;
     case kClassAtom:
       if (cb == kClassAtom) {
-        if (CompareAtoms(a->atom, b->atom) == kOrderEqual) *out = Relation::kEqual;
+        if (CompareAtoms(AtomOf(a), AtomOf(b)) == kOrderEqual) *out = Relation::kEqual;
       } else if (cb == kClassPrefix) {
-        if (StartsWith(a->atom, PrefixOf(b))) *out = Relation::kNarrower;
+        if (StartsWith(AtomOf(a), PrefixOf(b))) *out = Relation::kNarrower;
       } else if (cb == kClassRange) {
         bool inside = false;
-        Status status = InRange(a->atom, b, &inside);
+        Status status = InRange(AtomOf(a), b, &inside);
         if (status == SPKI_OK && inside) *out = Relation::kNarrower;
         return status;
       }
       return SPKI_OK;
     case kClassSublist:
-      if (cb == kClassSublist) return CompareLists(a->sublist, b->sublist, depth, out);
+      if (cb == kClassSublist) return CompareLists(SublistOf(a), SublistOf(b), depth, out);
       return SPKI_OK;
     case kClassSet:
       if (IsPlain(cb)) {
@@ -381,7 +381,7 @@ Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int de
       return CompareSet(a, b, depth, out);  // cb is a prefix or a range here
     case kClassPrefix:
       if (cb == kClassAtom) {
-        if (StartsWith(b->atom, PrefixOf(a))) *out = Relation::kBroader;
+        if (StartsWith(AtomOf(b), PrefixOf(a))) *out = Relation::kBroader;
       } else if (cb == kClassPrefix) {
         const EngineAtom* pa = PrefixOf(a);
         const EngineAtom* pb = PrefixOf(b);
@@ -398,7 +398,7 @@ Status Algebra::CompareElements(const EngineNode* a, const EngineNode* b, int de
     case kClassRange:
       if (cb == kClassAtom) {
         bool inside = false;
-        Status status = InRange(b->atom, a, &inside);
+        Status status = InRange(AtomOf(b), a, &inside);
         if (status == SPKI_OK && inside) *out = Relation::kBroader;
         return status;
       }
@@ -547,7 +547,7 @@ Status Algebra::PrefixRange(const EngineNode* prefix, const EngineNode* range, R
     ScopedBounds scoped(engine_);
     const EngineNode* ordering = StarWord(range)->next;  // a valid range: checked above
     if (ordering != nullptr && ordering->kind == kNodeAtom) {
-      scoped.bounds.ordering = ordering->atom->keyword_id;
+      scoped.bounds.ordering = AtomOf(ordering)->keyword_id;
     }
     Status status = AddPrefixBounds(engine_, &scoped.bounds, prefix, 2);
     if (status != SPKI_OK) return status;
@@ -661,7 +661,7 @@ Status Algebra::IntersectElements(EngineNode* a, EngineNode* b, int depth, Engin
 
   if (ca == kClassSublist && cb == kClassSublist) {
     NodeRef contents(engine_);
-    Status status = IntersectLists(a->sublist, b->sublist, depth, contents.out());
+    Status status = IntersectLists(SublistOf(a), SublistOf(b), depth, contents.out());
     if (status != SPKI_OK || !contents) return status;
     *out = NewSublistElement(engine_, contents.get());
     return *out != nullptr ? SPKI_OK : SPKI_ERR_NO_MEM;
@@ -775,7 +775,7 @@ Status Algebra::IntersectSet(EngineNode* set, EngineNode* element, int depth, En
       for (EngineNode* member = const_cast<EngineNode*>(FirstMember(set)); member != nullptr;
            member = member->next, ++index) {
         if (!engine_.ChargeWork(1)) return SPKI_ERR_UNKNOWN;
-        if (!first.IsFirst(index) || !theirs.Holds(member->atom)) continue;
+        if (!first.IsFirst(index) || !theirs.Holds(AtomOf(member))) continue;
         EngineNode* copy = nullptr;
         status = Copy(member, &copy);
         if (status != SPKI_OK) return status;
@@ -836,7 +836,7 @@ Status Algebra::FinishSet(NodeRef* front, size_t count, EngineNode** out) {
 }  // namespace
 
 const EngineNode* StarWord(const EngineNode* element) {
-  return element->sublist->next;
+  return SublistOf(element)->next;
 }
 
 const EngineNode* FirstMember(const EngineNode* set) {
@@ -846,7 +846,7 @@ const EngineNode* FirstMember(const EngineNode* set) {
 const EngineAtom* PrefixOf(const EngineNode* prefix) {
   const EngineNode* value = StarWord(prefix)->next;
   if (value == nullptr || value->kind != kNodeAtom || value->next != nullptr) return nullptr;
-  return value->atom;
+  return AtomOf(value);
 }
 
 ElementClass ClassOf(const EngineNode* element) {
@@ -863,13 +863,13 @@ ElementClass ClassOf(const EngineNode* element) {
     default:
       return kClassUnclassifiable;
   }
-  const EngineNode* head = element->sublist;
+  const EngineNode* head = SublistOf(element);
   if (head == nullptr) return kClassUnclassifiable;
-  if (head->kind != kNodeKeywordHead || head->keyword != kKeywordStar) return kClassSublist;
+  if (head->kind != kNodeKeywordHead || KeywordOf(head) != kKeywordStar) return kClassSublist;
   const EngineNode* word = head->next;
   if (word == nullptr) return kClassAll;
   if (word->kind != kNodeAtom) return kClassUnclassifiable;
-  switch (word->atom->keyword_id) {
+  switch (AtomOf(word)->keyword_id) {
     case kKeywordSet:
       return kClassSet;
     case kKeywordPrefix:

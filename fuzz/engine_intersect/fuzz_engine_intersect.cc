@@ -41,11 +41,11 @@ bool HoldsSetOfEverything(const EngineNode* chain, int depth) {
   for (const EngineNode* node = chain; node != nullptr; node = node->next) {
     if (node->kind != kNodeSublist) continue;
     if (ClassOf(node) == kClassSet) {
-      for (const EngineNode* m = node->sublist->next->next; m != nullptr; m = m->next) {
+      for (const EngineNode* m = SublistOf(node)->next->next; m != nullptr; m = m->next) {
         if (ClassOf(m) == kClassAll) return true;
       }
     }
-    if (HoldsSetOfEverything(node->sublist, depth + 1)) return true;
+    if (HoldsSetOfEverything(SublistOf(node), depth + 1)) return true;
   }
   return false;
 }

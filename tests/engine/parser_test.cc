@@ -6,7 +6,9 @@
 #include "engine/keywords.h"
 #include "engine/parser.h"
 #include "engine/printer.h"
+#include "engine/reduce.h"
 #include "engine_fixture.h"
+#include "tests/engine/reduce_texts.h"
 
 namespace velk2::engine {
 namespace {
@@ -118,38 +120,66 @@ TEST_F(ParserTest, RoundTripsByteForByte) {
   }
 }
 
+// A head remembers its list's text up to 16 MiB less one byte; a longer list
+// keeps none, and a key's digest is then taken by walking its nodes: the
+// same digest either way, and the same printed text.
+TEST_F(ParserTest, ListsPastTheSourceLimitKeepNoText) {
+  for (uint32_t length : {kMaxSourceLength, kMaxSourceLength + 1}) {
+    // "(1:a" N ":" bytes ")" with an eight-digit N.
+    const uint32_t atom = length - 14;
+    const std::string list = "(1:a" + std::to_string(atom) + ":" + std::string(atom, 'x') + ")";
+    ASSERT_EQ(list.size(), length);
+    const std::string key = "(10:public-key" + list + ")";
+    EngineNode* tree = Canonical(key);
+    ASSERT_NE(tree, nullptr);
+    const EngineNode* inner = SublistOf(tree->next);
+    const bool kept = length <= kMaxSourceLength;
+    EXPECT_EQ(inner->source != nullptr, kept) << length;
+    EXPECT_EQ(inner->source_length, kept ? length : 0u) << length;
+    EXPECT_EQ(tree->source, nullptr) << length;  // the key's own text is longer still
+    EXPECT_EQ(tree->source_length, 0u) << length;
+    EXPECT_EQ(Print(tree), key);
+    uint8_t digest[kPrincipalDigestSize];
+    ASSERT_EQ(PrincipalDigest(0, tree, digest), SPKI_OK);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(digest), sizeof digest),
+              texts::Digest("SHA256", key))
+        << length;
+  }
+}
+
 TEST_F(ParserTest, HeadsKeywordsAndHints) {
   EngineNode* acl = Canonical("(3:acl)");
   EXPECT_EQ(acl->kind, kNodeKeywordHead);
-  EXPECT_EQ(acl->keyword, kKeywordAcl);
-  EXPECT_EQ(acl->atom, nullptr);  // the keyword's atom is dropped
+  EXPECT_EQ(KeywordOf(acl), kKeywordAcl);
+  EXPECT_EQ(AtomOf(acl), nullptr);  // the keyword's atom is dropped
   EXPECT_EQ(acl->next, nullptr);
 
   EngineNode* plain = Canonical("(1:x)");
   EXPECT_EQ(plain->kind, kNodeAtomHead);
-  ASSERT_NE(plain->atom, nullptr);
-  EXPECT_EQ(plain->atom->keyword_id, -1);
+  ASSERT_NE(AtomOf(plain), nullptr);
+  EXPECT_EQ(AtomOf(plain)->keyword_id, -1);
 
   // A hint keeps a keyword from being one: kind 2 with id -1.
   EngineNode* hinted = Canonical("([4:text]3:acl)");
   EXPECT_EQ(hinted->kind, kNodeAtomHead);
-  EXPECT_EQ(hinted->atom->keyword_id, -1);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(hinted->atom->hint), 4), "text");
+  EXPECT_EQ(AtomOf(hinted)->keyword_id, -1);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(AtomOf(hinted)->hint), 4), "text");
   EXPECT_EQ(Print(hinted), "([4:text]3:acl)");
 
   // Atom elements keep their keyword id but stay atoms (kind 3).
   EngineNode* entry = Canonical("(5:entry3:tag(3:tag))");
-  EXPECT_EQ(entry->keyword, kKeywordEntry);
+  EXPECT_EQ(KeywordOf(entry), kKeywordEntry);
   EXPECT_EQ(entry->next->kind, kNodeAtom);
-  EXPECT_EQ(entry->next->atom->keyword_id, kKeywordTag);
+  EXPECT_EQ(AtomOf(entry->next)->keyword_id, kKeywordTag);
   EXPECT_EQ(entry->next->next->kind, kNodeSublist);
-  EXPECT_EQ(entry->next->next->sublist->keyword, kKeywordTag);
+  EXPECT_EQ(KeywordOf(SublistOf(entry->next->next)), kKeywordTag);
   // Atoms point into the parsed text.
-  EXPECT_EQ(entry->next->atom->bytes, reinterpret_cast<const uint8_t*>(texts_.back().data()) + 10);
+  EXPECT_EQ(AtomOf(entry->next)->bytes,
+            reinterpret_cast<const uint8_t*>(texts_.back().data()) + 10);
 
   // The high ids are keyword heads too.
-  EXPECT_EQ(Canonical("(5:valid)")->keyword, kKeywordValid);
-  EXPECT_EQ(Canonical("(3:and)")->keyword, kKeywordAnd);
+  EXPECT_EQ(KeywordOf(Canonical("(5:valid)")), kKeywordValid);
+  EXPECT_EQ(KeywordOf(Canonical("(3:and)")), kKeywordAnd);
 }
 
 TEST_F(ParserTest, Sha256HeadPrintsAsUnknown) {
@@ -157,7 +187,7 @@ TEST_F(ParserTest, Sha256HeadPrintsAsUnknown) {
   // atom element it keeps its own bytes.
   EngineNode* head = Canonical("(6:sha2565:bytes)");
   EXPECT_EQ(head->kind, kNodeKeywordHead);
-  EXPECT_EQ(head->keyword, kKeywordSha256);
+  EXPECT_EQ(KeywordOf(head), kKeywordSha256);
   EXPECT_EQ(Print(head), "(3:???5:bytes)");
   EngineNode* hash = Canonical("(4:hash6:sha2562:ab)");
   EXPECT_EQ(Print(hash), "(4:hash6:sha2562:ab)");
@@ -226,10 +256,10 @@ TEST_F(ParserTest, TemplatesForgetTheirSource) {
   ASSERT_EQ(ParseTemplate(engine_, &range, "(1:*5:range(2:ge1:0))"), SPKI_OK);
   Keep(range);
   EXPECT_EQ(range->kind, kNodeKeywordHead);
-  EXPECT_EQ(range->keyword, kKeywordStar);
+  EXPECT_EQ(KeywordOf(range), kKeywordStar);
   EXPECT_EQ(range->source, nullptr);
   EXPECT_EQ(range->source_length, 0u);
-  EXPECT_EQ(range->next->next->sublist->source, nullptr);
+  EXPECT_EQ(SublistOf(range->next->next)->source, nullptr);
   EXPECT_EQ(Print(range), "(1:*5:range(2:ge1:0))");
   EngineNode* bad = nullptr;
   EXPECT_EQ(ParseTemplate(engine_, &bad, "(1:*"), SPKI_ERR_SEXP_NOT_CLOSED);

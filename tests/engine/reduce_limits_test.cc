@@ -87,17 +87,17 @@ class Inputs {
   void Snapshot(const EngineNode* chain) {
     for (const EngineNode* node = chain; node != nullptr; node = node->next) {
       counts_[node] = node->ref_count;
-      if (node->atom != nullptr) counts_[node->atom] = node->atom->ref_count;
-      Snapshot(node->sublist);
+      if (AtomOf(node) != nullptr) counts_[AtomOf(node)] = AtomOf(node)->ref_count;
+      Snapshot(SublistOf(node));
     }
   }
   void ExpectCounts(const EngineNode* chain) {
     for (const EngineNode* node = chain; node != nullptr; node = node->next) {
       EXPECT_EQ(node->ref_count, counts_.at(node));
-      if (node->atom != nullptr) {
-        EXPECT_EQ(node->atom->ref_count, counts_.at(node->atom));
+      if (AtomOf(node) != nullptr) {
+        EXPECT_EQ(AtomOf(node)->ref_count, counts_.at(AtomOf(node)));
       }
-      ExpectCounts(node->sublist);
+      ExpectCounts(SublistOf(node));
     }
   }
 

@@ -187,7 +187,7 @@ TEST_F(StoreTest, FreedRecordsAreReusedLastFirstAndZeroed) {
   ASSERT_NE(first, nullptr);
   ASSERT_NE(second, nullptr);
   first->kind = kNodeKeywordHead;
-  first->keyword = 119;
+  first->value.keyword = 119;
   first->source_length = 77;
   second->kind = kNodeKeywordHead;
   ReleaseNode(engine_, first);
@@ -201,7 +201,7 @@ TEST_F(StoreTest, FreedRecordsAreReusedLastFirstAndZeroed) {
   EXPECT_EQ(then->free_link, nullptr);
   EXPECT_EQ(then->ref_count, 1);
   EXPECT_EQ(then->kind, kNodeFree);
-  EXPECT_EQ(then->keyword, 0);
+  EXPECT_EQ(then->value.sublist, nullptr);  // the whole value, whatever the kind was
   EXPECT_EQ(then->source_length, 0u);
   EXPECT_EQ(then->next, nullptr);
   EXPECT_EQ(engine_.nodes().free_count(), 0u);
@@ -266,7 +266,7 @@ TEST_F(StoreTest, AssignTakesAndDropsCounts) {
   ReleaseNode(engine_, tail);
   ReleaseNode(engine_, a);
   EXPECT_EQ(tail->ref_count, 1);
-  EXPECT_EQ(tail->keyword, 106);
+  EXPECT_EQ(KeywordOf(tail), 106);
   ReleaseNode(engine_, b);
   EXPECT_EQ(engine_.nodes().free_count(), 3u);
 }
@@ -302,12 +302,12 @@ TEST_F(StoreTest, CopyElementSharesTheValueOnly) {
   sub->next = NewKeywordHead(engine_, 1);
   EngineNode* copy = CopyElement(engine_, sub);
   EXPECT_EQ(copy->kind, kNodeSublist);
-  EXPECT_EQ(copy->sublist, sub->sublist);
+  EXPECT_EQ(SublistOf(copy), SublistOf(sub));
   EXPECT_EQ(copy->next, nullptr);
   EXPECT_EQ(list->ref_count, 2);
   EngineNode* head_copy = CopyElement(engine_, list);
   EXPECT_EQ(head_copy->source, nullptr);  // a copy joins another chain: no source text
-  EXPECT_EQ(head_copy->atom, list->atom);
+  EXPECT_EQ(AtomOf(head_copy), AtomOf(list));
   ReleaseNode(engine_, head_copy);
   ReleaseNode(engine_, copy);
   ReleaseNode(engine_, sub);

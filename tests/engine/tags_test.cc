@@ -375,7 +375,7 @@ TEST_F(TagsTest, RangesInEveryOrdering) {
   for (const Case& c : kCases) {
     bool inside = !c.inside;
     EngineNode* value = Element(c.value);
-    ASSERT_EQ(IsInRange(engine_, value->atom, Element(c.range), &inside), SPKI_OK);
+    ASSERT_EQ(IsInRange(engine_, AtomOf(value), Element(c.range), &inside), SPKI_OK);
     EXPECT_EQ(inside, c.inside) << c.value << " in " << c.range;
     EXPECT_EQ(CompareElementTexts(c.value, c.range), c.inside ? kTagNarrower : kTagDisjoint)
         << c.value << " vs " << c.range;
@@ -431,7 +431,7 @@ TEST_F(TagsTest, RangeAgainstRange) {
 }
 
 TEST_F(TagsTest, RangeBoundsRecord) {
-  auto atom = [&](const char* text) { return Element(text)->atom; };
+  auto atom = [&](const char* text) { return AtomOf(Element(text)); };
   RangeBounds bounds{};
   ClearRangeBounds(engine_, &bounds);
   EXPECT_EQ(bounds.ordering, -1);
