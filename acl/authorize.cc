@@ -24,12 +24,10 @@ Result FromEngine(int32_t status) {
 // runs under its own Guard.
 Result WriteForEngine(const SexpList* object, std::string* text) {
   if (object == nullptr || text == nullptr) return VELK2_ERR_PARAM_NULL;
-  CBuffer<uint8_t> buffer;
-  uint32_t size = 0;
-  Result result = ToCanonicalBuffer(object, &buffer, &size);
-  if (result != VELK2_SUCCESS) return result;
-  text->assign(reinterpret_cast<const char*>(buffer.get()), size);
-  return VELK2_SUCCESS;
+  text->clear();
+  Result result = AppendCanonical(object, text);
+  if (result != VELK2_SUCCESS) text->clear();
+  return result;
 }
 
 bool Granted(const SexpList* requested_tag, const SexpList* granted_tag) {

@@ -344,6 +344,12 @@ bool SameCanonicalForm(const SexpObject* a, const SexpObject* b);
 // exactly CanonicalLength() bytes (not NUL-terminated). *buffer_out must be
 // null on entry (else 2); 38 for null arguments; 29 when nested too deep.
 Result ToCanonicalBuffer(const SexpList* list, CBuffer<uint8_t>* buffer_out, uint32_t* size_out);
+// AppendCanonical appends the same bytes to |*text| in one walk over the
+// tree, for a caller that wants them in a string: a big ACL is hundreds of
+// thousands of objects, and each walk over them waits for memory. 38 for
+// null arguments; 29 when nested too deep or when the form would reach
+// UINT32_MAX bytes, with part of it appended. Throws std::bad_alloc.
+Result AppendCanonical(const SexpList* list, std::string* text);
 // StoredForm: the stored form of |object|, the bytes WriteToFile writes (hint
 // markers included). Empty when it cannot be written (nested too deep, no
 // memory): every object's stored form has at least two bytes.

@@ -64,7 +64,33 @@ uint32_t SaturatingAdd(uint32_t a, uint32_t b) {
   return a > UINT32_MAX - b ? UINT32_MAX : a + b;
 }
 
+Result AppendCanonicalAt(const SexpObject& object, std::string* text) {
+  if (!object.IsList()) {
+    const SexpAtom& atom = *object.AsAtom();
+    char header[16];
+    text->append(header, FormatHeader(atom.length(), header));
+    if (atom.length() != 0) text->append(reinterpret_cast<const char*>(atom.data()), atom.length());
+    return VELK2_SUCCESS;
+  }
+  NestingScope scope;
+  if (!scope.allowed()) return kTooDeep;
+  text->push_back('(');
+  for (const Ref<SexpObject>& child : object.AsList()->children()) {
+    Result result = AppendCanonicalAt(*child, text);
+    if (result != VELK2_SUCCESS) return result;
+  }
+  text->push_back(')');
+  // ToCanonicalBuffer's length is 32 bits, UINT32_MAX meaning "cannot".
+  if (text->size() >= UINT32_MAX) return kTooDeep;
+  return VELK2_SUCCESS;
+}
+
 }  // namespace
+
+Result AppendCanonical(const SexpList* list, std::string* text) {
+  if (list == nullptr || text == nullptr) return VELK2_ERR_PARAM_NULL;
+  return AppendCanonicalAt(*list, text);
+}
 
 // ---- Atoms ---------------------------------------------------------------------
 

@@ -252,6 +252,27 @@ TEST(SexpWholeWriters, ToCanonicalBuffer) {
   EXPECT_EQ(std::string(reinterpret_cast<char*>(empty_buffer.get()), size), "()");
 }
 
+// AppendCanonical gives ToCanonicalBuffer's bytes, after what the string
+// already held.
+TEST(SexpWholeWriters, AppendCanonicalWritesWhatTheBufferHolds) {
+  for (const std::string& text :
+       {std::string("(4:cert(6:issuer(4:hash))0:([bin]2:\x01\x02))"), std::string("()"),
+        std::string("(3:acl(5:entry(7:subject(10:public-key(3:rsa(1:e1:\x03))))(9:propagate)))"),
+        std::string("([utf-8]5:caf\xc3\xa9[num]1:\x07(((()))))")}) {
+    Ref<SexpList> list = ParseList(text);
+    ASSERT_TRUE(list) << text;
+    CBuffer<uint8_t> buffer;
+    uint32_t size = 0;
+    ASSERT_EQ(ToCanonicalBuffer(list.get(), &buffer, &size), VELK2_SUCCESS);
+    std::string appended = "kept";
+    ASSERT_EQ(AppendCanonical(list.get(), &appended), VELK2_SUCCESS);
+    EXPECT_EQ(appended, "kept" + std::string(reinterpret_cast<char*>(buffer.get()), size));
+  }
+  std::string text;
+  EXPECT_EQ(AppendCanonical(nullptr, &text), VELK2_ERR_PARAM_NULL);
+  EXPECT_EQ(AppendCanonical(ParseList("(1:a)").get(), nullptr), VELK2_ERR_PARAM_NULL);
+}
+
 TEST(SexpWholeWriters, ToAdvancedTextCutsTheKeyword) {
   Ref<SexpList> hash = ParseList("(4:hash4:sha11:X)");
   Ref<SexpList> only = ParseList("(4:hash)");

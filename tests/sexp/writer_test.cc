@@ -164,12 +164,17 @@ TEST(SexpWriter, RefusesNestingPastTheLimit) {
   CBuffer<uint8_t> buffer;
   uint32_t size = 0;
   EXPECT_EQ(ToCanonicalBuffer(fits.get(), &buffer, &size), VELK2_SUCCESS);
+  std::string appended;
+  EXPECT_EQ(AppendCanonical(fits.get(), &appended), VELK2_SUCCESS);
+  EXPECT_EQ(appended.size(), 2 * kMaxWriteDepth);
 
   Ref<SexpList> deep = NestedChain(kMaxWriteDepth + 1);
   EXPECT_EQ(deep->CanonicalLength(), UINT32_MAX);
   EXPECT_EQ(deep->AdvancedLength(), UINT32_MAX);
   CBuffer<uint8_t> refused;
   EXPECT_EQ(ToCanonicalBuffer(deep.get(), &refused, &size), VELK2_ERR_INVALID_S_EXPRESSION);
+  appended.clear();
+  EXPECT_EQ(AppendCanonical(deep.get(), &appended), VELK2_ERR_INVALID_S_EXPRESSION);
   EXPECT_EQ(refused, nullptr);
   EXPECT_EQ(ToAdvancedText(deep.get(), nullptr), nullptr);
   std::vector<uint8_t> bytes(4 * kMaxWriteDepth);
