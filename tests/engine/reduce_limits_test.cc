@@ -338,16 +338,21 @@ TEST(ReduceLimits, SubjectsAmongKeysTheWalkSkipsAreTheirOwn) {
   for (int i = 0; i < kEntries; ++i) {
     std::string comment = "(7:comment";
     for (int j = 0; j < 5; ++j) {
-      comment += Key("C" + std::to_string(i) + "." + std::to_string(j));
+      comment +=
+          Key(std::string("C").append(std::to_string(i)).append(".").append(std::to_string(j)));
     }
-    acl += "(5:entry" + comment + ")(7:subject" + Key("K" + std::to_string(i)) + ")" + kFtp + ")";
+    acl.append("(5:entry").append(comment).append(")(7:subject");
+    acl.append(Key(std::string("K").append(std::to_string(i))))
+        .append(")")
+        .append(kFtp)
+        .append(")");
   }
   acl += ")";
   // Without a key every entry is a result, newest first, each printed with
   // the key its principal holds.
   std::string every = "(3:acl";
   for (int i = kEntries - 1; i >= 0; --i) {
-    every += ResultEntry(Key("K" + std::to_string(i)), false, kFtp);
+    every += ResultEntry(Key(std::string("K").append(std::to_string(i))), false, kFtp);
   }
   every += ")";
   Inputs inputs(DefaultAllocator(), acl, "(8:sequence)", "");
@@ -357,7 +362,7 @@ TEST(ReduceLimits, SubjectsAmongKeysTheWalkSkipsAreTheirOwn) {
   // The query registers the keys it noted while parsing.
   ReduceOptions options;
   for (int i : {0, 1, 63, 64, 200, kEntries - 1}) {
-    const std::string key = Key("K" + std::to_string(i));
+    const std::string key = Key(std::string("K").append(std::to_string(i)));
     ASSERT_EQ(RunQuery(acl, "(8:sequence)", key, options, &result), SPKI_OK) << i;
     EXPECT_EQ(result, Result({ResultEntry(key, false, kFtp)})) << i;
   }
