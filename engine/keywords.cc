@@ -293,22 +293,14 @@ constexpr size_t LongestWord() {
 }
 static_assert(LongestWord() == kLongestRecognised, "kLongestRecognised is not the longest word");
 
-// Little-endian loads of 8 and 4 bytes, whatever the machine's order.
-uint64_t Load64(const uint8_t* bytes) {
-  uint64_t value = 0;
+// A little-endian load of a Word (8 or 4 bytes), whatever the machine's order.
+template <typename Word>
+uint64_t LoadLittle(const uint8_t* bytes) {
+  Word value = 0;
   if constexpr (std::endian::native == std::endian::little) {
     std::memcpy(&value, bytes, sizeof value);
   } else {
-    for (size_t i = 0; i < 8; ++i) value |= uint64_t{bytes[i]} << (8 * i);
-  }
-  return value;
-}
-uint64_t Load32(const uint8_t* bytes) {
-  uint32_t value = 0;
-  if constexpr (std::endian::native == std::endian::little) {
-    std::memcpy(&value, bytes, sizeof value);
-  } else {
-    for (size_t i = 0; i < 4; ++i) value |= uint32_t{bytes[i]} << (8 * i);
+    for (size_t i = 0; i < sizeof value; ++i) value |= Word{bytes[i]} << (8 * i);
   }
   return value;
 }
@@ -317,11 +309,14 @@ uint64_t Load32(const uint8_t* bytes) {
 // past the word: two loads that overlap in the middle give the same bytes.
 Packed PackBytes(const uint8_t* bytes, size_t word) {
   if (word >= 8) {
-    const uint64_t tail = word == 8 ? 0 : Load64(bytes + word - 8) >> (8 * (16 - word));
-    return {Load64(bytes), tail};
+    const uint64_t tail =
+        word == 8 ? 0 : LoadLittle<uint64_t>(bytes + word - 8) >> (8 * (16 - word));
+    return {LoadLittle<uint64_t>(bytes), tail};
   }
   if (word >= 4) {
-    return {Load32(bytes) | Load32(bytes + word - 4) << (8 * (word - 4)), 0};
+    return {LoadLittle<uint32_t>(bytes) | LoadLittle<uint32_t>(bytes + word - 4)
+                                              << (8 * (word - 4)),
+            0};
   }
   uint64_t low = bytes[0];
   if (word >= 2) low |= uint64_t{bytes[1]} << 8;

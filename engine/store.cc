@@ -85,17 +85,6 @@ void ReleaseNode(EngineContext& engine, EngineNode* node) {
   }
 }
 
-void AssignNode(EngineContext& engine, EngineNode** slot, EngineNode* node) {
-  if (slot == nullptr) {
-    ReleaseNode(engine, node);
-    return;
-  }
-  if (node != nullptr) ++node->ref_count;
-  EngineNode* old = *slot;
-  *slot = node;
-  ReleaseNode(engine, old);
-}
-
 EngineNode* NewKeywordHead(EngineContext& engine, int32_t keyword) {
   EngineNode* node = NewNode(engine);
   if (node == nullptr) return nullptr;

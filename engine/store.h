@@ -220,18 +220,33 @@ inline void ReleaseAtom(EngineContext& engine, EngineAtom* atom) {
   if (atom != nullptr && --atom->ref_count < 1) engine.atoms().Give(atom);
 }
 
-// AssignNode takes a count of |node| (if any), releases what |*slot| held and
-// stores |node| there. With a null |slot| it only releases |node|.
-void AssignNode(EngineContext& engine, EngineNode** slot, EngineNode* node);
-inline void AssignAtom(EngineContext& engine, EngineAtom** slot, EngineAtom* atom) {
+// DropRecord releases one count of a record through the owner of its pool.
+inline void DropRecord(EngineContext& engine, EngineNode* node) {
+  ReleaseNode(engine, node);
+}
+inline void DropRecord(EngineContext& engine, EngineAtom* atom) {
+  ReleaseAtom(engine, atom);
+}
+
+// AssignCounted takes a count of |record| (if any), releases what |*slot|
+// held and stores |record| there. With a null |slot| it only releases
+// |record|. AssignNode and AssignAtom are its two uses.
+template <typename T>
+void AssignCounted(EngineContext& engine, T** slot, T* record) {
   if (slot == nullptr) {
-    ReleaseAtom(engine, atom);
+    DropRecord(engine, record);
     return;
   }
-  if (atom != nullptr) ++atom->ref_count;
-  EngineAtom* old = *slot;
-  *slot = atom;
-  ReleaseAtom(engine, old);
+  if (record != nullptr) ++record->ref_count;
+  T* old = *slot;
+  *slot = record;
+  DropRecord(engine, old);
+}
+inline void AssignNode(EngineContext& engine, EngineNode** slot, EngineNode* node) {
+  AssignCounted(engine, slot, node);
+}
+inline void AssignAtom(EngineContext& engine, EngineAtom** slot, EngineAtom* atom) {
+  AssignCounted(engine, slot, atom);
 }
 
 // Node makers. Each returns a new node with a count of 1 (null when out of
@@ -258,14 +273,6 @@ EngineAtom* NewKeywordAtom(EngineContext& engine, int32_t keyword);
 
 // ChainLength returns the number of nodes in the chain that starts at |chain|.
 size_t ChainLength(const EngineNode* chain);
-
-// DropRecord releases one count of a record through the owner of its pool.
-inline void DropRecord(EngineContext& engine, EngineNode* node) {
-  ReleaseNode(engine, node);
-}
-inline void DropRecord(EngineContext& engine, EngineAtom* atom) {
-  ReleaseAtom(engine, atom);
-}
 
 // PoolRef<T, Owner>: the one scoped count of a pool record, released through
 // its owner when it goes out of scope: engine nodes and atoms (owner: the
