@@ -43,28 +43,14 @@ Status ReadAtom(ByteCursor* cursor, AtomSpan* span) {
   return SPKI_OK;
 }
 
-// An atom with a display hint is never a keyword.
-int32_t KeywordOfSpan(const AtomSpan& span) {
-  return span.hint_length != 0 ? kKeywordNone : KeywordId(span.bytes, span.length);
+EngineAtom* NewAtomOf(EngineContext& engine, const AtomSpan& span) {
+  return NewAtomOver(engine, span.bytes, span.length, span.hint, span.hint_length);
 }
 
-EngineAtom* NewAtomOf(EngineContext& engine, const AtomSpan& span, int32_t keyword) {
-  EngineAtom* atom = NewAtom(engine);
-  if (atom == nullptr) return nullptr;
-  atom->bytes = span.bytes;
-  atom->length = span.length;
-  if (span.hint_length != 0) {
-    atom->hint = span.hint;
-    atom->hint_length = span.hint_length;
-  }
-  atom->keyword_id = keyword;
-  return atom;
-}
-
-// A new element node of |kind| that takes over the count |value| holds
+// A new element node that takes over the count |sublist| or |atom| holds
 // (NewSublistElement and NewAtomElement take a count of their own, which the
-// parser would only give back at once). Null when out of memory; |value|
-// then keeps its count.
+// parser would only give back at once). Null when out of memory; the
+// reference then keeps its count.
 EngineNode* AdoptInto(EngineContext& engine, NodeRef& sublist) {
   EngineNode* node = NewNode(engine);
   if (node == nullptr) return nullptr;
@@ -99,16 +85,18 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, 
   Status status = ReadAtom(cursor, &first);
   if (status != SPKI_OK) return status;
   NodeRef head(engine);
-  if (const int32_t keyword = KeywordOfSpan(first); keyword > 0) {
+  // An atom with a display hint is never a keyword.
+  const int32_t keyword =
+      first.hint_length != 0 ? kKeywordNone : KeywordId(first.bytes, first.length);
+  if (keyword > 0) {
     head.reset(NewKeywordHead(engine, keyword));
   } else {
-    AtomRef atom(engine, NewAtomOf(engine, first, keyword));
+    AtomRef atom(engine, NewAtomOf(engine, first));
     head.reset(NewAtomHead(engine, atom.get()));
   }
   if (!head) return SPKI_ERR_NO_MEM;
   head->source = open;
-  if (keys != nullptr && head->kind == kNodeKeywordHead &&
-      KeywordOf(head.get()) == kKeywordPublicKey) {
+  if (keys != nullptr && keyword == kKeywordPublicKey) {
     try {
       keys->push_back(head.get());
     } catch (const std::bad_alloc&) {
@@ -130,7 +118,7 @@ Status ParseListAt(EngineContext& engine, EngineNode** out, ByteCursor* cursor, 
       AtomSpan span;
       status = ReadAtom(cursor, &span);
       if (status != SPKI_OK) return status;
-      AtomRef atom(engine, NewAtomOf(engine, span, KeywordOfSpan(span)));
+      AtomRef atom(engine, NewAtomOf(engine, span));
       if (!atom) return SPKI_ERR_NO_MEM;
       element.reset(AdoptInto(engine, atom));
     } else if (byte == ')') {
@@ -186,7 +174,7 @@ Status ParseAtom(EngineContext& engine, EngineAtom** out, ByteCursor* cursor) {
   AtomSpan span;
   Status status = ReadAtom(cursor, &span);
   if (status != SPKI_OK) return status;
-  *out = NewAtomOf(engine, span, KeywordOfSpan(span));
+  *out = NewAtomOf(engine, span);
   return *out != nullptr ? SPKI_OK : SPKI_ERR_NO_MEM;
 }
 

@@ -121,10 +121,13 @@ inline EngineNode* Unwrap(EngineNode* node) {
 
 // The head of the list an element holds when that head is a keyword.
 inline EngineNode* KeywordListOf(const EngineNode* element) {
-  if (element == nullptr || element->kind != kNodeSublist || SublistOf(element) == nullptr) {
-    return nullptr;
-  }
-  return SublistOf(element)->kind == kNodeKeywordHead ? SublistOf(element) : nullptr;
+  EngineNode* head = element != nullptr ? SublistOf(element) : nullptr;
+  return head != nullptr && head->kind == kNodeKeywordHead ? head : nullptr;
+}
+
+// Whether |head| is the head of a list whose keyword is |keyword| (above 0).
+inline bool IsKeywordList(const EngineNode* head, int32_t keyword) {
+  return head != nullptr && KeywordOf(head) == keyword;
 }
 
 inline bool SameBytes(const EngineAtom* a, const EngineAtom* b) {

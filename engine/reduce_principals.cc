@@ -131,10 +131,6 @@ Status DigestList(uint32_t context, uint32_t algorithm, const EngineNode* node, 
   return status;
 }
 
-bool IsKeywordList(const EngineNode* head, int32_t keyword) {
-  return head != nullptr && head->kind == kNodeKeywordHead && KeywordOf(head) == keyword;
-}
-
 bool AtomIs(const EngineAtom* atom, const char* text) {
   size_t length = std::strlen(text);
   return atom->hint_length == 0 && atom->length == length &&
@@ -154,8 +150,6 @@ std::string DigestHex(const uint8_t digest[kPrincipalDigestSize]) {
 }
 
 namespace reduce {
-
-namespace {}  // namespace
 
 Status Reducer::RegisterKeys(const EngineNode* list, int depth) {
   if (list == nullptr) return SPKI_OK;

@@ -29,10 +29,6 @@ int32_t OneByteValue(const EngineNode* node) {
   return AtomOf(node)->bytes[0];
 }
 
-bool IsKeywordList(const EngineNode* head, int32_t keyword) {
-  return head != nullptr && head->kind == kNodeKeywordHead && KeywordOf(head) == keyword;
-}
-
 // The member tuples of one block, released unless handed on.
 class Members {
  public:
