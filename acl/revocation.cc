@@ -47,6 +47,42 @@ bool EnsureVerified(const SexpList* acl, RevocationList* list) {
   return list->verified() || VerifyRevocationList(acl, list) == VELK2_SUCCESS;
 }
 
+std::string DateString(const SexpAtom* date) {
+  return date != nullptr ? std::string(date->bytes()) : std::string();
+}
+
+// Whether |incoming| may replace |stored|, the list of its scope in the store.
+// A list never replaces one issued later (its not-before is its issue time),
+// nor another issued at the same time: departing from the designed rule,
+// which looks only at not-after dates, because an attacker who kept an old
+// list could otherwise import it again over the list that revokes them.
+// Only a later issue time goes on to the designed rule: a list whose period
+// has begun replaces a stored list whose period has not begun, or one that
+// ends no later than it does.
+ImportOutcome CompareWithStored(const RevocationList& incoming, const RevocationList& stored,
+                                const SexpAtom* now) {
+  const Certificate* in = incoming.certificate();
+  const Certificate* kept = stored.certificate();
+  const SexpAtom* issued = in->not_before();
+  const SexpAtom* stored_issued = kept->not_before();
+  // A list that names no issue time is issued before every list that names one.
+  if (stored_issued != nullptr && (issued == nullptr || DateBefore(issued, stored_issued))) {
+    return ImportOutcome::kOlderThanStored;
+  }
+  const bool same_time =
+      (issued == nullptr && stored_issued == nullptr) ||
+      (issued != nullptr && stored_issued != nullptr && DateNotAfter(issued, stored_issued) &&
+       DateNotBefore(issued, stored_issued));
+  if (same_time) {
+    return StoredForm(incoming) == StoredForm(stored) ? ImportOutcome::kAlreadyStored
+                                                      : ImportOutcome::kSameIssueTime;
+  }
+  if (!DateAfter(stored_issued, now) && !DateNotBefore(in->not_after(), kept->not_after())) {
+    return ImportOutcome::kStoredIsNewer;
+  }
+  return ImportOutcome::kImported;
+}
+
 }  // namespace
 
 Result RevocationScopeOf(const SexpList& revocation, Ref<SexpList>* out) {
@@ -192,6 +228,28 @@ Result CheckCertificate(const RevocationQuery& query, const Certificate& certifi
   return result;
 }
 
+Result CheckSequence(const RevocationQuery& query, const CertificateSequence& sequence,
+                     std::vector<RevocationFinding>* findings) {
+  if (findings != nullptr) findings->assign(sequence.entry_count(), RevocationFinding{});
+  for (size_t i = 0; i < sequence.entry_count(); ++i) {
+    const Certificate& checked = *sequence.entry(i).certificate;
+    RevocationHit hit;
+    const Result code = CheckCertificate(query, checked, &hit);
+    if (code == VELK2_ERR_MEM_ALLOC) return code;
+    if (findings == nullptr) continue;
+    RevocationFinding& finding = (*findings)[i];
+    finding.state = checked.revocation_state();
+    finding.code = code;
+    if (hit.list != nullptr) {
+      if (hit.list->file_path() != nullptr) finding.list_path = hit.list->file_path();
+      CBuffer<char> scope = ToAdvancedText(hit.list->certificate()->tag(), "tag");
+      if (scope != nullptr) finding.list_scope = scope.get();
+    }
+    if (hit.item.date != nullptr) finding.revoked_on = std::string(hit.item.date->bytes());
+  }
+  return VELK2_SUCCESS;
+}
+
 RevocationCheck MakeRevocationCheck(Velk2Context* context, Ref<SexpAtom> start, Ref<SexpAtom> end,
                                     std::vector<RevocationFinding>* findings) {
   return [context, start, end, findings](const SexpList& acl, const CertificateSequence& sequence,
@@ -200,21 +258,9 @@ RevocationCheck MakeRevocationCheck(Velk2Context* context, Ref<SexpAtom> start, 
     Result result = LoadRevocationLists(&acl, context, &lists);
     if (result != VELK2_SUCCESS) return result;
     const RevocationQuery query{&acl, &lists, nullptr, start.get(), end.get()};
-    if (findings != nullptr) findings->assign(sequence.entry_count(), RevocationFinding{});
     // Every certificate is checked before any verdict, as each one's state is.
-    for (size_t i = 0; i < sequence.entry_count(); ++i) {
-      const Certificate& checked = *sequence.entry(i).certificate;
-      RevocationHit hit;
-      const Result code = CheckCertificate(query, checked, &hit);
-      if (findings == nullptr) continue;
-      RevocationFinding& finding = (*findings)[i];
-      finding.state = checked.revocation_state();
-      finding.code = code;
-      if (hit.list != nullptr && hit.list->file_path() != nullptr) {
-        finding.list_path = hit.list->file_path();
-      }
-      if (hit.item.date != nullptr) finding.revoked_on = std::string(hit.item.date->bytes());
-    }
+    result = CheckSequence(query, sequence, findings);
+    if (result != VELK2_SUCCESS) return result;
     for (size_t i = 0; i < sequence.entry_count(); ++i) {
       const RevocationState state = sequence.entry(i).certificate->revocation_state();
       if (state == kNotRevoked) continue;
@@ -258,7 +304,7 @@ Result ImportRevocationLists(const char16_t* directory, Velk2Context* context,
       Ref<RevocationList> list;
       const Result result = ReadRevocationListFile(&list, path, context);
       if (records != nullptr && result != VELK2_SUCCESS) {
-        records->push_back({path, {}, ImportOutcome::kUnreadable, result});
+        records->push_back({path, {}, ImportOutcome::kUnreadable, result, {}, {}});
       }
       if (result == VELK2_SUCCESS) read.emplace_back(path, std::move(list));
     }
@@ -268,24 +314,31 @@ Result ImportRevocationLists(const char16_t* directory, Velk2Context* context,
   Ref<SexpAtom> now = SexpAtom::New(context);
   Result result = WriteDate(now.get(), CurrentTime());
   if (result != VELK2_SUCCESS) return result == kDateUnrepresentable ? VELK2_FAILURE : result;
+  // Each stored list is read, compared and replaced under the store's lock,
+  // so two imports at once end as if one ran after the other.
+  FileLock lock;
+  const Result locked = LockGlobalStore(&lock);
   for (auto& [source, list] : read) {
-    ImportRecord record{source, {}, ImportOutcome::kImported, VELK2_SUCCESS};
+    ImportRecord record{source, {}, ImportOutcome::kImported, VELK2_SUCCESS, {}, {}};
     const Certificate* incoming = list->certificate();
     if (StorePathOf(incoming->tag(), &record.store_path) != VELK2_SUCCESS) {
       record.outcome = ImportOutcome::kNoStoreName;
     } else if (DateAfter(incoming->not_before(), now.get())) {
       record.outcome = ImportOutcome::kNotYetValid;
-    } else if (Ref<RevocationList> stored = ReadIfPresent(record.store_path, context);
-               stored != nullptr && !DateAfter(stored->certificate()->not_before(), now.get()) &&
-               !DateNotBefore(incoming->not_after(), stored->certificate()->not_after())) {
-      record.outcome = ImportOutcome::kStoredIsNewer;
-    } else if (!list->verified() &&
-               (record.code = VerifyRevocationList(acl.get(), list.get())) != VELK2_SUCCESS) {
+    } else if (Ref<RevocationList> stored = ReadIfPresent(record.store_path, context)) {
+      record.outcome = CompareWithStored(*list, *stored, now.get());
+      record.issued = DateString(incoming->not_before());
+      record.stored_issued = DateString(stored->certificate()->not_before());
+    }
+    if (record.outcome == ImportOutcome::kImported && !list->verified() &&
+        (record.code = VerifyRevocationList(acl.get(), list.get())) != VELK2_SUCCESS) {
       record.outcome = ImportOutcome::kUnverified;
-    } else {
+    }
+    if (record.outcome == ImportOutcome::kImported) {
       CBuffer<char> path(WideToUtf8(record.store_path.c_str(), -1, nullptr));
       const std::string bytes = StoredForm(*list);
-      record.code = path == nullptr || bytes.empty()
+      record.code = locked != VELK2_SUCCESS ? locked
+                    : path == nullptr || bytes.empty()
                         ? VELK2_ERR_MEM_ALLOC
                         : WriteFileAtomically(path.get(), bytes, 0644, true);
       if (record.code != VELK2_SUCCESS) record.outcome = ImportOutcome::kWriteFailed;

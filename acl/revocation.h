@@ -15,6 +15,7 @@
 
 #include "acl/verification.h"
 #include "credentials/certificate.h"
+#include "credentials/certificate_sequence.h"
 #include "credentials/revocation_list.h"
 #include "frame/context.h"
 #include "frame/ref.h"
@@ -86,13 +87,23 @@ Result RevocationScopeOf(const SexpList& revocation, Ref<SexpList>* out);
 Result CheckCertificate(const RevocationQuery& query, const Certificate& certificate,
                         RevocationHit* hit);
 
-// What the revocation stage found about one certificate of a sequence.
+// What the revocation check found about one certificate of a sequence.
 struct RevocationFinding {
   RevocationState state = kNotRevoked;
   Result code = VELK2_SUCCESS;  // the check's code
-  std::u16string list_path;     // the list that revoked it
-  std::string revoked_on;       // the revocation date of its item
+  // The list that revoked it: its file, empty for a list that came with a
+  // manifest, and its scope (the readable text of its tag).
+  std::u16string list_path;
+  std::string list_scope;
+  std::string revoked_on;  // the revocation date of its item
 };
+
+// CheckSequence checks every certificate of |sequence| (CheckCertificate),
+// which sets each one's revocation state; |findings| (optional) receives one
+// finding per certificate. VELK2_ERR_MEM_ALLOC (3) for memory, else 0: what
+// a check found is in the states.
+Result CheckSequence(const RevocationQuery& query, const CertificateSequence& sequence,
+                     std::vector<RevocationFinding>* findings);
 
 // MakeRevocationCheck: the pipeline's revocation stage. It loads the lists
 // that the ACL names, checks every certificate for the period [start, end]
@@ -114,11 +125,14 @@ Result FindStoredRevocationList(const SexpList* tag, Velk2Context* context,
 // What an import did with one list file.
 enum class ImportOutcome {
   kImported,
-  kUnreadable,     // the file does not read as a list
-  kNoStoreName,    // its tag gives no usable file name
-  kNotYetValid,    // its period has not begun
-  kStoredIsNewer,  // the stored list lasts longer
-  kUnverified,     // it does not verify against the ACL
+  kUnreadable,       // the file does not read as a list
+  kNoStoreName,      // its tag gives no usable file name
+  kNotYetValid,      // its period has not begun
+  kOlderThanStored,  // the stored list was issued later (its not-before is later)
+  kSameIssueTime,    // the stored list was issued at the same time and differs
+  kAlreadyStored,    // the stored list is the same list
+  kStoredIsNewer,    // the stored list lasts longer
+  kUnverified,       // it does not verify against the ACL
   kWriteFailed,
 };
 struct ImportRecord {
@@ -126,14 +140,21 @@ struct ImportRecord {
   std::u16string store_path;  // where it is (or would be) stored; may be empty
   ImportOutcome outcome = ImportOutcome::kUnreadable;
   Result code = VELK2_SUCCESS;  // the reader's, verifier's or writer's code
+  // When a stored list was compared: the issue times (not-before dates) of
+  // both, as date texts (empty when a list names none).
+  std::string issued, stored_issued;
 };
 
 // ImportRevocationLists imports the "*.crl" files of |directory| into the
-// store. A list replaces the stored list of its tag when there is none; when
-// its period has begun, it replaces a stored list whose period has not begun
-// or that ends no later than it does; a list whose period has not begun is
-// never imported. Each list must verify against the ACL; it is written whole
-// through a temporary file, so a reader sees the old list or the new one.
+// store. A list replaces the stored list of its tag when there is none. It
+// never replaces a list issued later or at the same time (not-before dates
+// compared), so an old list cannot be replayed over a newer one; issued
+// later, and its period begun, it replaces a stored list whose period has
+// not begun or that ends no later than it does. A list whose period has not
+// begun is never imported. Each list must verify against the ACL; it is
+// written whole through a temporary file, so a reader sees the old list or
+// the new one, and the comparison and replacement happen under the store's
+// lock (LockGlobalStore), so concurrent imports end with the newest list.
 // 0, doing nothing, when the ACL does not load; VELK2_ERR_CRL_NOT_FOUND (73)
 // when no list file reads; else 0 whatever happened to each list.
 // |records| (optional) receives one record per "*.crl" file, in name order.

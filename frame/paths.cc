@@ -126,6 +126,13 @@ std::u16string StoreDirectory(const char16_t* subdirectory, uint32_t location) {
   return BuildPath(RootOf(location), subdirectory);
 }
 
+Result LockGlobalStore(FileLock* lock) {
+  const std::u16string directory = StoreDirectory(u"cert", kStoreGlobal);
+  if (directory.size() + 12 >= kMaxPath) return VELK2_ERR_WRITE_FILE;
+  EnsureDirectory(directory.c_str());
+  return lock->Acquire(Utf16ToUtf8(BuildPath(directory.c_str(), u"store.lock")));
+}
+
 Result StoreFilePath(const char16_t* subdirectory, const char16_t* extension, const char16_t* name,
                      uint32_t location, std::u16string* out) {
   if (name == nullptr || out == nullptr) return VELK2_ERR_INVALID_PARAM;

@@ -70,6 +70,11 @@ std::u16string StoreDirectory(const char16_t* subdirectory, uint32_t location);
 Result StoreFilePath(const char16_t* subdirectory, const char16_t* extension, const char16_t* name,
                      uint32_t location, std::u16string* out);
 
+// LockGlobalStore takes the Global store's lock, the file "store.lock" in its
+// "cert" subdirectory (created when missing): whoever compares a stored file
+// with a new one and replaces it does both under it. The lock's codes.
+Result LockGlobalStore(FileLock* lock);
+
 // DirectoryEnumerator lists the entries of a directory that match a pattern
 // whose "*" components are wildcards (matched without regard to ASCII case),
 // sorted by name with ASCII letters folded, "." and ".." skipped.

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -221,6 +222,37 @@ VELK2_RESULT WriteFileAtomically(const std::string& path, const std::string& byt
   }
   SyncDirectoryOf(path);
   return VELK2_SUCCESS;
+}
+
+VELK2_RESULT FileLock::Acquire(const std::string& path) {
+  if (fd_ >= 0) return VELK2_ERR_INVALID_DATA;
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+  if (fd < 0) return VELK2_ERR_WRITE_FILE;
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    return VELK2_ERR_WRITE_FILE;
+  }
+  int locked;
+  do {
+    locked = ::flock(fd, LOCK_EX);
+  } while (locked != 0 && errno == EINTR);
+  if (locked != 0) {
+    ::close(fd);
+    return VELK2_ERR_WRITE_FILE;
+  }
+  fd_ = fd;
+  return VELK2_SUCCESS;
+}
+
+void FileLock::Release() {
+  if (fd_ < 0) return;
+  ::close(fd_);  // closing the last descriptor releases the lock
+  fd_ = -1;
+}
+
+bool Writable(const std::string& directory) {
+  return ::access(directory.c_str(), W_OK | X_OK) == 0;
 }
 
 }  // namespace velk2

@@ -69,6 +69,33 @@ bool ListDirectory(const char16_t* directory, std::vector<DirectoryEntry>* entri
 VELK2_RESULT WriteFileAtomically(const std::string& path, const std::string& bytes, unsigned mode,
                                  bool overwrite);
 
+// FileLock holds an exclusive lock (flock) on a lock file for as long as it
+// lives; writers that read, compare and replace a file take it around all
+// three, so two of them never interleave. Readers need no lock: files are
+// replaced whole.
+class FileLock {
+ public:
+  FileLock() = default;
+  ~FileLock() { Release(); }
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+  // Acquire opens |path| (created with mode 0600 when missing, so only its
+  // owner can take it; never through a symlink) and waits for the lock.
+  // VELK2_ERR_WRITE_FILE (76) when the file cannot be opened as a regular
+  // file; VELK2_ERR_INVALID_DATA (6) when this lock is already held.
+  VELK2_RESULT Acquire(const std::string& path);
+  void Release();
+  bool held() const { return fd_ >= 0; }
+
+ private:
+  int fd_ = -1;
+};
+
+// Writable: whether this process may create files in |directory| (false on a
+// read-only file system or without write permission).
+bool Writable(const std::string& directory);
+
 }  // namespace velk2
 
 #endif  // VELK2_PLATFORM_FILES_H_

@@ -492,7 +492,7 @@ TEST_F(Store, ImportKeepsTheBestListAndNeverHalfOfOne) {
   EXPECT_EQ(Velk2CrlImportA(incoming.c_str(), reinterpret_cast<Velk2Context*>(&not_a_context)),
             VELK2_ERR_INVALID_PARAM);
 
-  ListSpec older = current;  // ends earlier: the stored list stays
+  ListSpec older = current;  // the same issue time and different: the stored list stays
   older.not_after = kJan2027;
   EXPECT_EQ(offer(older), VELK2_SUCCESS);
   EXPECT_EQ(Read(StoredList()), first);
@@ -503,19 +503,22 @@ TEST_F(Store, ImportKeepsTheBestListAndNeverHalfOfOne) {
   EXPECT_EQ(Read(StoredList()), first);
   ListSpec forged = current;
   forged.issuer = kStranger;
+  forged.not_before = kJun2026;
   forged.not_after = kJan2040;
   EXPECT_EQ(offer(forged), VELK2_SUCCESS);
   EXPECT_EQ(Read(StoredList()), first);
-  ListSpec longer = current;
+  ListSpec longer = current;  // issued later, lasts longer
+  longer.not_before = kJun2026;
   longer.not_after = kJan2040;
   EXPECT_EQ(offer(longer), VELK2_SUCCESS);
   const std::string second = Read(StoredList());
   EXPECT_NE(second, first);
-  // A stored list whose period has not begun gives way to a current one,
-  // even one that ends sooner.
+  // A stored list issued later is never replaced by one issued earlier, even
+  // when its own period has not begun.
   testing::WriteFile(StoredList(), ListFile(future));
+  const std::string waiting = Read(StoredList());
   EXPECT_EQ(offer(older), VELK2_SUCCESS);
-  EXPECT_EQ(Read(StoredList()), Read(incoming + "/new.crl"));
+  EXPECT_EQ(Read(StoredList()), waiting);
 
   // An import that dies while writing leaves the stored list whole and no
   // stray file behind that a reader could take for a list.
@@ -546,6 +549,99 @@ TEST_F(Store, ImportKeepsTheBestListAndNeverHalfOfOne) {
   std::filesystem::remove_all(dir_.Sub("acl"));
   EXPECT_EQ(Velk2ImportCrlsA(incoming.c_str()), VELK2_SUCCESS);
   EXPECT_EQ(Read(StoredList()), second);
+}
+
+// What an import does with a list offered over a stored one: a list never
+// replaces one issued later or at the same time (a replayed list must not win
+// back the store), and only a later issue time reaches the not-after rule.
+TEST_F(Store, ImportNeverReplaysAnOlderList) {
+  const std::string incoming = dir_.Sub("incoming");
+  struct Case {
+    const char* what;
+    int64_t stored_from, stored_to, offered_from, offered_to;
+    ImportOutcome want;
+  };
+  const Case kCases[] = {
+      {"issued earlier, lasting longer", kJun2026, kJan2027, kJan2026, kJan2040,
+       ImportOutcome::kOlderThanStored},
+      {"issued earlier, same end", kJun2026, kJan2030, kJan2026, kJan2030,
+       ImportOutcome::kOlderThanStored},
+      {"issued at the same time, lasting longer", kJan2026, kJan2027, kJan2026, kJan2040,
+       ImportOutcome::kSameIssueTime},
+      {"issued later, lasting longer", kJan2026, kJan2027, kJun2026, kJan2030,
+       ImportOutcome::kImported},
+      {"issued later, same end", kJan2026, kJan2030, kJun2026, kJan2030, ImportOutcome::kImported},
+      {"issued later, ending sooner", kJan2026, kJan2040, kJun2026, kJan2030,
+       ImportOutcome::kStoredIsNewer},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.what);
+    ListSpec stored, offered;
+    stored.not_before = c.stored_from;
+    stored.not_after = c.stored_to;
+    offered.not_before = c.offered_from;
+    offered.not_after = c.offered_to;
+    offered.keys.push_back(Item(*PublicKeyList(kDev), "2026-02-01_00:00:00"));
+    PutList(stored);
+    const std::string before = Read(StoredList());
+    std::filesystem::remove_all(incoming);
+    testing::WriteFile(incoming + "/offered.crl", ListFile(offered));
+    std::vector<ImportRecord> records;
+    ASSERT_EQ(ImportRevocationLists(Utf8ToUtf16(incoming).c_str(), nullptr, &records),
+              VELK2_SUCCESS);
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].outcome, c.want);
+    EXPECT_EQ(records[0].issued, DateText(c.offered_from));
+    EXPECT_EQ(records[0].stored_issued, DateText(c.stored_from));
+    EXPECT_EQ(Read(StoredList()) == before, c.want != ImportOutcome::kImported);
+  }
+  // The very list that is stored is no conflict: it stays, unwritten.
+  const std::string stored = Read(StoredList());
+  std::filesystem::remove_all(incoming);
+  testing::WriteFile(incoming + "/same.crl", stored);
+  std::vector<ImportRecord> records;
+  ASSERT_EQ(ImportRevocationLists(Utf8ToUtf16(incoming).c_str(), nullptr, &records), VELK2_SUCCESS);
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].outcome, ImportOutcome::kAlreadyStored);
+  // The lock file beside the lists is no list: finding still tells "no list
+  // at all" (7) from "no list of that tag" (54).
+  EXPECT_TRUE(std::filesystem::exists(dir_.Sub("cert/store.lock")));
+  Velk2CrlRecord* found = nullptr;
+  EXPECT_EQ(Velk2CrlFindA(&found, "(revoke other)", nullptr), VELK2_ERR_ACL_ENTRY_NOT_FOUND);
+  std::filesystem::remove(StoredList());
+  EXPECT_EQ(Velk2CrlFindA(&found, kScope, nullptr), VELK2_ERR_FILE_OPEN);
+  EXPECT_EQ(found, nullptr);
+}
+
+// Two imports at once, as separate processes, in either order: the store
+// always ends with the newest list, whole.
+TEST_F(Store, ConcurrentImportsEndWithTheNewestList) {
+  ListSpec old_list, new_list;
+  old_list.not_after = kJan2030;
+  new_list.not_before = kJun2026;
+  new_list.not_after = kJan2040;
+  new_list.keys.push_back(Item(*PublicKeyList(kDev), "2026-02-01_00:00:00"));
+  const std::string old_file = ListFile(old_list), new_file = ListFile(new_list);
+  testing::WriteFile(dir_.Sub("old/a.crl"), old_file);
+  testing::WriteFile(dir_.Sub("new/a.crl"), new_file);
+  for (int round = 0; round < 25; ++round) {
+    std::filesystem::remove(StoredList());
+    pid_t children[2];
+    const char* sources[2] = {"old", "new"};
+    for (int i = 0; i < 2; ++i) {
+      const std::string source = dir_.Sub(sources[(i + round) % 2]);
+      children[i] = fork();
+      ASSERT_GE(children[i], 0);
+      if (children[i] == 0) _exit(static_cast<int>(Velk2ImportCrlsA(source.c_str())));
+    }
+    for (pid_t child : children) {
+      int status = 0;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      ASSERT_TRUE(WIFEXITED(status));
+      EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
+    ASSERT_EQ(Read(StoredList()), new_file) << "round " << round;
+  }
 }
 
 TEST(RevocationStoreName, OnlyNamesThatStayInTheStore) {

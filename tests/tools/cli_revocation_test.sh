@@ -49,7 +49,7 @@ has "authorized" out.txt '^authorized: yes$'
 # start it does not.
 check "issue revoking list" 0 "$velk2" crl issue --issuer root.pem --tag '(revoke pkg)' \
   --revoke-cert 'chain.cert#1' --revoked-at 2026-03-01_00:00:00 \
-  --not-before 2026-01-01_00:00:00 --not-after 2031-01-01_00:00:00 --out incoming/a.crl
+  --not-before 2026-02-01_00:00:00 --not-after 2031-01-01_00:00:00 --out incoming/a.crl
 check "show revoked" 0 "$velk2" crl show incoming/a.crl
 has "revoked item" out.txt '^  certificate sha256:[0-9a-f]{64} revoked 2026-03-01_00:00:00$'
 check "import newer" 0 "$velk2" crl import incoming --store store
@@ -61,14 +61,27 @@ json "json stage" 'j["stage"] == "revocation" and j["revoked_on"] == "2026-03-01
 check "before the revocation" 0 "$velk2" cert verify chain.cert --store store --tag '(pkg install)' \
   --not-before 2026-02-01_00:00:00 --not-after 2026-06-01_00:00:00
 
-# An older list never replaces a current one; a list from a stranger is refused.
+# A list issued earlier never replaces the stored one, however long it lasts
+# (a replayed list must not clear a revoked certificate again); one issued
+# later but ending sooner is kept out too; a list from a stranger is refused.
 cp store/cert/'(revoke pkg).crl' kept.crl
 check "issue older" 0 "$velk2" crl issue --issuer root.pem --tag '(revoke pkg)' \
-  --not-before 2026-01-01_00:00:00 --not-after 2027-01-01_00:00:00 --out incoming/a.crl
-check "keep newer" 0 "$velk2" crl import incoming --store store
+  --not-before 2026-01-01_00:00:00 --not-after 2040-01-01_00:00:00 --out incoming/a.crl
+check "refuse older" 1 "$velk2" crl import incoming --store store
+has "refused older" out.txt '^refused incoming/a.crl: older than the stored list store/cert/\(revoke pkg\).crl \(issued 2026-01-01_00:00:00, the stored list 2026-02-01_00:00:00\)$'
+check "issue same time" 0 "$velk2" crl issue --issuer root.pem --tag '(revoke pkg)' \
+  --not-before 2026-02-01_00:00:00 --not-after 2040-01-01_00:00:00 --out incoming/a.crl
+check "refuse same time" 1 "$velk2" crl import incoming --store store
+has "refused same time" out.txt '^refused incoming/a.crl: issued at the same time as the stored list'
+cp kept.crl incoming/a.crl
+check "same list" 0 "$velk2" crl import incoming --store store
+has "same list kept" out.txt '^kept store/cert/\(revoke pkg\).crl: it is the same list as incoming/a.crl$'
+check "issue shorter" 0 "$velk2" crl issue --issuer root.pem --tag '(revoke pkg)' \
+  --not-before 2026-03-01_00:00:00 --not-after 2027-01-01_00:00:00 --out incoming/a.crl
+check "keep longer" 0 "$velk2" crl import incoming --store store
 has "kept" out.txt '^kept store/cert/\(revoke pkg\).crl: it lasts at least as long as incoming/a.crl$'
 check "issue by stranger" 0 "$velk2" crl issue --issuer other.pem --tag '(revoke pkg)' \
-  --not-before 2026-01-01_00:00:00 --not-after 2040-01-01_00:00:00 --out incoming/a.crl
+  --not-before 2026-04-01_00:00:00 --not-after 2040-01-01_00:00:00 --out incoming/a.crl
 check "refuse stranger" 1 "$velk2" crl import incoming --store store
 has "refused" out.txt '^refused incoming/a.crl: it does not verify against the ACL: 54 '
 check "verify stranger" 1 "$velk2" crl verify incoming/a.crl --store store
@@ -77,7 +90,7 @@ cmp -s kept.crl store/cert/'(revoke pkg).crl' || fail "the stored list changed"
 # The subject key revoked: the certificate is revoked whatever the date.
 rm incoming/a.crl
 check "issue key list" 0 "$velk2" crl issue --issuer root.pem --tag '(revoke pkg)' --revoke-key dev.pub \
-  --revoked-at 2027-01-01_00:00:00 --not-before 2026-01-01_00:00:00 --not-after 2032-01-01_00:00:00 \
+  --revoked-at 2027-01-01_00:00:00 --not-before 2026-04-01_00:00:00 --not-after 2032-01-01_00:00:00 \
   --out incoming/b.crl
 check "import key list" 0 "$velk2" crl import incoming --store store
 verify 1 --explain

@@ -144,7 +144,7 @@ TEST(Verdict, EarlierStagesAndUndecided) {
   // Which list revoked which certificate, and when; or why none could clear it.
   s.revocation.resize(2);
   s.revocation[0] = {kCertificateRevoked, VELK2_ERR_CERT_REVOKED, u"/s/cert/(revoke pkg).crl",
-                     "2026-03-01_00:00:00\x1b"};
+                     "(revoke pkg)", "2026-03-01_00:00:00\x1b"};
   EXPECT_EQ(StageFailureText(s),
             "certificate 1 of chain.cert: revoked by /s/cert/(revoke pkg).crl on "
             "2026-03-01_00:00:00\\x1b");
@@ -153,7 +153,7 @@ TEST(Verdict, EarlierStagesAndUndecided) {
   s.revocation[0].state = kSubjectKeyRevoked;
   EXPECT_NE(StageFailureText(s).find("its subject key is revoked by"), std::string::npos);
   s.verdict = {VELK2_ERR_CRL_NOT_FOUND, VerifyStage::kRevocation, 1};
-  s.revocation[1] = {kRevocationUnchecked, VELK2_ERR_NOT_AFTER, u"", ""};
+  s.revocation[1] = {kRevocationUnchecked, VELK2_ERR_NOT_AFTER, u"", "", ""};
   EXPECT_EQ(StageFailureText(s),
             "certificate 2 of chain.cert (owner dev): no verified revocation list speaks for it "
             "(it asks for a list of (revoke pkg)); the latest list ends before the period "

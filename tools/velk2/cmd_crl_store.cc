@@ -24,6 +24,10 @@ std::string Shown(const std::u16string& path) {
   return EscapeForDisplay(Utf16ToUtf8(path));
 }
 
+std::string Issued(const std::string& date) {
+  return date.empty() ? std::string("at no stated time") : EscapeForDisplay(date);
+}
+
 }  // namespace
 
 int RunCrlImport(const Args& args) {
@@ -56,6 +60,21 @@ int RunCrlImport(const Args& args) {
     switch (record.outcome) {
       case ImportOutcome::kImported:
         std::printf("imported %s -> %s\n", from.c_str(), to.c_str());
+        break;
+      case ImportOutcome::kAlreadyStored:
+        std::printf("kept %s: it is the same list as %s\n", to.c_str(), from.c_str());
+        break;
+      case ImportOutcome::kOlderThanStored:
+        refused = true;
+        std::printf("refused %s: older than the stored list %s (issued %s, the stored list %s)\n",
+                    from.c_str(), to.c_str(), Issued(record.issued).c_str(),
+                    Issued(record.stored_issued).c_str());
+        break;
+      case ImportOutcome::kSameIssueTime:
+        refused = true;
+        std::printf(
+            "refused %s: issued at the same time as the stored list %s (%s) but different\n",
+            from.c_str(), to.c_str(), Issued(record.issued).c_str());
         break;
       case ImportOutcome::kStoredIsNewer:
         std::printf("kept %s: it lasts at least as long as %s\n", to.c_str(), from.c_str());
