@@ -270,12 +270,16 @@ VELK2_EXPORT VELK2_RESULT CreateManifestContextA(ManifestContext** out,
                                                  const char* manifest_path, const char* tag);
 /* DeleteManifestContext frees a context and its lists; NULL is ignored. */
 VELK2_EXPORT VELK2_RESULT DeleteManifestContext(ManifestContext* context);
-/* VerifyManifest reads and verifies the manifest (signatures, its own
- * revocation lists, authorization of its signer for the tag under the global
- * ACL and the extra ACL directory, in the period given or at the time of
- * signing; the digest of its body), then compares it with the package
- * directory: 22 when an entry is invalid, 5 when one is missing, 74 when one
- * is extra (0 unless FailOnExtraEntries), else 0. The four lists are refilled. */
+/* VerifyManifest reads and verifies the manifest (signatures; revocation of
+ * every certificate of its chain by the global store's lists that the ACL
+ * names and by the manifest's own lists, a revoked certificate or one that
+ * asks for a list none clears being left out of the chain; authorization of
+ * its signer for the tag under the global ACL and the extra ACL directory, in
+ * the period given or at the time of signing; the digest of its body), then
+ * compares it with the package directory: 22 when an entry is invalid, 5 when
+ * one is missing, 74 when one is extra (0 unless FailOnExtraEntries), else 0.
+ * The four lists are emptied first, so after any failure of the manifest
+ * itself they are empty, and refilled by the comparison. */
 VELK2_EXPORT VELK2_RESULT VerifyManifest(ManifestContext* context, int64_t not_before,
                                          int64_t not_after);
 /* CompareManifest compares the context's manifest with another (their digests
@@ -299,6 +303,22 @@ VELK2_EXPORT VELK2_RESULT SetExtraAclDirectoryA(ManifestContext* context, const 
  * hashing each file itself). The results, their order and the code are the
  * same for any number. */
 VELK2_EXPORT VELK2_RESULT SetHashThreads(ManifestContext* context, uint32_t threads);
+/* SetRollbackProtection (an extension; off by default, as VerifyManifest keeps
+ * no state between calls): with VELK2_ROLLBACK_PROTECT, VerifyManifest refuses
+ * with 34 (VELK2_ERR_TIME_STAMP) a manifest that verifies but whose time of
+ * signing lies more than five minutes ahead of the clock, or before the newest
+ * time of signing verified earlier for the same package (unless
+ * VELK2_ROLLBACK_ALLOW_OLDER is set too); 10 when that package's record exists
+ * but cannot be read. After a VerifyManifest that returns 0 it records the time
+ * of signing, never backwards, in the global store's "rollback" directory,
+ * written whole under the lock "cert/store.lock"; a store this process cannot
+ * write is checked, not written, and that is no error. The same package is the
+ * name that the manifest's signed header records (`velk2 manifest sign
+ * --name`), or, for a manifest without one, the package directory's absolute
+ * path. 0 turns it off; 2 for unknown flags or ALLOW_OLDER alone. */
+#define VELK2_ROLLBACK_PROTECT 1u
+#define VELK2_ROLLBACK_ALLOW_OLDER 2u
+VELK2_EXPORT VELK2_RESULT SetRollbackProtection(ManifestContext* context, uint32_t flags);
 /* GetTimeOfSigning: the manifest's time of signing, 0 before one was read. */
 VELK2_EXPORT int64_t GetTimeOfSigning(ManifestContext* context);
 

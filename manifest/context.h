@@ -29,7 +29,8 @@ struct ManifestContext : velk2::Tagged<velk2::ClassTag::kManifestContext> {
   std::u16string manifest_path;
   velk2::Ref<velk2::SexpList> tag;  // (tag ...)
   bool fail_on_extra = false;
-  uint32_t hash_threads = 1;  // SetHashThreads: files hashed while the walk goes on
+  uint32_t hash_threads = 1;    // SetHashThreads: files hashed while the walk goes on
+  uint32_t rollback_flags = 0;  // SetRollbackProtection: kRollbackProtect, kRollbackAllowOlder
   std::optional<std::u16string> extra_acl_directory;
   // The results: valid, invalid, missing, extra.
   velk2::FileItemList results[4];

@@ -18,9 +18,13 @@
 #include "manifest/context.h"
 #include "manifest/package.h"
 #include "manifest/read.h"
+#include "manifest/rollback.h"
 #include "velk2.h"
 
 using namespace velk2;
+
+static_assert(VELK2_ROLLBACK_PROTECT == kRollbackProtect &&
+              VELK2_ROLLBACK_ALLOW_OLDER == kRollbackAllowOlder);
 
 namespace {
 
@@ -153,6 +157,20 @@ VELK2_EXPORT VELK2_RESULT SetHashThreads(ManifestContext* handle, uint32_t threa
   if (context == nullptr) return VELK2_ERR_INVALID_PARAM;
   if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
   context->hash_threads = std::min<uint32_t>(threads, 64);
+  return VELK2_SUCCESS;
+}
+
+// An extension: the design keeps no state between verifications, and that
+// stays the default.
+VELK2_EXPORT VELK2_RESULT SetRollbackProtection(ManifestContext* handle, uint32_t flags) {
+  if (handle == nullptr) return VELK2_ERR_PARAM_NULL;
+  ManifestContext* context = Checked(handle);
+  if (context == nullptr) return VELK2_ERR_INVALID_PARAM;
+  if ((flags & ~(VELK2_ROLLBACK_PROTECT | VELK2_ROLLBACK_ALLOW_OLDER)) != 0 ||
+      flags == VELK2_ROLLBACK_ALLOW_OLDER) {
+    return VELK2_ERR_INVALID_PARAM;
+  }
+  context->rollback_flags = flags;
   return VELK2_SUCCESS;
 }
 

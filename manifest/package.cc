@@ -5,9 +5,11 @@
 #include <vector>
 
 #include "acl/certificate_store.h"
+#include "credentials/date.h"
 #include "frame/file_item.h"
 #include "frame/paths.h"
 #include "manifest/body.h"
+#include "manifest/rollback.h"
 
 namespace velk2 {
 
@@ -64,11 +66,18 @@ size_t CountFiles(const ManifestDirectory& level) {
 
 Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_after,
                      ManifestReport* report, CompareResults* found) {
+  // The lists are emptied before anything else, departing from the designed
+  // order (read, then empty): a failed verification must never leave a
+  // caller the "valid" entries of an earlier one.
+  for (FileItemList& list : context->results) list.reset();
   ManifestFile file;
   Result result = ReadManifest(context, true, not_before, not_after, &file, report);
   if (result != VELK2_SUCCESS) return result;
   if (report != nullptr) report->verified = true;
-  for (FileItemList& list : context->results) list.reset();
+  RollbackReport local_rollback;
+  RollbackReport* rollback = report != nullptr ? &report->rollback : &local_rollback;
+  result = CheckRollback(*context, CurrentTime(), rollback);
+  if (result != VELK2_SUCCESS) return result;
   const std::vector<std::u16string> ignored =
       IgnoredPaths(*context, context->package_directory.c_str());
   ManifestDirectory root;
@@ -83,7 +92,9 @@ Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_a
   (void)CompareWithDisk(root, &results, context->library_context, options);
   result = CollectResults(results, context);
   if (found != nullptr) *found = std::move(results);
-  return result == VELK2_ERR_EXTRA_FILES && !context->fail_on_extra ? VELK2_SUCCESS : result;
+  if (result == VELK2_ERR_EXTRA_FILES && !context->fail_on_extra) result = VELK2_SUCCESS;
+  if (result == VELK2_SUCCESS) RecordRollback(rollback);
+  return result;
 }
 
 Result ComparePackages(ManifestContext* context, const char16_t* other_path,

@@ -16,10 +16,12 @@ namespace velk2 {
 // The context's result lists, in order.
 enum ResultList { kResultValid, kResultInvalid, kResultMissing, kResultExtra };
 
-// VerifyPackage: ReadManifest verifying (its code when it fails), then the
-// body against the package directory, with the context's ignored entries;
-// the four lists are emptied first and refilled (each in the reverse order
-// of discovery). 22, 5, 74 (0 unless the context fails on extra entries), 0.
+// VerifyPackage: the four lists emptied; ReadManifest verifying (its code
+// when it fails); rollback protection when the context asks for it
+// (CheckRollback's codes); then the body against the package directory,
+// with the context's ignored entries, refilling the lists (each in the
+// reverse order of discovery). 22, 5, 74 (0 unless the context fails on
+// extra entries), 0; after 0, the rollback record is brought up to date.
 Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_after,
                      ManifestReport* report = nullptr, CompareResults* found = nullptr);
 

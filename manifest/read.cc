@@ -112,6 +112,7 @@ class ManifestReader {
       lists_.push_back(std::move(list));
     }
     (void)source_.Expect(")");
+    if (report_ != nullptr) report_->embedded_lists = lists_;
     return VELK2_SUCCESS;
   }
 
@@ -156,24 +157,36 @@ class ManifestReader {
     result = LoadAcl(&acl, library_, extra);
     if (result != VELK2_SUCCESS) return result;
 
-    // Revoked certificates, and those that ask for a list that none of the
-    // manifest's lists clears, leave the chain; the authorization decides.
-    const RevocationQuery query{acl.get(), &lists_, nullptr, start.get(), end.get()};
+    // The lists: those of the store that the ACL names, as for certificate
+    // chains, then the manifest's own. A list counts only when it verifies
+    // against the ACL, and a revoking list wins over every other, so a stale
+    // list shipped with the package cannot outvote a newer one in the store.
+    RevocationLists lists;
+    result = LoadRevocationLists(acl.get(), library_, &lists);
+    if (result != VELK2_SUCCESS) return result;
+    lists.insert(lists.end(), lists_.begin(), lists_.end());
+
+    // Revoked certificates, and those that ask for a list that none clears,
+    // leave the chain; the authorization decides.
+    const RevocationQuery query{acl.get(), &lists, nullptr, start.get(), end.get()};
+    std::vector<RevocationFinding> findings;
+    result = CheckSequence(query, *chain_, &findings);
+    if (result != VELK2_SUCCESS) return result;
     std::vector<const Certificate*> kept;
-    std::vector<bool> dropped;
     for (size_t i = 0; i < chain_->entry_count(); ++i) {
-      const Certificate* certificate = chain_->entry(i).certificate;
-      if (CheckCertificate(query, *certificate, nullptr) == VELK2_ERR_MEM_ALLOC) {
-        return VELK2_ERR_MEM_ALLOC;
-      }
-      const bool drop = certificate->revocation_state() != kNotRevoked;
-      dropped.push_back(drop);
-      if (!drop) kept.push_back(certificate);
+      if (findings[i].state == kNotRevoked) kept.push_back(chain_->entry(i).certificate);
+    }
+    const Certificate* object = chain_->entry(0).certificate;
+    const SexpList* key = object->subject();
+    if (report_ != nullptr) {
+      report_->revocation = std::move(findings);
+      report_->lists_from_store = lists.size() - lists_.size();
+      report_->acl = acl;
+      report_->key = Ref<SexpList>::Share(const_cast<SexpList*>(key));
     }
 
     // The signing sequence: its signer's certificate is taken as allowing
     // delegation, since signing the object certificate is delegating to it.
-    const Certificate* object = chain_->entry(0).certificate;
     Ref<SexpList> sequence;
     result = NewKeywordList(&sequence, "sequence", library_);
     for (size_t i = 0; i < kept.size() && result == VELK2_SUCCESS; ++i) {
@@ -191,12 +204,6 @@ class ManifestReader {
     }
     if (result != VELK2_SUCCESS) return result;
 
-    const SexpList* key = object->subject();
-    if (report_ != nullptr) {
-      report_->dropped = dropped;
-      report_->acl = acl;
-      report_->key = Ref<SexpList>::Share(const_cast<SexpList*>(key));
-    }
     return acl_internal::Authorize(library_, acl.get(), sequence.get(), key, context_->tag.get(),
                                    valid.get(), report_ ? report_->trace : nullptr,
                                    report_ ? report_->reduced_acl : nullptr);

@@ -18,10 +18,12 @@
 #include <string_view>
 #include <vector>
 
+#include "acl/revocation.h"
 #include "credentials/certificate_sequence.h"
 #include "engine/reduce.h"
 #include "frame/result.h"
 #include "manifest/context.h"
+#include "manifest/rollback.h"
 
 namespace velk2 {
 
@@ -45,9 +47,14 @@ struct ManifestFile {
 struct ManifestReport {
   bool verified = false;           // every check of the manifest itself held
   Ref<CertificateSequence> chain;  // the certificates as read, in order
-  std::vector<bool> dropped;       // per certificate: revoked or not cleared, so left out
+  // Per certificate of the chain: what the revocation check found; any
+  // state but kNotRevoked left it out of the signing sequence.
+  std::vector<RevocationFinding> revocation;
+  RevocationLists embedded_lists;  // the manifest's own lists, as read
+  size_t lists_from_store = 0;     // the store's lists that the ACL names, consulted
   Ref<SexpList> acl;               // the ACL asked
   Ref<SexpList> key;               // the manifest's hash principal
+  RollbackReport rollback;         // what rollback protection checked and recorded
   engine::ReductionTrace* trace = nullptr;
   std::string* reduced_acl = nullptr;
   // For a caller that shows progress: the files the manifest lists (set
@@ -69,8 +76,9 @@ struct ManifestReport {
 //  with |verify|:
 //  6. the period: the times given (0 = not given), else the time of signing;
 //  7. the ACL of the Global store and the context's extra directory;
-//  8. certificates that the manifest's lists revoke, or that ask for a list
-//     none clears, are left out of the chain (the authorization decides);
+//  8. certificates that a list revokes, or that ask for a list none
+//     clears, are left out of the chain (the authorization decides); the
+//     lists are the store's that the ACL names and the manifest's own;
 //  9. the signing sequence: the second certificate must name the object
 //     certificate's issuer as its subject (VELK2_ERR_SIGNING_CERT_ORDER (36))
 //     and is used as if it allowed delegation;

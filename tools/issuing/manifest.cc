@@ -7,13 +7,20 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <set>
 #include <utility>
 #include <vector>
 
+#include "acl/acl_entry.h"
+#include "acl/revocation.h"
 #include "credentials/date.h"
 #include "credentials/hash_value.h"
+#include "credentials/revocation_list.h"
+#include "frame/paths.h"
 #include "manifest/context.h"
 #include "manifest/read.h"
+#include "manifest/rollback.h"
+#include "platform/utf.h"
 #include "platform/zcry.h"
 #include "tools/issuing/issuer.h"
 
@@ -112,6 +119,10 @@ Result MakeManifest(const PrivateKey& key, const ManifestRequest& request, std::
     *problem = "the chain's first certificate must be the signing key's own";
     return VELK2_ERR_INVALID_PARAM;
   }
+  if (!request.name.empty() && !ValidPackageName(request.name)) {
+    *problem = "a package name is 1 to 255 bytes of UTF-8 without control characters";
+    return VELK2_ERR_INVALID_PARAM;
+  }
 
   const int package = ::open(request.package.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (package < 0) {
@@ -134,7 +145,12 @@ Result MakeManifest(const PrivateKey& key, const ManifestRequest& request, std::
   // The object certificate names the digest of the header lists and the body.
   const std::string date = DateText(request.time_of_signing);
   if (date.empty()) return VELK2_ERR_INVALID_PARAM;
-  const std::string version = "(7:version1:15:velk2)";
+  // Without a name the second atom stays the plain word older manifests hold.
+  const std::string version =
+      "(7:version1:1" +
+      Atom(request.name.empty() ? std::string("velk2")
+                                : HeaderAttributeText(HeaderAttributes{request.name})) +
+      ")";
   const std::string type = "(4:type5:plain)";
   const std::string signing = "(15:time-of-signing" + Atom(date) + ")";
   Ref<HashValue> digest = HashValue::New();
@@ -165,7 +181,9 @@ Result MakeManifest(const PrivateKey& key, const ManifestRequest& request, std::
     const CertificateEntry entry = request.chain->entry(i);
     out.append(StoredForm(*entry.certificate)).append(StoredForm(*entry.signature));
   }
-  out.append(")(3:crl)").append(body).append(")");
+  out.append(")(3:crl");
+  for (const std::string& list : request.lists) out.append(list);
+  out.append(")").append(body).append(")");
 
   // What the toolkit writes, the library must read.
   ManifestContext check;
@@ -177,6 +195,57 @@ Result MakeManifest(const PrivateKey& key, const ManifestRequest& request, std::
   }
   if (entries != nullptr) *entries = walker.entries();
   *file = std::move(out);
+  return VELK2_SUCCESS;
+}
+
+Result StoreListsForChain(const CertificateSequence& chain, int64_t at,
+                          std::vector<ScopeList>* out) {
+  out->clear();
+  Ref<SexpList> acl;
+  const Result acl_loaded = LoadAcl(&acl, nullptr, nullptr);
+  Ref<SexpAtom> when = SexpAtom::New();
+  Result result = WriteDate(when.get(), at);
+  if (result != VELK2_SUCCESS)
+    return result == kDateUnrepresentable ? VELK2_ERR_INVALID_PARAM : result;
+  std::set<std::string> seen;
+  for (size_t i = 0; i < chain.entry_count(); ++i) {
+    const SexpList* revocation = chain.entry(i).certificate->revocation_spec();
+    if (revocation == nullptr) continue;
+    Ref<SexpList> scope;
+    if ((result = RevocationScopeOf(*revocation, &scope)) != VELK2_SUCCESS) return result;
+    CBuffer<char> text = ToAdvancedText(scope.get(), "tag");
+    ScopeList found;
+    found.scope = text != nullptr ? text.get() : std::string();
+    found.certificate = i;
+    if (!seen.insert(StoredForm(*scope)).second) continue;
+    std::u16string name;
+    Ref<RevocationList> list;
+    if (!RevocationStoreName(scope.get(), &name)) {
+      found.code = VELK2_ERR_FILE_NOT_FOUND;
+    } else {
+      // Where checks look for it; only read here, so nothing is created.
+      const std::u16string path =
+          BuildPath(StoreDirectory(u"cert", kStoreGlobal).c_str(), (name + u".crl").c_str());
+      found.list_path = Utf16ToUtf8(path);
+      found.code = ReadRevocationListFile(&list, path.c_str(), nullptr);
+    }
+    if (found.code == VELK2_SUCCESS) {
+      found.code = acl_loaded != VELK2_SUCCESS ? VELK2_ERR_ACL_ENTRY_NOT_FOUND
+                                               : VerifyRevocationList(acl.get(), list.get());
+    }
+    if (found.code == VELK2_SUCCESS) {
+      // Current as a verification at |at| judges it: begun before, ending after.
+      const Certificate* certificate = list->certificate();
+      if (!DateBefore(certificate->not_before(), when.get())) {
+        found.code = VELK2_ERR_NOT_AFTER;
+      } else if (!DateAfter(certificate->not_after(), when.get())) {
+        found.code = VELK2_ERR_NOT_BEFORE;
+      } else {
+        found.bytes = StoredForm(*list);
+      }
+    }
+    out->push_back(std::move(found));
+  }
   return VELK2_SUCCESS;
 }
 

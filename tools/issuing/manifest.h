@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "credentials/certificate_sequence.h"
 #include "frame/ref.h"
@@ -22,6 +23,10 @@ struct ManifestRequest {
   Ref<SexpList> tag;             // (tag ...) of the object certificate
   int64_t time_of_signing = 0;
   Ref<CertificateSequence> chain;  // the signer's own certificate first
+  std::string name;  // the package's name, recorded in the signed header; may be empty
+  // Revocation lists shipped with the manifest, each a list file's bytes;
+  // they lie outside the signed digest (each list is signed by its issuer).
+  std::vector<std::string> lists;
 };
 
 // MakeManifest writes the manifest of the package into |file| and the
@@ -30,10 +35,29 @@ struct ManifestRequest {
 // device inside the package (unless ignored) is refused, as is a name that
 // the readers refuse (holding "\"), with |problem| saying which and why
 // (VELK2_ERR_INVALID_PARAM (2)); a chain whose first certificate is not for
-// the signing key too. The manifest is read back by the library (signatures
+// the signing key too, a name that ValidPackageName refuses, and a list that
+// does not read as a revocation list. The manifest is read back by the library (signatures
 // and digest) before it is handed out.
 Result MakeManifest(const PrivateKey& key, const ManifestRequest& request, std::string* file,
                     size_t* entries, std::string* problem);
+
+// What the Global store offers for one revocation scope that a chain's
+// certificates name.
+struct ScopeList {
+  std::string scope;            // the readable tag text, such as "(revoke pkg)"
+  size_t certificate = 0;       // 0-based: the first certificate of the chain naming it
+  std::string list_path;        // the stored list's file; empty when the scope names none
+  Result code = VELK2_SUCCESS;  // 0 when the list is current; else why not (5: no file)
+  std::string bytes;            // the list file, when current
+};
+
+// StoreListsForChain finds, for every scope that a certificate of |chain|
+// names (each once, in chain order), the Global store's list of that scope
+// and whether it is current at |at|: verified against the store's ACL
+// (its codes; 54 when no ACL loads) and its period around |at| (52 when it
+// has not begun, 51 when it is over). 3 for memory, else 0.
+Result StoreListsForChain(const CertificateSequence& chain, int64_t at,
+                          std::vector<ScopeList>* out);
 
 }  // namespace velk2::issuing
 

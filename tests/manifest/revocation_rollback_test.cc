@@ -1,0 +1,308 @@
+// What keeps a revoked signer or an old package out of VerifyManifest: the
+// store's revocation lists beside the manifest's own, and rollback
+// protection (opt-in through SetRollbackProtection).
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <ctime>
+
+#include "credentials/date.h"
+#include "manifest/package_fixture.h"
+#include "manifest/rollback.h"
+
+namespace velk2 {
+namespace {
+
+using namespace testing;  // NOLINT: the fixture and its helpers
+
+constexpr int64_t kJan2026 = 1767225600;
+constexpr int64_t kJan2027 = 1798761600;
+constexpr int64_t kJan2030 = 1893456000;
+constexpr int64_t kSigned = 1782000000;  // the fixture's time of signing, 2026-06-21
+
+class Revocation : public Package {
+ protected:
+  // A list of (revoke pkg) signed by the root for |from| to |to|.
+  std::string List(std::vector<issuing::Revoked> certificates, std::vector<issuing::Revoked> keys,
+                   int64_t from = kJan2026, int64_t to = kJan2030) {
+    issuing::RevocationListRequest request;
+    request.scope = TagList("(revoke pkg)");
+    request.certificates = std::move(certificates);
+    request.keys = std::move(keys);
+    request.not_before = from;
+    request.not_after = to;
+    std::string file;
+    EXPECT_EQ(issuing::MakeRevocationList(TestKey(kRoot), request, &file), VELK2_SUCCESS);
+    return file;
+  }
+  void Store(const std::string& list) { WriteFile(dir_.Sub("store/cert/(revoke pkg).crl"), list); }
+  const Certificate* First(const Ref<CertificateSequence>& chain) {
+    return chain->entry(0).certificate;
+  }
+  static issuing::Revoked Revoked(const SexpObject* thing, int64_t at) {
+    return {Ref<SexpObject>::Share(const_cast<SexpObject*>(thing)), at};
+  }
+};
+
+TEST_F(Revocation, AKeyRevokedInTheStoreFailsEveryPackageItSigns) {
+  Sign();
+  ASSERT_EQ(Verify().code, VELK2_SUCCESS);
+  // Revoked in 2027, after the time of signing: a key has no date escape.
+  Store(List({}, {Revoked(PublicKeyList(kSigner).get(), kJan2027)}));
+  Outcome out = Verify();
+  EXPECT_EQ(out.code, VELK2_ERR_NOT_AUTHORIZED);
+  EXPECT_TRUE(out.valid.empty() && out.invalid.empty() && out.missing.empty() && out.extra.empty());
+  // Whatever time of signing a manifest claims.
+  SignOptions early;
+  early.time_of_signing = kJan2026 + 3600;
+  Sign(nullptr, "", early);
+  EXPECT_EQ(Verify().code, VELK2_ERR_NOT_AUTHORIZED);
+
+  // With a longer chain the signer's certificate is the second one: without
+  // it the order check fails, as the design has it.
+  const std::string file = NewChainFile();
+  Certify(file, kVendor, kSigner, true);
+  Certify(file, kRoot, kVendor, true);
+  Sign(ReadChain(file));
+  EXPECT_EQ(Verify().code, VELK2_ERR_SIGNING_CERT_ORDER);
+  fs::remove(dir_.Sub("store/cert/(revoke pkg).crl"));
+  EXPECT_EQ(Verify().code, VELK2_SUCCESS);
+  // The report says which certificate went and why.
+  Store(List({}, {Revoked(PublicKeyList(kSigner).get(), kJan2027)}));
+  ManifestContext context;
+  context.package_directory = Utf8ToUtf16(Pkg());
+  context.manifest_path = Utf8ToUtf16(Pkg("manifest"));
+  context.tag = TagList(kInstall);
+  ManifestReport report;
+  EXPECT_EQ(VerifyPackage(&context, 0, 0, &report), VELK2_ERR_SIGNING_CERT_ORDER);
+  ASSERT_EQ(report.revocation.size(), 3u);
+  EXPECT_EQ(report.revocation[0].state, kNotRevoked);
+  EXPECT_EQ(report.revocation[1].state, kSubjectKeyRevoked);
+  EXPECT_EQ(Utf16ToUtf8(report.revocation[1].list_path), dir_.Sub("store/cert/(revoke pkg).crl"));
+  EXPECT_EQ(report.revocation[1].revoked_on, "2027-01-01_00:00:00");
+  EXPECT_EQ(report.revocation[2].state, kNotRevoked);
+  EXPECT_EQ(report.lists_from_store, 1u);
+}
+
+TEST_F(Revocation, AScopedSignerNeedsACurrentClearingList) {
+  const std::string file = NewChainFile();
+  Certify(file, kRoot, kSigner, true, "(revoke pkg)");
+  const Ref<CertificateSequence> chain = ReadChain(file);
+  Sign(chain);
+  // No list anywhere: the certificate cannot be cleared and leaves the chain.
+  EXPECT_EQ(Verify().code, VELK2_ERR_NOT_AUTHORIZED);
+  // A current list in the store clears it.
+  const std::string clear = List({}, {});
+  Store(clear);
+  EXPECT_EQ(Verify().code, VELK2_SUCCESS);
+  // A list whose period ends before the time of signing does not.
+  Store(List({}, {}, kJan2026 - 86400 * 300, kJan2026));
+  EXPECT_EQ(Verify().code, VELK2_ERR_NOT_AUTHORIZED);
+  fs::remove(dir_.Sub("store/cert/(revoke pkg).crl"));
+
+  // Shipped with the manifest, the same list clears it too.
+  SignOptions with_list;
+  with_list.lists = {clear};
+  Sign(chain, "", with_list);
+  EXPECT_EQ(Verify().code, VELK2_SUCCESS);
+  // Revoked in the store before the time of signing: the stale list shipped
+  // with the package cannot outvote it.
+  Store(List({Revoked(First(chain), kJan2026)}, {}, kJan2026 + 86400));
+  EXPECT_EQ(Verify().code, VELK2_ERR_NOT_AUTHORIZED);
+  // Revoked only after the time of signing: the certificate was good then.
+  Store(List({Revoked(First(chain), kJan2027)}, {}, kJan2026 + 86400));
+  EXPECT_EQ(Verify().code, VELK2_SUCCESS);
+  // A shipped list from a key the ACL does not name for the scope clears nothing.
+  issuing::RevocationListRequest forged;
+  forged.scope = TagList("(revoke pkg)");
+  forged.not_before = kJan2026;
+  forged.not_after = kJan2030;
+  std::string stranger;
+  ASSERT_EQ(issuing::MakeRevocationList(TestKey(kStranger), forged, &stranger), VELK2_SUCCESS);
+  fs::remove(dir_.Sub("store/cert/(revoke pkg).crl"));
+  with_list.lists = {stranger};
+  Sign(chain, "", with_list);
+  EXPECT_EQ(Verify().code, VELK2_ERR_NOT_AUTHORIZED);
+}
+
+// Rollback protection, through the C interface.
+class Rollback : public Package {
+ protected:
+  VELK2_RESULT VerifyWith(const std::string& manifest, uint32_t flags,
+                          const std::string& package = "") {
+    ManifestContext* context = nullptr;
+    EXPECT_EQ(CreateManifestContextA(&context, package.empty() ? Pkg().c_str() : package.c_str(),
+                                     manifest.c_str(), kInstall),
+              VELK2_SUCCESS);
+    EXPECT_EQ(SetRollbackProtection(context, flags), VELK2_SUCCESS);
+    const VELK2_RESULT result = VerifyManifest(context, 0, 0);
+    // A refused manifest leaves no entry in any list.
+    if (result == VELK2_ERR_TIME_STAMP || result == VELK2_ERR_READ_FILE) {
+      EXPECT_EQ(GetValidEntries(context), nullptr);
+    }
+    EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
+    return result;
+  }
+  std::vector<std::string> Records() {
+    std::vector<std::string> found;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(dir_.Sub("store/rollback"), ignored)) {
+      found.push_back(Read(entry.path().string()));
+    }
+    return found;
+  }
+  std::string Signed(const char* file, int64_t time, const std::string& name = "hello") {
+    SignOptions options;
+    options.name = name;
+    options.time_of_signing = time;
+    return Sign(nullptr, dir_.Sub(file), options);
+  }
+};
+
+TEST_F(Rollback, AnOlderManifestOfTheSamePackageIsRefused) {
+  const std::string v1 = Signed("v1", kSigned), v2 = Signed("v2", kSigned + 86400);
+  // Off, the design's behaviour: no state, and older manifests verify.
+  EXPECT_EQ(VerifyWith(v2, 0), VELK2_SUCCESS);
+  EXPECT_EQ(VerifyWith(v1, 0), VELK2_SUCCESS);
+  EXPECT_TRUE(Records().empty());
+
+  EXPECT_EQ(VerifyWith(v2, VELK2_ROLLBACK_PROTECT), VELK2_SUCCESS);
+  ASSERT_EQ(Records().size(), 1u);
+  EXPECT_EQ(Records()[0], "(8:rollback(4:name5:hello)(15:time-of-signing19:2026-06-22_00:00:00))");
+  EXPECT_EQ(VerifyWith(v1, VELK2_ROLLBACK_PROTECT), VELK2_ERR_TIME_STAMP);
+  // The same name in another directory is the same package.
+  fs::copy(Pkg(), dir_.Sub("elsewhere"), fs::copy_options::recursive);
+  EXPECT_EQ(VerifyWith(v1, VELK2_ROLLBACK_PROTECT, dir_.Sub("elsewhere")), VELK2_ERR_TIME_STAMP);
+  // Admitted on request, and the record never goes back.
+  EXPECT_EQ(VerifyWith(v1, VELK2_ROLLBACK_PROTECT | VELK2_ROLLBACK_ALLOW_OLDER), VELK2_SUCCESS);
+  EXPECT_NE(Records()[0].find("2026-06-22_00:00:00"), std::string::npos);
+  EXPECT_EQ(VerifyWith(v2, VELK2_ROLLBACK_PROTECT), VELK2_SUCCESS);
+
+  // Another name is another package.
+  EXPECT_EQ(VerifyWith(Signed("other", kSigned, "other"), VELK2_ROLLBACK_PROTECT), VELK2_SUCCESS);
+  EXPECT_EQ(Records().size(), 2u);
+
+  // Only a verification that succeeded in full is recorded: a tampered
+  // package's newer manifest leaves the record alone.
+  const std::string v3 = Signed("v3", kSigned + 2 * 86400);
+  WriteFile(Pkg("bin/app"), "tampered");
+  EXPECT_EQ(VerifyWith(v3, VELK2_ROLLBACK_PROTECT), VELK2_ERR_HASH_MISMATCH);
+  WriteFile(Pkg("bin/app"), "application");
+  EXPECT_EQ(VerifyWith(v2, VELK2_ROLLBACK_PROTECT), VELK2_SUCCESS);
+
+  // Flags the export does not know, or "allow older" alone, are refused.
+  ManifestContext* context = nullptr;
+  ASSERT_EQ(CreateManifestContextA(&context, Pkg().c_str(), v1.c_str(), kInstall), VELK2_SUCCESS);
+  EXPECT_EQ(SetRollbackProtection(context, 4), VELK2_ERR_INVALID_PARAM);
+  EXPECT_EQ(SetRollbackProtection(context, VELK2_ROLLBACK_ALLOW_OLDER), VELK2_ERR_INVALID_PARAM);
+  EXPECT_EQ(SetRollbackProtection(nullptr, VELK2_ROLLBACK_PROTECT), VELK2_ERR_PARAM_NULL);
+  EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
+}
+
+TEST_F(Rollback, UnnamedPackagesAreTheirDirectories) {
+  const std::string v1 = Signed("v1", kSigned, ""), v2 = Signed("v2", kSigned + 60, "");
+  EXPECT_EQ(VerifyWith(v2, VELK2_ROLLBACK_PROTECT), VELK2_SUCCESS);
+  EXPECT_EQ(VerifyWith(v1, VELK2_ROLLBACK_PROTECT), VELK2_ERR_TIME_STAMP);
+  // The same directory named another way is the same package.
+  EXPECT_EQ(VerifyWith(v1, VELK2_ROLLBACK_PROTECT, Pkg() + "/../pkg"), VELK2_ERR_TIME_STAMP);
+  fs::copy(Pkg(), dir_.Sub("copy"), fs::copy_options::recursive);
+  EXPECT_EQ(VerifyWith(v1, VELK2_ROLLBACK_PROTECT, dir_.Sub("copy")), VELK2_SUCCESS);
+  ASSERT_EQ(Records().size(), 2u);
+}
+
+TEST_F(Rollback, AManifestFromTheFutureIsRefused) {
+  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  // The chain has no period, so only rollback protection can refuse these.
+  const std::string ahead = Signed("ahead", now + 3600);
+  EXPECT_EQ(VerifyWith(ahead, 0), VELK2_SUCCESS);
+  EXPECT_EQ(VerifyWith(ahead, VELK2_ROLLBACK_PROTECT), VELK2_ERR_TIME_STAMP);
+  EXPECT_EQ(VerifyWith(ahead, VELK2_ROLLBACK_PROTECT | VELK2_ROLLBACK_ALLOW_OLDER),
+            VELK2_ERR_TIME_STAMP);
+  EXPECT_TRUE(Records().empty());
+  // A clock a little behind the signer's is no reason to refuse.
+  EXPECT_EQ(VerifyWith(Signed("skewed", now + 60), VELK2_ROLLBACK_PROTECT), VELK2_SUCCESS);
+}
+
+TEST_F(Rollback, ARecordThatDoesNotReadIsNeverPassedOver) {
+  const std::string v1 = Signed("v1", kSigned);
+  ASSERT_EQ(VerifyWith(v1, VELK2_ROLLBACK_PROTECT), VELK2_SUCCESS);
+  const fs::path record = fs::directory_iterator(dir_.Sub("store/rollback"))->path();
+  const std::string good = Read(record.string());
+  const std::string bad[] = {
+      "", "garbage", good.substr(0, good.size() - 1), good + "x",
+      // Another package's record under this package's name.
+      "(8:rollback(4:name5:other)(15:time-of-signing19:2026-06-22_00:00:00))",
+      "(8:rollback(4:name5:hello)(15:time-of-signing19:2026-13-45_99:99:99))"};
+  for (const std::string& bytes : bad) {
+    WriteFile(record.string(), bytes);
+    EXPECT_EQ(VerifyWith(v1, VELK2_ROLLBACK_PROTECT), VELK2_ERR_READ_FILE) << bytes;
+    EXPECT_EQ(Read(record.string()), bytes);
+  }
+  fs::remove(record);
+  fs::create_directory(record);  // not a file at all
+  EXPECT_EQ(VerifyWith(v1, VELK2_ROLLBACK_PROTECT), VELK2_ERR_READ_FILE);
+}
+
+// A store this process cannot write is checked, not written, and that is no
+// error. As root, permissions bind nobody, so the check runs as "nobody".
+TEST_F(Rollback, AReadOnlyStoreIsCheckedNotWritten) {
+  const std::string v1 = Signed("v1", kSigned), v2 = Signed("v2", kSigned + 60);
+  Signed("v3", kSigned + 120);
+  ASSERT_EQ(VerifyWith(v2, VELK2_ROLLBACK_PROTECT), VELK2_SUCCESS);
+  const std::vector<std::string> before = Records();
+  for (const auto& entry : fs::recursive_directory_iterator(dir_.path())) {
+    fs::permissions(entry.path(), entry.is_directory() ? fs::perms(0555) : fs::perms(0444),
+                    fs::perm_options::replace);
+  }
+  fs::permissions(dir_.path(), fs::perms(0555), fs::perm_options::replace);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::getuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) _exit(100);
+    if (VerifyWith(v1, VELK2_ROLLBACK_PROTECT) != VELK2_ERR_TIME_STAMP) _exit(101);
+    // A newer manifest verifies, and nothing is written.
+    _exit(static_cast<int>(VerifyWith(Pkg("../v3"), VELK2_ROLLBACK_PROTECT)));
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(Records(), before);
+  fs::permissions(dir_.path(), fs::perms(0755), fs::perm_options::replace);
+  for (const auto& entry : fs::recursive_directory_iterator(dir_.path())) {
+    fs::permissions(entry.path(), fs::perms(0755), fs::perm_options::replace);
+  }
+}
+
+TEST(HeaderAttributes, ANameRoundTripsAndOldWordsCarryNone) {
+  Ref<SexpList> version;
+  ASSERT_EQ(NewKeywordList(&version, "version", nullptr), VELK2_SUCCESS);
+  ASSERT_EQ(version->AppendTextAtom("1"), VELK2_SUCCESS);
+  ASSERT_EQ(version->AppendTextAtom(HeaderAttributeText(HeaderAttributes{"libfoo-1.2"}).c_str()),
+            VELK2_SUCCESS);
+  EXPECT_EQ(ReadHeaderAttributes(version.get()).name, "libfoo-1.2");
+  const char* const kNone[] = {"velk2",
+                               "(5:velk2)",
+                               "(5:other(4:name1:x))",
+                               "(5:velk2(4:name))",
+                               "(5:velk2(4:name1:\x01))",
+                               "(5:velk2(4:name1:x)",
+                               "((((",
+                               "(5:velk2(4:name1:/))"};
+  for (const char* second : kNone) {
+    Ref<SexpList> old;
+    ASSERT_EQ(NewKeywordList(&old, "version", nullptr), VELK2_SUCCESS);
+    ASSERT_EQ(old->AppendTextAtom("1"), VELK2_SUCCESS);
+    ASSERT_EQ(old->AppendTextAtom(second), VELK2_SUCCESS);
+    EXPECT_EQ(ReadHeaderAttributes(old.get()).name, "") << second;
+  }
+  EXPECT_EQ(ReadHeaderAttributes(nullptr).name, "");
+  EXPECT_FALSE(ValidPackageName(""));
+  EXPECT_FALSE(ValidPackageName(std::string(256, 'a')));
+  EXPECT_FALSE(ValidPackageName("a\nb"));
+  EXPECT_FALSE(ValidPackageName("\xff"));
+  EXPECT_TRUE(ValidPackageName("gr\xc3\xbc\xc3\x9f-1.0+dfsg~1"));
+}
+
+}  // namespace
+}  // namespace velk2
