@@ -42,7 +42,17 @@ int ReadRevokedCertificate(const char* command, const std::string& spec, Ref<Sex
                                    std::to_string(sequence->entry_count()) + " certificates, not " +
                                    number);
   }
-  *out = Ref<SexpObject>::Share(const_cast<Certificate*>(sequence->entry(index).certificate));
+  const Certificate* certificate = sequence->entry(index).certificate;
+  // A certificate is looked up in a list's certificate section only when it
+  // names a scope; otherwise only its subject key is ever checked.
+  if (certificate->revocation_spec() == nullptr) {
+    std::fprintf(stderr,
+                 "velk2 %s: warning: %s carries no revocation scope, and certificate revocation "
+                 "only reaches certificates issued with --revocation-scope: this entry will "
+                 "revoke nothing; --revoke-key FILE.pub revokes its subject key instead\n",
+                 command, EscapeForDisplay(spec).c_str());
+  }
+  *out = Ref<SexpObject>::Share(const_cast<Certificate*>(certificate));
   return kExitOk;
 }
 

@@ -8,8 +8,10 @@
 
 #include "credentials/certificate_sequence.h"
 #include "credentials/date.h"
+#include "credentials/revocation_list.h"
 #include "manifest/body.h"
 #include "manifest/read.h"
+#include "manifest/rollback.h"
 #include "platform/files.h"
 #include "platform/utf.h"
 #include "tools/issuing/issuer.h"
@@ -55,11 +57,42 @@ size_t CountEntries(const ManifestDirectory& level) {
   return count;
 }
 
+// With --store DIR, the store's current list of every scope that the chain's
+// certificates name goes into the manifest; a scope with no current list is
+// said on stderr, since the package then verifies only where the device
+// holds one.
+int AddStoreLists(const Options& options, const char* command, issuing::ManifestRequest* request) {
+  std::optional<std::string> store = options.Get("store");
+  if (!store) return kExitOk;
+  if (int exit = UseStore(command, *store); exit != kExitOk) return exit;
+  std::vector<issuing::ScopeList> scopes;
+  const Result r = issuing::StoreListsForChain(*request->chain, request->time_of_signing, &scopes);
+  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, command, "cannot look for lists", r);
+  for (const issuing::ScopeList& scope : scopes) {
+    if (scope.code == VELK2_SUCCESS) {
+      request->lists.push_back(scope.bytes);
+      continue;
+    }
+    std::string why = scope.code == VELK2_ERR_FILE_NOT_FOUND ? "none is stored"
+                      : scope.code == VELK2_ERR_NOT_AFTER    ? "the stored one has not begun"
+                      : scope.code == VELK2_ERR_NOT_BEFORE
+                          ? "the stored one is over"
+                          : "the stored one does not verify: " + StatusText(scope.code);
+    std::fprintf(stderr,
+                 "velk2 %s: warning: certificate %zu asks for a revocation list of %s and %s "
+                 "(%s); the package verifies only where a current one is at hand\n",
+                 command, scope.certificate + 1, EscapeForDisplay(scope.scope).c_str(), why.c_str(),
+                 EscapeForDisplay(scope.list_path).c_str());
+  }
+  return kExitOk;
+}
+
 }  // namespace
 
 int RunManifestSign(const Args& args) {
   const char* kName = "manifest sign";
-  Options options({"key", "chain", "tag", "out"}, {}, {"ignore"});
+  Options options({"key", "chain", "tag", "out", "name", "store", "time-of-signing"}, {},
+                  {"ignore", "crl"});
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
   std::optional<std::string> key_path = options.Get("key"), chain_path = options.Get("chain"),
                              tag_text = options.Get("tag"), out = options.Get("out");
@@ -76,6 +109,19 @@ int RunManifestSign(const Args& args) {
   if (std::string inside = InsidePackage(request.package, *out); !inside.empty()) {
     request.ignore.insert(inside);
   }
+  if (std::optional<std::string> name = options.Get("name")) {
+    if (!ValidPackageName(*name)) {
+      return UsageError(kName, "--name takes 1 to 255 bytes of UTF-8 without control characters");
+    }
+    request.name = *name;
+  }
+  request.time_of_signing = static_cast<int64_t>(std::time(nullptr));
+  if (std::optional<std::string> text = options.Get("time-of-signing")) {
+    if (issuing::ParseDate(*text, &request.time_of_signing) != VELK2_SUCCESS) {
+      return UsageError(kName, "--time-of-signing '" + EscapeForDisplay(*text) +
+                                   "' is not a date YYYY-MM-DD_hh:mm:ss");
+    }
+  }
   Result r = issuing::ParseTag(*tag_text, &request.tag);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read the tag", r);
   r = ReadCertificateFile(&request.chain, Utf8ToUtf16(*chain_path).c_str(), nullptr);
@@ -87,12 +133,21 @@ int RunManifestSign(const Args& args) {
                                  " holds no certificate: a manifest needs at least the signing "
                                  "key's own certificate");
   }
+  for (const std::string& path : options.GetAll("crl")) {
+    Ref<RevocationList> list;
+    r = ReadRevocationListFile(&list, Utf8ToUtf16(path).c_str(), nullptr);
+    if (r != VELK2_SUCCESS) {
+      return FailWith(kExitUsage, kName,
+                      "cannot read the revocation list " + EscapeForDisplay(path), r);
+    }
+    request.lists.push_back(StoredForm(*list));
+  }
+  if (int exit = AddStoreLists(options, kName, &request); exit != kExitOk) return exit;
   issuing::PrivateKey key;
   r = issuing::PrivateKey::LoadPem(*key_path, &key);
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(*key_path), r);
   }
-  request.time_of_signing = static_cast<int64_t>(std::time(nullptr));
   std::string file, problem;
   size_t entries = 0;
   r = issuing::MakeManifest(key, request, &file, &entries, &problem);
@@ -104,7 +159,9 @@ int RunManifestSign(const Args& args) {
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName, "cannot write " + EscapeForDisplay(*out), r);
   }
-  std::printf("%s: %zu entries\n", EscapeForDisplay(*out).c_str(), entries);
+  std::printf("%s: %zu entries", EscapeForDisplay(*out).c_str(), entries);
+  if (!request.lists.empty()) std::printf(", %zu revocation lists", request.lists.size());
+  std::printf("\n");
   return kExitOk;
 }
 
@@ -126,6 +183,10 @@ int RunManifestShow(const Args& args) {
   }
   std::printf("version: %s\n", ReadableTag(context.version.get()).c_str());
   std::printf("type: %s\n", ReadableTag(context.type.get()).c_str());
+  const HeaderAttributes attributes = ReadHeaderAttributes(context.version.get());
+  if (!attributes.name.empty()) {
+    std::printf("package name: %s\n", EscapeForDisplay(attributes.name).c_str());
+  }
   std::printf("time of signing: %s\n", AtomText(context.time_of_signing.get()).c_str());
   std::printf("signatures: every one verified, and the body is the one signed\n");
   for (size_t i = 0; i < report.chain->entry_count(); ++i) {
@@ -139,6 +200,13 @@ int RunManifestShow(const Args& args) {
       std::printf("  period: %s to %s\n", AtomText(c.not_before()).c_str(),
                   AtomText(c.not_after()).c_str());
     }
+  }
+  std::printf("revocation lists: %zu\n", report.embedded_lists.size());
+  for (const Ref<RevocationList>& list : report.embedded_lists) {
+    const Certificate& c = *list->certificate();
+    std::printf("  scope %s, %s to %s (checked against the ACL when verified)\n",
+                c.tag() ? ReadableTag(c.tag()).c_str() : "(none)", AtomText(c.not_before()).c_str(),
+                AtomText(c.not_after()).c_str());
   }
   std::printf("entries: %zu\n", CountEntries(root));
   PrintTree(root, 2);

@@ -26,6 +26,7 @@
 #include "frame/paths.h"
 #include "manifest/context.h"
 #include "manifest/package.h"
+#include "manifest/rollback.h"
 #include "platform/utf.h"
 #include "tools/issuing/issuer.h"
 #include "tools/velk2/commands.h"
@@ -188,6 +189,40 @@ Json Report(CompareResults* results, const std::u16string& base, bool json, bool
                               {"moved", moves}}}};
 }
 
+// Why rollback protection refused the manifest, naming both times; empty
+// when it did not.
+std::string RollbackRefusal(const RollbackReport& rollback) {
+  const std::string package =
+      (rollback.named ? "package " : "the package at ") + EscapeForDisplay(rollback.package);
+  if (rollback.future) {
+    return "its time of signing " + issuing::FormatDate(rollback.time_of_signing) +
+           " lies ahead of the clock (" + issuing::FormatDate(CurrentTime()) +
+           "): a manifest from the future would be judged at an instant its signer chose";
+  }
+  if (rollback.older) {
+    return "rollback: its time of signing " + issuing::FormatDate(rollback.time_of_signing) +
+           " is older than " + issuing::FormatDate(rollback.recorded) +
+           ", the newest verified for " + package + " (--allow-older accepts it)";
+  }
+  return std::string();
+}
+
+Json RollbackJson(const RollbackReport& rollback) {
+  if (!rollback.checked) return Json{{"checked", false}};
+  auto date = [](int64_t time) { return time ? Json(issuing::FormatDate(time)) : Json(nullptr); };
+  return Json{{"checked", true},
+              {"package", rollback.package},
+              {"by", rollback.named ? "name" : "directory"},
+              {"time_of_signing", date(rollback.time_of_signing)},
+              {"recorded", date(rollback.recorded)},
+              {"refused", rollback.older    ? Json("older")
+                          : rollback.future ? Json("future")
+                                            : Json(nullptr)},
+              {"allowed_older", rollback.allowed_older},
+              {"written", rollback.written},
+              {"read_only_store", rollback.read_only}};
+}
+
 // Files and bytes hashed, the rate and the time left, on one line of stderr
 // that is rewritten at most five times a second.
 class Progress {
@@ -229,7 +264,8 @@ class Progress {
 int RunVerify(const Args& args) {
   const char* kName = "verify";
   Options options({"store", "tag", "manifest", "not-before", "not-after", "jobs"},
-                  {"allow-extra", "explain", "json", "progress", "no-progress"}, {"ignore"});
+                  {"allow-extra", "allow-older", "explain", "json", "progress", "no-progress"},
+                  {"ignore"});
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
   std::optional<std::string> store = options.Get("store"), tag_text = options.Get("tag");
   if (options.positional().size() != 1 || !store || !tag_text) {
@@ -242,6 +278,9 @@ int RunVerify(const Args& args) {
   context.package_directory = Utf8ToUtf16(package);
   context.manifest_path = Utf8ToUtf16(manifest);
   context.fail_on_extra = !options.Has("allow-extra");
+  // The tool's default is the safe one: no package goes back in time.
+  context.rollback_flags =
+      kRollbackProtect | (options.Has("allow-older") ? kRollbackAllowOlder : 0);
   // Files are hashed by one thread per core unless told otherwise.
   unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
   if (std::optional<std::string> text = options.Get("jobs")) {
@@ -288,6 +327,15 @@ int RunVerify(const Args& args) {
   if (r = result; r == VELK2_ERR_OPEN_MANIFEST_FILE) {
     return FailWith(kExitUsage, kName, "cannot read the manifest " + EscapeForDisplay(manifest), r);
   }
+  const RollbackReport& rollback = report.rollback;
+  if (report.verified && result == VELK2_ERR_READ_FILE && rollback.checked && !rollback.older &&
+      !rollback.future) {
+    return FailWith(kExitUsage, kName,
+                    "the rollback record " + EscapeForDisplay(rollback.record_path) +
+                        " of this package cannot be read (remove it to start again)",
+                    r);
+  }
+  const std::string refusal = RollbackRefusal(rollback);
   // The signer's story, for --explain and --json.
   if (report.chain && report.acl && report.key) {
     story.key_file = "the manifest";
@@ -300,20 +348,36 @@ int RunVerify(const Args& args) {
     Describe(&story, *report.acl, *report.chain, *report.key, ShowsReasons(options));
     story.verdict = {report.verified ? VELK2_SUCCESS : result, VerifyStage::kAuthorization, 0};
     story.reduced = !reduced.empty();
+    story.revocation = report.revocation;
+    story.left_out_by_revocation = true;
   }
+  const std::string revoked = RevocationCause(story);
   Json out;
   if (json) {
     out = Json{{"result", static_cast<int32_t>(result)},
-               {"message", StatusMessage(result)},
-               {"manifest_verified", report.verified}};
+               {"message", !revoked.empty()   ? revoked
+                           : !refusal.empty() ? refusal
+                                              : StatusMessage(result)},
+               {"manifest_verified", report.verified && refusal.empty()}};
     if (story.verdict.stage == VerifyStage::kAuthorization && report.key) {
       out["signer"] = VerdictJson(story);
     }
+    out["revocation_lists"] =
+        Json{{"store", report.lists_from_store}, {"embedded", report.embedded_lists.size()}};
+    out["rollback"] = RollbackJson(rollback);
+  } else if (!refusal.empty()) {
+    std::printf("manifest: refused: %s\n", refusal.c_str());
+  } else if (!revoked.empty()) {
+    std::printf("manifest: not verified (result %u): %s\n", result, revoked.c_str());
   } else {
     std::printf("manifest: %s\n", report.verified ? "verified" : StatusText(result).c_str());
-    if (options.Has("explain") && report.key) std::fputs(VerdictText(story, true).c_str(), stdout);
   }
-  if (report.verified) {
+  if (!json && options.Has("explain") && report.key) {
+    std::printf("revocation lists: %zu from the store, %zu from the manifest\n",
+                report.lists_from_store, report.embedded_lists.size());
+    std::fputs(VerdictText(story, true).c_str(), stdout);
+  }
+  if (report.verified && refusal.empty()) {
     Json listed = Report(&found, context.package_directory, json, true);
     if (json) {
       out["entries"] = listed["entries"];
@@ -322,8 +386,19 @@ int RunVerify(const Args& args) {
     }
   }
   if (json) std::printf("%s\n", out.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+  if (!refusal.empty()) return Fail(kExitFailure, kName, "the manifest is refused: " + refusal);
+  if (!revoked.empty()) {
+    return Fail(kExitFailure, kName,
+                "the manifest does not verify: revocation left its chain short (result " +
+                    std::to_string(result) + ")");
+  }
   if (!report.verified) {
     return FailWith(kExitFailure, kName, "the manifest does not verify", result);
+  }
+  if (result == VELK2_SUCCESS && rollback.checked && !rollback.written && !rollback.read_only) {
+    std::fprintf(stderr, "velk2 %s: warning: the rollback record %s was not written: %s\n", kName,
+                 EscapeForDisplay(rollback.record_path).c_str(),
+                 StatusText(rollback.write_result).c_str());
   }
   return result == VELK2_SUCCESS ? kExitOk : kExitFailure;
 }

@@ -37,6 +37,19 @@ std::string OwnerText(const SexpList* owner) {
 
 namespace {
 
+// "certificate N of FILE (owner X)", N counted from 1.
+std::string CertificateName(const Story& s, size_t index) {
+  const std::string owner = index < s.certificates.size() ? s.certificates[index].owner : "";
+  return "certificate " + std::to_string(index + 1) + " of " + s.certs_file +
+         (owner.empty() ? "" : " (owner " + owner + ")");
+}
+
+// Whether the revocation check left certificate |index| out of the chain.
+bool LeftOutByRevocation(const Story& s, size_t index) {
+  return s.left_out_by_revocation && index < s.revocation.size() &&
+         s.revocation[index].state != kNotRevoked;
+}
+
 // Appends printf-style text to |out|.
 __attribute__((format(printf, 2, 3))) void Format(std::string* out, const char* format, ...) {
   char small[256];
@@ -205,6 +218,8 @@ class Explainer {
   std::vector<const CertificateInfo*> LeftOutCertificates() const {
     std::vector<const CertificateInfo*> out;
     for (const CertificateInfo& c : s_.certificates) {
+      // Revocation, not the period or the tag, kept these out.
+      if (LeftOutByRevocation(s_, static_cast<size_t>(c.number - 1))) continue;
       bool used = false;
       for (const TraceTuple& t : s_.trace.tuples) {
         bool subject = c.subject.empty() ? t.threshold_index > 0 : t.subject == c.subject;
@@ -230,6 +245,15 @@ class Explainer {
   // the key stops, what it lacks.
   std::vector<std::string> Reasons() const {
     std::vector<std::string> reasons;
+    for (size_t i = 0; i < s_.certificates.size() && s_.verdict.result != VELK2_SUCCESS; ++i) {
+      if (LeftOutByRevocation(s_, i)) {
+        reasons.push_back(CertificateName(s_, i) +
+                          " was left out of the chain: " + RevocationText(s_, i));
+      }
+    }
+    // Without the signer's certificate the chain does not reach the object
+    // certificate's issuer: nothing else is to be said.
+    if (s_.verdict.result == VELK2_ERR_SIGNING_CERT_ORDER && !reasons.empty()) return reasons;
     if (s_.verdict.result == VELK2_ERR_NOT_GRANTED) {
       const TraceTuple* first = s_.trace.result.empty() ? nullptr : Find(s_.trace.result[0]);
       if (first != nullptr) {
@@ -311,7 +335,12 @@ class Explainer {
 std::string VerdictText(const Story& s, bool explain) {
   std::string out;
   if (s.verdict.stage != VerifyStage::kAuthorization) return out;
-  Format(&out, "result: %s\n", StatusText(s.verdict.result).c_str());
+  if (RevocationCause(s).empty()) {
+    Format(&out, "result: %s\n", StatusText(s.verdict.result).c_str());
+  } else {
+    Format(&out, "result: %u, after the revocation check left certificates out of the chain\n",
+           s.verdict.result);
+  }
   Format(&out, "authorized: %s\n",
          Undecided(s.verdict.result)         ? "undecided"
          : s.verdict.result == VELK2_SUCCESS ? "yes"
@@ -373,6 +402,16 @@ std::string VerdictText(const Story& s, bool explain) {
       Format(&out, "  [%d] %s\n       %s\n", t.id, x.Grant(t).c_str(), x.Source(t).c_str());
     }
   }
+  std::vector<std::string> revoked;
+  for (size_t i = 0; i < s.certificates.size(); ++i) {
+    if (LeftOutByRevocation(s, i)) {
+      revoked.push_back(CertificateName(s, i) + ": " + RevocationText(s, i));
+    }
+  }
+  if (!revoked.empty()) {
+    Format(&out, "\nleft out of the chain by the revocation check:\n");
+    for (const std::string& r : revoked) Format(&out, "  - %s\n", r.c_str());
+  }
   std::vector<std::string> left_out = x.LeftOut();
   if (!left_out.empty()) {
     Format(&out, "\nleft out (outside the requested period, or no tag in common with it):\n");
@@ -412,6 +451,37 @@ const char* StageName(VerifyStage stage) {
       break;
   }
   return "authorization";
+}
+
+const char* RevocationStateName(RevocationState state) {
+  switch (state) {
+    case kCertificateRevoked:
+      return "revoked";
+    case kSubjectKeyRevoked:
+      return "subject key revoked";
+    case kRevocationUnchecked:
+      return "no current list";
+    default:
+      return "not revoked";
+  }
+}
+
+// The certificates the revocation check left out of a manifest's chain.
+Json RevocationJson(const Story& s) {
+  Json list = Json::array();
+  for (size_t i = 0; i < s.certificates.size(); ++i) {
+    if (!LeftOutByRevocation(s, i)) continue;
+    const RevocationFinding& found = s.revocation[i];
+    list.push_back(Json{{"certificate", i + 1},
+                        {"owner", OrNull(s.certificates[i].owner)},
+                        {"state", RevocationStateName(found.state)},
+                        {"list", OrNull(Utf16ToUtf8(found.list_path))},
+                        {"list_scope", OrNull(found.list_scope)},
+                        {"embedded", found.list_path.empty() && !found.list_scope.empty()},
+                        {"revoked_on", OrNull(found.revoked_on)},
+                        {"why", RevocationText(s, i)}});
+  }
+  return list;
 }
 
 // The story's ACL files, each subject named after its file.
@@ -482,10 +552,7 @@ void Describe(Story* story, const SexpList& acl, const CertificateSequence& sequ
 }
 
 std::string FailedCertificate(const Story& s) {
-  const size_t index = s.verdict.certificate;
-  const std::string owner = index < s.certificates.size() ? s.certificates[index].owner : "";
-  return "certificate " + std::to_string(index + 1) + " of " + s.certs_file +
-         (owner.empty() ? "" : " (owner " + owner + ")");
+  return CertificateName(s, s.verdict.certificate);
 }
 
 std::string StageFailureText(const Story& s) {
@@ -503,33 +570,55 @@ std::string StageFailureText(const Story& s) {
   if (result == VELK2_ERR_ACL_ENTRY_NOT_FOUND) return "no ACL could be loaded";
   const size_t index = s.verdict.certificate;
   if (index >= s.revocation.size()) return FailedCertificate(s) + ": " + StatusText(result);
+  return CertificateName(s, index) + ": " + RevocationText(s, index);
+}
+
+std::string RevocationText(const Story& s, size_t index) {
+  if (index >= s.revocation.size()) return std::string();
   const RevocationFinding& found = s.revocation[index];
-  const std::string list = EscapeForDisplay(Utf16ToUtf8(found.list_path));
+  const std::string list = found.list_path.empty()
+                               ? "the manifest's own list of " + EscapeForDisplay(found.list_scope)
+                               : EscapeForDisplay(Utf16ToUtf8(found.list_path));
   const std::string when = EscapeForDisplay(found.revoked_on);
   switch (found.state) {
+    case kNotRevoked:
+      return std::string();
     case kCertificateRevoked:
-      return FailedCertificate(s) + ": revoked by " + list + " on " + when;
+      return "revoked by " + list + " on " + when;
     case kSubjectKeyRevoked:
-      return FailedCertificate(s) + ": its subject key is revoked by " + list + " on " + when;
-    default: {
-      const std::string scope =
-          index < s.certificates.size() ? s.certificates[index].revocation_scope : std::string();
-      std::string why = FailedCertificate(s) + ": no verified revocation list speaks for it";
-      if (!scope.empty()) why += " (it asks for a list of " + scope + ")";
-      if (found.code == VELK2_ERR_NOT_AFTER) {
-        why += "; the latest list ends before the period begins";
-      } else if (found.code != VELK2_ERR_CRL_NOT_FOUND) {
-        why += ": " + StatusText(found.code);
-      }
-      return why;
-    }
+      return "its subject key is revoked by " + list + " on " + when;
+    default:
+      break;
   }
+  const std::string scope =
+      index < s.certificates.size() ? s.certificates[index].revocation_scope : std::string();
+  std::string why = "no verified revocation list speaks for it";
+  if (!scope.empty()) why += " (it asks for a list of " + scope + ")";
+  if (found.code == VELK2_ERR_NOT_AFTER) {
+    why += "; the latest list ends before the period begins";
+  } else if (found.code != VELK2_ERR_CRL_NOT_FOUND && found.code != VELK2_SUCCESS) {
+    why += ": " + StatusText(found.code);
+  }
+  return why;
+}
+
+std::string RevocationCause(const Story& s) {
+  if (!s.left_out_by_revocation || s.verdict.result == VELK2_SUCCESS) return std::string();
+  std::string out;
+  for (size_t i = 0; i < s.revocation.size(); ++i) {
+    const std::string why = RevocationText(s, i);
+    if (why.empty()) continue;
+    if (!out.empty()) out += "; ";
+    out += CertificateName(s, i) + " was left out of the chain: " + why;
+  }
+  return out;
 }
 
 Json VerdictJson(const Story& s) {
   const Result result = s.verdict.result;
+  const std::string cause = RevocationCause(s);
   Json out{{"result", static_cast<int32_t>(result)},
-           {"message", StatusMessage(result)},
+           {"message", cause.empty() ? StatusMessage(result) : cause},
            {"authorized", result == VELK2_SUCCESS},
            {"decided", !Undecided(result)},
            {"stage", StageName(s.verdict.stage)}};
@@ -564,6 +653,7 @@ Json VerdictJson(const Story& s) {
   out["considered"] = tuples(all);
   out["reasons"] = x.Reasons();
   out["left_out"] = x.LeftOut();
+  out["left_out_by_revocation"] = RevocationJson(s);
   Json skipped = Json::array();
   for (const Skipped& k : s.skipped) {
     skipped.push_back(Json{{"file", k.file},

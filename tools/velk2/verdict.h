@@ -63,8 +63,11 @@ struct Story {
   std::map<std::string, std::string> names;  // fingerprint -> what people call it
   // The answer.
   SequenceVerdict verdict;
-  // What the revocation stage found, one per certificate (when it ran).
+  // What the revocation stage found, one per certificate (when it ran). A
+  // manifest's check leaves such certificates out of the chain instead of
+  // failing (|left_out_by_revocation|), and the authorization decides.
   std::vector<RevocationFinding> revocation;
+  bool left_out_by_revocation = false;
   engine::ReductionTrace trace;
   bool reduced = false;  // the reduction ran to its end
 };
@@ -94,6 +97,16 @@ std::string VerdictJsonText(const Story& story);
 
 // "certificate N of FILE (owner X)": the certificate that ended an earlier stage.
 std::string FailedCertificate(const Story& story);
+// What the revocation check found about certificate |index| (0-based): "revoked
+// by LIST on DATE", "its subject key is revoked by LIST on DATE", or that no
+// current list speaks for it; empty when it was not revoked.
+std::string RevocationText(const Story& story, size_t index);
+// For a manifest whose chain lost certificates to revocation and that was
+// then not authorized: "certificate N of FILE (owner X) was left out of the
+// chain: WHY", one per such certificate joined with "; ". Empty otherwise.
+// The result code stays the authorization's (a missing second certificate
+// fails the order check), but this, not the code's name, is what happened.
+std::string RevocationCause(const Story& story);
 // Why a stage before the authorization ended the verification: which
 // certificate, and what about it (its signature; the list that revoked it and
 // when; that no list speaks for it). Empty when the authorization answered.
