@@ -8,3 +8,5 @@ add_test(NAME cli_revocation_lists_and_chains
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_revocation_test.sh $<TARGET_FILE:velk2_cli>)
 add_test(NAME cli_manifests_sign_verify_compare
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_manifest_test.sh $<TARGET_FILE:velk2_cli>)
+add_test(NAME cli_package_trust_revocation_and_rollback
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_package_trust_test.sh $<TARGET_FILE:velk2_cli>)

@@ -386,6 +386,16 @@ int RunVerify(const Args& args) {
     }
   }
   if (json) std::printf("%s\n", out.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+  if (!json && options.Has("explain") && rollback.checked) {
+    const std::string now = rollback.written
+                                ? "; now " + issuing::FormatDate(rollback.time_of_signing)
+                            : rollback.read_only ? "; the store is read-only: not recorded"
+                                                 : "";
+    std::printf(
+        "rollback: %s %s, the newest time of signing verified before: %s%s\n",
+        rollback.named ? "package" : "the package at", EscapeForDisplay(rollback.package).c_str(),
+        rollback.recorded ? issuing::FormatDate(rollback.recorded).c_str() : "none", now.c_str());
+  }
   if (!refusal.empty()) return Fail(kExitFailure, kName, "the manifest is refused: " + refusal);
   if (!revoked.empty()) {
     return Fail(kExitFailure, kName,

@@ -55,16 +55,22 @@ const std::span<const Command> Commands() {
        RunCompare},
       {"crl import", "DIR --store DIR",
        "import the *.crl files of DIR into the store: a list that verifies against the ACL "
-       "replaces the stored list of its scope unless that one is current and lasts longer; "
-       "a list whose period has not begun waits. Says what was imported, kept or refused "
-       "and why; exit 0, 1 when any list was refused, 2 when none reads",
+       "replaces the stored list of its scope only when it was issued later (its not-before "
+       "is later: an old list can never be replayed over a newer one) and lasts at least as "
+       "long, or the stored one has not begun; a list whose period has not begun waits. The "
+       "comparison and replacement run under the lock DIR/cert/store.lock. Says what was "
+       "imported, kept or refused and why; exit 0, 1 when any list was refused, 2 when none "
+       "reads",
        RunCrlImport},
       {"crl issue",
        "--issuer KEY.pem --tag TEXT [--revoke-cert FILE.cert#N ...] [--revoke-key FILE.pub ...] "
        "[--revoked-at DATE] --not-before DATE --not-after DATE --out FILE.crl",
        "sign a revocation list of scope TEXT (such as '(revoke pkg)') covering the period, "
        "revoking certificate N (counted from 1) of each FILE.cert and each key, all as of "
-       "--revoked-at (default: now); FILE.crl is replaced whole",
+       "--revoked-at (default: now); FILE.crl is replaced whole. --not-before is the list's "
+       "issue time: a store takes a new list of a scope only when it was issued later than "
+       "the stored one. Only certificates issued with --revocation-scope are looked up by "
+       "certificate (a warning says so); --revoke-key reaches any certificate for the key",
        RunCrlIssue},
       {"crl show", "FILE",
        "print a revocation list: issuer, scope tag, period and every revoked certificate "
@@ -87,11 +93,16 @@ const std::span<const Command> Commands() {
        "(its signatures and digest checked first)",
        RunManifestShow},
       {"manifest sign",
-       "PKGDIR --key KEY.pem --chain FILE.cert --tag TEXT --out FILE [--ignore PATH ...]",
+       "PKGDIR --key KEY.pem --chain FILE.cert --tag TEXT --out FILE [--name NAME] "
+       "[--time-of-signing DATE] [--crl FILE.crl ...] [--store DIR] [--ignore PATH ...]",
        "sign a manifest of every regular file and directory of PKGDIR, its object "
        "certificate by KEY granting TEXT, its chain FILE.cert (the key's own certificate "
        "first); symlinks and special files are refused unless ignored, and an --out inside "
-       "PKGDIR is left out",
+       "PKGDIR is left out. --name records the package's name in the signed header (rollback "
+       "protection then knows the package by it); --time-of-signing sets the time (default: "
+       "now); --crl ships a revocation list with the manifest, and --store DIR ships the "
+       "store's current list of every scope that the chain's certificates name (a scope with "
+       "none is warned about)",
        RunManifestSign},
       {"message", "CODE...", "print the message of result codes (negative: engine statuses)",
        RunMessage},
@@ -116,15 +127,22 @@ const std::span<const Command> Commands() {
        RunTagIntersect},
       {"verify",
        "PKGDIR --store DIR --tag TEXT [--manifest FILE] [--not-before DATE] [--not-after DATE] "
-       "[--allow-extra] [--ignore PATH ...] [--jobs N] [--explain] [--json] "
+       "[--allow-extra] [--allow-older] [--ignore PATH ...] [--jobs N] [--explain] [--json] "
        "[--progress | --no-progress]",
        "is PKGDIR exactly what an authorized signer shipped? Verifies the manifest (default "
-       "PKGDIR/manifest: signatures, its revocation lists, its signer's authorization for "
-       "TEXT under the store DIR, at the time of signing unless dates are given, its digest), "
-       "then every file: one line per changed, missing or extra entry and the counts. Exit 0 "
+       "PKGDIR/manifest: signatures; every certificate of its chain against the revocation "
+       "lists of the store that the ACL names and those shipped with the manifest, a revoked "
+       "or uncleared certificate leaving the chain; its signer's authorization for TEXT under "
+       "the store DIR, at the time of signing unless dates are given; its digest), then every "
+       "file: one line per changed, missing or extra entry and the counts. Rollback "
+       "protection: a manifest older than the newest verified for the same package (its "
+       "recorded name, else its directory) is refused unless --allow-older, as is one dated "
+       "more than five minutes ahead; after a verification that succeeds in full, DIR/rollback "
+       "records its time of signing (when DIR is writable). Exit 0 "
        "when it verifies and every entry is valid (extra entries only with --allow-extra), 1 "
        "otherwise, 2 usage or unreadable input; --explain says why the signer is or is not "
-       "authorized; --progress (the default when stderr is a terminal) shows files and bytes "
+       "authorized and which certificates revocation left out; --progress (the default when "
+       "stderr is a terminal) shows files and bytes "
        "hashed, the rate and the time left. N threads hash files (default: one per core), "
        "with the same report as one; a file that changes while it is read is changed "
        "(\"changed during verification\"), and a missing file found again as an extra "

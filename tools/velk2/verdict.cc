@@ -362,6 +362,22 @@ std::string VerdictText(const Story& s, bool explain) {
   if (!s.skipped.empty()) Format(&out, " (%zu file(s) skipped)", s.skipped.size());
   Format(&out, "\ncertificates: %zu from %s, every signature verified\n", s.certificates.size(),
          s.certs_file.c_str());
+  std::vector<std::string> revoked;
+  for (size_t i = 0; i < s.certificates.size(); ++i) {
+    if (LeftOutByRevocation(s, i)) {
+      revoked.push_back(CertificateName(s, i) + ": " + RevocationText(s, i));
+    }
+  }
+  if (!revoked.empty()) {
+    Format(&out, "\nleft out of the chain by the revocation check:\n");
+    for (const std::string& r : revoked) Format(&out, "  - %s\n", r.c_str());
+  }
+  if (!s.reduced && !RevocationCause(s).empty()) {
+    Format(&out,
+           "\nthe reduction did not run: what was left of the chain does not lead from "
+           "the ACL to the manifest\n");
+    return out;
+  }
   if (!s.reduced) {
     Format(&out, "\nthe reduction failed: %s\n", StatusText(s.verdict.result).c_str());
     if (s.trace.limit_reached) {
@@ -401,16 +417,6 @@ std::string VerdictText(const Story& s, bool explain) {
     for (const TraceTuple& t : s.trace.tuples) {
       Format(&out, "  [%d] %s\n       %s\n", t.id, x.Grant(t).c_str(), x.Source(t).c_str());
     }
-  }
-  std::vector<std::string> revoked;
-  for (size_t i = 0; i < s.certificates.size(); ++i) {
-    if (LeftOutByRevocation(s, i)) {
-      revoked.push_back(CertificateName(s, i) + ": " + RevocationText(s, i));
-    }
-  }
-  if (!revoked.empty()) {
-    Format(&out, "\nleft out of the chain by the revocation check:\n");
-    for (const std::string& r : revoked) Format(&out, "  - %s\n", r.c_str());
   }
   std::vector<std::string> left_out = x.LeftOut();
   if (!left_out.empty()) {
