@@ -99,22 +99,32 @@ sign_at() {  # out, date
   check "sign at $2" 0 "$velk2" manifest sign pkg --key build.pem --chain plain.cert --tag '(pkg install)' \
     --out "$1" --name hello --time-of-signing "$2"
 }
+# Version 1 of the package, then version 2; version 1's files and manifest
+# put back are refused.
+echo 'hi v1' >pkg/bin/hi
 sign_at v1.manifest 2026-05-01_00:00:00
+cp -r pkg pkg-v1
+echo hi >pkg/bin/hi
 sign_at v2.manifest 2026-06-01_00:00:00
 sign_at v3.manifest 2026-07-01_00:00:00
 verify 0 roll --manifest v2.manifest
+check "version 1 put back" 1 "$velk2" verify pkg-v1 --store roll --tag '(pkg install)' --manifest v1.manifest
+has "version 1 refused" out.txt '^manifest: refused: rollback: .* the newest verified for package hello'
+if grep -q '^valid' out.txt; then fail "a refused manifest's entries were reported"; fi
 verify 1 roll --manifest v1.manifest
 has "rollback" out.txt '^manifest: refused: rollback: its time of signing 2026-05-01_00:00:00 is older than 2026-06-01_00:00:00, the newest verified for package hello \(--allow-older accepts it\)$'
 verify 1 roll --manifest v1.manifest --json
 json "json rollback" 'j["rollback"]["refused"] == "older" and j["rollback"]["recorded"] == "2026-06-01_00:00:00" and not j["manifest_verified"] and "entries" not in j'
-verify 0 roll --manifest v1.manifest --allow-older --explain
+check "older allowed" 0 "$velk2" verify pkg-v1 --store roll --tag '(pkg install)' --manifest v1.manifest \
+  --allow-older --explain
 has "older allowed" out.txt '^rollback: package hello, the newest time of signing verified before: 2026-06-01_00:00:00$'
 verify 0 roll --manifest v2.manifest
 # A changed package is no success: nothing is recorded.
 echo changed >pkg/bin/hi
 verify 1 roll --manifest v3.manifest
 echo hi >pkg/bin/hi
-verify 0 roll --manifest v1.manifest --allow-older --json
+check "older allowed again" 0 "$velk2" verify pkg-v1 --store roll --tag '(pkg install)' \
+  --manifest v1.manifest --allow-older --json
 json "floor kept" 'j["rollback"]["recorded"] == "2026-06-01_00:00:00"'
 check "sign ahead" 0 "$velk2" manifest sign pkg --key build.pem --chain plain.cert --tag '(pkg install)' \
   --out ahead.manifest --time-of-signing "$(date -u -d '+1 hour' +%Y-%m-%d_%H:%M:%S)"
