@@ -1,6 +1,7 @@
 #include "acl/revocation.h"
 
 #include <cstring>
+#include <set>
 #include <utility>
 
 #include "acl/acl_entry.h"
@@ -11,6 +12,7 @@
 #include "frame/text.h"
 #include "platform/files.h"
 #include "platform/utf.h"
+#include "platform/zcry.h"
 
 namespace velk2 {
 
@@ -42,9 +44,14 @@ Ref<RevocationList> ReadIfPresent(const std::u16string& path, Velk2Context* cont
   return list;
 }
 
-// Verifies |list| unless it already is; whether it now is.
+// Verifies |list| unless it already is, or already failed against |acl|;
+// whether it now is.
 bool EnsureVerified(const SexpList* acl, RevocationList* list) {
-  return list->verified() || VerifyRevocationList(acl, list) == VELK2_SUCCESS;
+  if (list->verified()) return true;
+  if (list->UnverifiableUnder(acl)) return false;
+  if (VerifyRevocationList(acl, list) == VELK2_SUCCESS) return true;
+  if (acl != nullptr) list->MarkUnverifiable(acl);
+  return false;
 }
 
 std::string DateString(const SexpAtom* date) {
@@ -146,11 +153,14 @@ bool RevocationStoreName(const SexpList* tag, std::u16string* name) {
 Result LoadRevocationLists(const SexpList* acl, Velk2Context* context, RevocationLists* out) {
   if (CheckAcl(acl) != VELK2_SUCCESS || out == nullptr) return VELK2_ERR_INVALID_PARAM;
   out->clear();
+  // Two entries of one scope (two issuers, or the extra ACL directory
+  // repeating the global one) name one file: it is read once.
+  std::set<std::u16string> read;
   for (size_t i = 1; i < acl->ChildCount(); ++i) {
     const AclEntry* entry = AclEntry::From(acl->ChildAt(i));
     if (entry == nullptr || !IsRevocationTag(entry->tag())) continue;
     std::u16string path;
-    if (StorePathOf(entry->tag(), &path) != VELK2_SUCCESS) continue;
+    if (StorePathOf(entry->tag(), &path) != VELK2_SUCCESS || !read.insert(path).second) continue;
     if (Ref<RevocationList> list = ReadIfPresent(path, context)) out->push_back(std::move(list));
   }
   return VELK2_SUCCESS;
@@ -164,12 +174,24 @@ Result MatchRevoked(RevokedKind kind, const RevocationQuery& query, const SexpOb
   const bool both_dates = query.start != nullptr && query.end != nullptr;
   bool covered = false;
   const Certificate* latest = nullptr;  // the verified list certificate that ends last
+  // The thing and the scope are digested once, not once per list.
+  ThingDigests digests(thing);
+  std::string scope_digest;
+  if (query.scope != nullptr) {
+    CBuffer<uint8_t> digest;
+    uint32_t length = 0;
+    const Result result = ComputeHash(query.scope, &digest, &length, ZCRY_HASH_SHA256, true);
+    if (result == VELK2_ERR_MEM_ALLOC) return result;
+    if (result == VELK2_SUCCESS) scope_digest.assign(reinterpret_cast<char*>(digest.get()), length);
+  }
 
   for (const Ref<RevocationList>& list : *query.lists) {
     const Certificate* certificate = list->certificate();
-    if (query.scope != nullptr && !SameCanonicalForm(certificate->tag(), query.scope)) continue;
+    if (query.scope != nullptr && (scope_digest.empty() || list->TagDigest() != scope_digest)) {
+      continue;
+    }
     size_t index = RevocationList::kNoItem;
-    Result result = list->FindRevoked(kind, thing, &index);
+    Result result = list->FindRevoked(kind, &digests, &index);
     if (result != VELK2_SUCCESS) return result;
     if (index != RevocationList::kNoItem) {
       // A list that does not verify says nothing, its hits included.
@@ -212,6 +234,10 @@ Result CheckCertificate(const RevocationQuery& query, const Certificate& certifi
                       ? MatchRevoked(RevokedKind::kKeys, keys, *certificate.subject(), hit)
                       : VELK2_ERR_INVALID_PARAM;
   if (result == VELK2_ERR_KEY_REVOKED) certificate.set_revocation_state(kSubjectKeyRevoked);
+  if (result == VELK2_SUCCESS && query.issuers && certificate.issuer() != nullptr) {
+    result = MatchRevoked(RevokedKind::kKeys, keys, *certificate.issuer(), hit);
+    if (result == VELK2_ERR_KEY_REVOKED) certificate.set_revocation_state(kIssuerKeyRevoked);
+  }
   if (result != VELK2_SUCCESS) return result;
   if (certificate.revocation_spec() == nullptr) {
     certificate.set_revocation_state(kNotRevoked);
@@ -257,7 +283,7 @@ RevocationCheck MakeRevocationCheck(Velk2Context* context, Ref<SexpAtom> start, 
     RevocationLists lists;
     Result result = LoadRevocationLists(&acl, context, &lists);
     if (result != VELK2_SUCCESS) return result;
-    const RevocationQuery query{&acl, &lists, nullptr, start.get(), end.get()};
+    const RevocationQuery query{&acl, &lists, nullptr, start.get(), end.get(), false};
     // Every certificate is checked before any verdict, as each one's state is.
     result = CheckSequence(query, sequence, findings);
     if (result != VELK2_SUCCESS) return result;
@@ -304,7 +330,7 @@ Result ImportRevocationLists(const char16_t* directory, Velk2Context* context,
       Ref<RevocationList> list;
       const Result result = ReadRevocationListFile(&list, path, context);
       if (records != nullptr && result != VELK2_SUCCESS) {
-        records->push_back({path, {}, ImportOutcome::kUnreadable, result, {}, {}});
+        records->push_back({path, {}, ImportOutcome::kUnreadable, result, {}, {}, {}, {}});
       }
       if (result == VELK2_SUCCESS) read.emplace_back(path, std::move(list));
     }
@@ -319,7 +345,7 @@ Result ImportRevocationLists(const char16_t* directory, Velk2Context* context,
   FileLock lock;
   const Result locked = LockGlobalStore(&lock);
   for (auto& [source, list] : read) {
-    ImportRecord record{source, {}, ImportOutcome::kImported, VELK2_SUCCESS, {}, {}};
+    ImportRecord record{source, {}, ImportOutcome::kImported, VELK2_SUCCESS, {}, {}, {}, {}};
     const Certificate* incoming = list->certificate();
     if (StorePathOf(incoming->tag(), &record.store_path) != VELK2_SUCCESS) {
       record.outcome = ImportOutcome::kNoStoreName;
@@ -329,6 +355,8 @@ Result ImportRevocationLists(const char16_t* directory, Velk2Context* context,
       record.outcome = CompareWithStored(*list, *stored, now.get());
       record.issued = DateString(incoming->not_before());
       record.stored_issued = DateString(stored->certificate()->not_before());
+      record.ends = DateString(incoming->not_after());
+      record.stored_ends = DateString(stored->certificate()->not_after());
     }
     if (record.outcome == ImportOutcome::kImported && !list->verified() &&
         (record.code = VerifyRevocationList(acl.get(), list.get())) != VELK2_SUCCESS) {
@@ -337,11 +365,15 @@ Result ImportRevocationLists(const char16_t* directory, Velk2Context* context,
     if (record.outcome == ImportOutcome::kImported) {
       CBuffer<char> path(WideToUtf8(record.store_path.c_str(), -1, nullptr));
       const std::string bytes = StoredForm(*list);
-      record.code = locked != VELK2_SUCCESS ? locked
-                    : path == nullptr || bytes.empty()
-                        ? VELK2_ERR_MEM_ALLOC
-                        : WriteFileAtomically(path.get(), bytes, 0644, true);
-      if (record.code != VELK2_SUCCESS) record.outcome = ImportOutcome::kWriteFailed;
+      if (locked != VELK2_SUCCESS) {
+        record.code = locked;
+        record.outcome = ImportOutcome::kLockFailed;
+      } else {
+        record.code = path == nullptr || bytes.empty()
+                          ? VELK2_ERR_MEM_ALLOC
+                          : WriteFileAtomically(path.get(), bytes, 0644, true);
+        if (record.code != VELK2_SUCCESS) record.outcome = ImportOutcome::kWriteFailed;
+      }
     }
     if (records != nullptr) records->push_back(std::move(record));
   }

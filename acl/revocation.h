@@ -61,6 +61,9 @@ struct RevocationQuery {
   const SexpList* scope = nullptr;         // (tag ...): only lists with this tag; null: all
   const SexpAtom* start = nullptr;         // the period asked about; either may be null
   const SexpAtom* end = nullptr;
+  // CheckCertificate looks each certificate's issuer key up too (a manifest's
+  // check: its object certificate's issuer is the signing key).
+  bool issuers = false;
 };
 
 // MatchRevoked looks |thing| up: a key in the lists' key items (a hit is
@@ -80,7 +83,8 @@ Result MatchRevoked(RevokedKind kind, const RevocationQuery& query, const SexpOb
 Result RevocationScopeOf(const SexpList& revocation, Ref<SexpList>* out);
 
 // CheckCertificate sets |certificate|'s revocation state: its subject key is
-// looked up first (68: kSubjectKeyRevoked); then, when it carries a
+// looked up first (68: kSubjectKeyRevoked), then, when the query asks for
+// issuers, its issuer's key (68: kIssuerKeyRevoked); then, when it carries a
 // revocation specification, the certificate itself in the lists of the scope
 // that it names (66: kCertificateRevoked). Any other failure
 // leaves kRevocationUnchecked. The match's code.
@@ -132,6 +136,7 @@ enum class ImportOutcome {
   kSameIssueTime,    // the stored list was issued at the same time and differs
   kAlreadyStored,    // the stored list is the same list
   kStoredIsNewer,    // the stored list lasts longer
+  kLockFailed,       // the store's lock could not be taken
   kUnverified,       // it does not verify against the ACL
   kWriteFailed,
 };
@@ -140,9 +145,10 @@ struct ImportRecord {
   std::u16string store_path;  // where it is (or would be) stored; may be empty
   ImportOutcome outcome = ImportOutcome::kUnreadable;
   Result code = VELK2_SUCCESS;  // the reader's, verifier's or writer's code
-  // When a stored list was compared: the issue times (not-before dates) of
-  // both, as date texts (empty when a list names none).
-  std::string issued, stored_issued;
+  // When a stored list was compared: the issue times (not-before dates) and
+  // the ends (not-after dates) of both, as date texts (empty when a list
+  // names none).
+  std::string issued, stored_issued, ends, stored_ends;
 };
 
 // ImportRevocationLists imports the "*.crl" files of |directory| into the

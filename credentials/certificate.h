@@ -68,6 +68,10 @@ enum RevocationState : uint32_t {
   kCertificateRevoked = 1,
   kSubjectKeyRevoked = 2,
   kRevocationUnchecked = 3,
+  // Beyond the designed states: the key that signed the certificate is
+  // revoked (only a manifest's check looks at issuers, so that a revoked
+  // signing key fails even where the ACL names it directly).
+  kIssuerKeyRevoked = 4,
 };
 
 // The parts of a certificate body, each shared with whoever else holds it.

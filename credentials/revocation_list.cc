@@ -8,6 +8,7 @@
 
 #include "frame/guard.h"
 #include "platform/files.h"
+#include "platform/zcry.h"
 #include "sexp/reader.h"
 
 namespace velk2 {
@@ -125,7 +126,29 @@ RevokedItem RevocationList::revoked(RevokedKind kind, size_t index) const {
   return item;
 }
 
+Result ThingDigests::Get(uint32_t algorithm, std::string_view* digest) {
+  for (const auto& [id, bytes] : made_) {
+    if (id == algorithm) {
+      *digest = bytes;
+      return VELK2_SUCCESS;
+    }
+  }
+  Ref<HashValue> hash = HashValue::New(thing_.context());
+  Result result = hash->Begin(algorithm);
+  if (result == VELK2_SUCCESS) result = hash->Absorb(&thing_);
+  if (result == VELK2_SUCCESS) result = hash->Finish();
+  if (result != VELK2_SUCCESS) return result;
+  made_.emplace_back(algorithm, std::string(hash->digest()));
+  *digest = made_.back().second;
+  return VELK2_SUCCESS;
+}
+
 Result RevocationList::FindRevoked(RevokedKind kind, const SexpObject& thing, size_t* index) const {
+  ThingDigests digests(thing);
+  return FindRevoked(kind, &digests, index);
+}
+
+Result RevocationList::FindRevoked(RevokedKind kind, ThingDigests* digests, size_t* index) const {
   *index = kNoItem;
   std::unique_ptr<Index>& table = index_[kind == RevokedKind::kCertificates ? 0 : 1];
   if (table == nullptr) {
@@ -148,15 +171,31 @@ Result RevocationList::FindRevoked(RevokedKind kind, const SexpObject& thing, si
     table = std::move(built);
   }
   for (const Index::Algorithm& algorithm : table->algorithms) {
-    Ref<HashValue> digest = HashValue::New(context());
-    Result result = digest->Begin(algorithm.id);
-    if (result == VELK2_SUCCESS) result = digest->Absorb(&thing);
-    if (result == VELK2_SUCCESS) result = digest->Finish();
+    std::string_view digest;
+    const Result result = digests->Get(algorithm.id, &digest);
     if (result != VELK2_SUCCESS) return result;
-    auto hit = algorithm.first.find(digest->digest());
+    auto hit = algorithm.first.find(digest);
     if (hit != algorithm.first.end()) *index = std::min(*index, hit->second);
   }
   return VELK2_SUCCESS;
+}
+
+const std::string& RevocationList::TagDigest() const {
+  if (!tag_digest_made_) {
+    tag_digest_made_ = true;
+    CBuffer<uint8_t> digest;
+    uint32_t length = 0;
+    const SexpList* tag = certificate_ ? certificate_->tag() : nullptr;
+    if (tag != nullptr &&
+        ComputeHash(tag, &digest, &length, ZCRY_HASH_SHA256, true) == VELK2_SUCCESS) {
+      tag_digest_.assign(reinterpret_cast<const char*>(digest.get()), length);
+    }
+  }
+  return tag_digest_;
+}
+
+void RevocationList::MarkUnverifiable(const SexpList* acl) {
+  unverifiable_under_ = Ref<SexpList>::Share(const_cast<SexpList*>(acl));
 }
 
 void RevocationList::MarkVerified() {

@@ -18,6 +18,9 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "credentials/certificate.h"
 #include "credentials/credential.h"
@@ -47,6 +50,20 @@ enum class RevokedKind {
 struct RevokedItem {
   const HashValue* hash = nullptr;
   const SexpAtom* date = nullptr;
+};
+
+// The digests of one thing (a certificate body or a key) under each hash
+// algorithm that lists ask for, each made once however many lists ask.
+class ThingDigests {
+ public:
+  explicit ThingDigests(const SexpObject& thing) : thing_(thing) {}
+  // The digest of the thing's stored form under |algorithm|. 0, or the
+  // crypto module's code.
+  Result Get(uint32_t algorithm, std::string_view* digest);
+
+ private:
+  const SexpObject& thing_;
+  std::vector<std::pair<uint32_t, std::string>> made_;
 };
 
 class RevocationList final : public Credential, public Tagged<ClassTag::kRevocationList> {
@@ -84,6 +101,20 @@ class RevocationList final : public Credential, public Tagged<ClassTag::kRevocat
   // the sublist uses, not once per item. 0, or the crypto module's code.
   static constexpr size_t kNoItem = SIZE_MAX;
   Result FindRevoked(RevokedKind kind, const SexpObject& thing, size_t* index) const;
+  // The same with the thing's digests shared between lists.
+  Result FindRevoked(RevokedKind kind, ThingDigests* digests, size_t* index) const;
+
+  // The SHA-256 of the list certificate's tag (canonical, hints skipped),
+  // made once: the digest SameCanonicalForm compares. Empty without a tag.
+  const std::string& TagDigest() const;
+
+  // A list that failed to verify against |acl| is not verified against it
+  // again: a manifest may ship many copies of a broken list, and each would
+  // cost a signature check per certificate asked about.
+  void MarkUnverifiable(const SexpList* acl);
+  bool UnverifiableUnder(const SexpList* acl) const {
+    return acl != nullptr && unverifiable_under_.get() == acl;
+  }
 
   // The verified-issuer mark: the certificate's tag once the list has been
   // verified against an ACL (null before). Later checks skip verification.
@@ -104,7 +135,11 @@ class RevocationList final : public Credential, public Tagged<ClassTag::kRevocat
   Ref<Certificate> certificate_;
   Ref<Signature> signature_;
   Ref<SexpList> verified_issuer_;
+  Ref<SexpList>
+      unverifiable_under_;  // the ACL it failed against, held so its address stays its own
   mutable std::unique_ptr<Index> index_[2];  // built on the first lookup
+  mutable std::string tag_digest_;
+  mutable bool tag_digest_made_ = false;
 };
 
 // ReadRevocationListFile reads the list file at |path| (taken as it stands)

@@ -109,7 +109,10 @@ class ManifestReader {
       Ref<RevocationList> list = RevocationList::New(library_);
       const Result result = list->Parse(&source_);
       if (result != VELK2_SUCCESS) return result;
-      lists_.push_back(std::move(list));
+      // Every list is read, so the format is checked whole; a backstop caps
+      // those consulted, or each certificate of a long chain would be looked
+      // up in every one of thousands of lists.
+      if (lists_.size() < kMaxEmbeddedLists) lists_.push_back(std::move(list));
     }
     (void)source_.Expect(")");
     if (report_ != nullptr) report_->embedded_lists = lists_;
@@ -168,7 +171,10 @@ class ManifestReader {
 
     // Revoked certificates, and those that ask for a list that none clears,
     // leave the chain; the authorization decides.
-    const RevocationQuery query{acl.get(), &lists, nullptr, start.get(), end.get()};
+    // Issuers are looked up too, departing from the designed check of
+    // subjects only: the signing key signs the object certificate, whose
+    // subject is a hash, and an ACL may name that key directly.
+    const RevocationQuery query{acl.get(), &lists, nullptr, start.get(), end.get(), true};
     std::vector<RevocationFinding> findings;
     result = CheckSequence(query, *chain_, &findings);
     if (result != VELK2_SUCCESS) return result;
@@ -193,6 +199,7 @@ class ManifestReader {
       Ref<Certificate> added = Ref<Certificate>::Share(const_cast<Certificate*>(kept[i]));
       if (i == 1) {
         if (!SameCanonicalForm(kept[i]->subject(), object->issuer())) {
+          if (report_ != nullptr) report_->authorization = VELK2_ERR_SIGNING_CERT_ORDER;
           return VELK2_ERR_SIGNING_CERT_ORDER;
         }
         CertificateFields fields = kept[i]->fields();
@@ -204,9 +211,11 @@ class ManifestReader {
     }
     if (result != VELK2_SUCCESS) return result;
 
-    return acl_internal::Authorize(library_, acl.get(), sequence.get(), key, context_->tag.get(),
-                                   valid.get(), report_ ? report_->trace : nullptr,
-                                   report_ ? report_->reduced_acl : nullptr);
+    result = acl_internal::Authorize(library_, acl.get(), sequence.get(), key, context_->tag.get(),
+                                     valid.get(), report_ ? report_->trace : nullptr,
+                                     report_ ? report_->reduced_acl : nullptr);
+    if (report_ != nullptr) report_->authorization = result;
+    return result;
   }
 
   Result CheckDigest(ManifestFile* file) {

@@ -32,6 +32,10 @@ namespace velk2 {
 // credential files.
 constexpr uint64_t kMaxManifestFileSize = 256u << 20;
 
+// The revocation lists of a manifest that a verification consults: the
+// first so many (a package ships a few, one per scope of its chain).
+constexpr size_t kMaxEmbeddedLists = 256;
+
 // The file as read, and where its body lies.
 struct ManifestFile {
   std::vector<uint8_t> bytes;
@@ -51,10 +55,13 @@ struct ManifestReport {
   // state but kNotRevoked left it out of the signing sequence.
   std::vector<RevocationFinding> revocation;
   RevocationLists embedded_lists;  // the manifest's own lists, as read
-  size_t lists_from_store = 0;     // the store's lists that the ACL names, consulted
-  Ref<SexpList> acl;               // the ACL asked
-  Ref<SexpList> key;               // the manifest's hash principal
-  RollbackReport rollback;         // what rollback protection checked and recorded
+  // The answer of steps 9 and 10 (the order check and the authorization
+  // query) when they ran; VELK2_FAILURE when they did not.
+  Result authorization = VELK2_FAILURE;
+  size_t lists_from_store = 0;  // the store's lists that the ACL names, consulted
+  Ref<SexpList> acl;            // the ACL asked
+  Ref<SexpList> key;            // the manifest's hash principal
+  RollbackReport rollback;      // what rollback protection checked and recorded
   engine::ReductionTrace* trace = nullptr;
   std::string* reduced_acl = nullptr;
   // For a caller that shows progress: the files the manifest lists (set

@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -46,28 +47,27 @@ const SexpAtom* AtomAt(const SexpList* list, size_t index) {
   return child != nullptr ? child->AsAtom() : nullptr;
 }
 
-// The package's identity, as canonical text: (4:name NAME), or (4:path DIR)
-// with the package directory made absolute (symlinks resolved when it exists).
-std::string Identity(const ManifestContext& context, RollbackReport* report) {
-  const HeaderAttributes attributes = ReadHeaderAttributes(context.version.get());
-  if (!attributes.name.empty()) {
-    report->named = true;
-    report->package = attributes.name;
-    return "(4:name" + Atom(attributes.name) + ")";
-  }
+// The identities of a package, as canonical text: (7:package (4:name NAME)
+// TAG) for a name, (7:package (4:path DIR) TAG) for the package directory
+// made absolute (symlinks resolved when it exists). The tag asked about is
+// part of it, so a signer trusted only for another tag cannot move the
+// record of a package it names.
+std::string Identity(std::string_view kind, std::string_view value,
+                     const ManifestContext& context) {
+  return "(7:package(" + Atom(kind) + Atom(value) + ")" +
+         (context.tag ? StoredForm(*context.tag) : std::string()) + ")";
+}
+
+std::string AbsoluteDirectory(const ManifestContext& context) {
   const std::string given = Utf16ToUtf8(context.package_directory);
-  std::string absolute;
   if (char* resolved = ::realpath(given.c_str(), nullptr)) {
-    absolute = resolved;
+    std::string absolute = resolved;
     std::free(resolved);
-  } else {
-    std::error_code error;
-    absolute = std::filesystem::absolute(given, error).lexically_normal().string();
-    if (error) absolute = given;
+    return absolute;
   }
-  report->named = false;
-  report->package = absolute;
-  return "(4:path" + Atom(absolute) + ")";
+  std::error_code error;
+  std::string absolute = std::filesystem::absolute(given, error).lexically_normal().string();
+  return error ? given : absolute;
 }
 
 std::string RecordDirectory() {
@@ -86,15 +86,14 @@ Result RecordPath(const std::string& identity, std::string* path) {
   return VELK2_SUCCESS;
 }
 
-// The time the record at |path| holds for |identity|: 0 when there is no
-// record; VELK2_ERR_READ_FILE (10) when there is a file that is not the
-// record of this identity.
-Result ReadRecord(const std::string& path, const std::string& identity, int64_t* recorded) {
-  *recorded = 0;
+// The time the record at |path| holds for |identity|, none when there is
+// no record; VELK2_ERR_READ_FILE (10) when there is a file that is not the
+// record of this identity, or the records' directory is not one.
+Result ReadRecord(const std::string& path, const std::string& identity,
+                  std::optional<int64_t>* recorded) {
+  recorded->reset();
   struct stat st;
-  if (::lstat(path.c_str(), &st) != 0) {
-    return errno == ENOENT || errno == ENOTDIR ? VELK2_SUCCESS : VELK2_ERR_READ_FILE;
-  }
+  if (::lstat(path.c_str(), &st) != 0) return errno == ENOENT ? VELK2_SUCCESS : VELK2_ERR_READ_FILE;
   std::vector<uint8_t> bytes;
   if (ReadWholeFile(Utf8ToUtf16(path).c_str(), kMaxRecordSize, &bytes) != VELK2_SUCCESS) {
     return VELK2_ERR_READ_FILE;
@@ -115,6 +114,21 @@ Result ReadRecord(const std::string& path, const std::string& identity, int64_t*
   }
   *recorded = ReadDate(date);
   return VELK2_SUCCESS;
+}
+
+std::string RecordText(const std::string& identity, int64_t time) {
+  return "(8:rollback" + identity + "(15:time-of-signing" + Atom(DateText(time)) + "))";
+}
+
+// Brings the record of |identity| at |path| up to |time| unless it already
+// holds as late a time; called under the store's lock.
+Result Advance(const std::string& path, const std::string& identity, int64_t time) {
+  std::optional<int64_t> recorded;
+  const Result result = ReadRecord(path, identity, &recorded);
+  // A record that does not read is replaced: the verification that got here
+  // checked another identity's record, and this one must not stay broken.
+  if (result == VELK2_SUCCESS && recorded && *recorded >= time) return VELK2_SUCCESS;
+  return WriteFileAtomically(path, RecordText(identity, time), 0644, true);
 }
 
 }  // namespace
@@ -160,17 +174,36 @@ Result CheckRollback(const ManifestContext& context, int64_t now, RollbackReport
     return VELK2_SUCCESS;
   }
   report->checked = true;
-  report->time_of_signing = ReadDate(context.time_of_signing.get());
-  report->identity = Identity(context, report);
+  const SexpAtom* date = context.time_of_signing.get();
+  report->time_of_signing = ReadDate(date);
+  // Dates are compared as text by the authorization and as numbers here: a
+  // text that does not read back as written would be judged twice, apart.
+  if (date->length() != kDateLength || DateText(report->time_of_signing) != date->bytes()) {
+    report->malformed = true;
+    return VELK2_ERR_TIME_STAMP;
+  }
   if (report->time_of_signing > now && report->time_of_signing - now > kRollbackFutureSlack) {
     report->future = true;
     return VELK2_ERR_TIME_STAMP;
   }
+  const HeaderAttributes attributes = ReadHeaderAttributes(context.version.get());
+  const std::string directory = AbsoluteDirectory(context);
+  report->named = !attributes.name.empty();
+  report->package = report->named ? attributes.name : directory;
+  // A named package is known by its name wherever it lies; its directory is
+  // recorded too, so that an old manifest without a name cannot come back
+  // there. A manifest without a name is known by its directory.
+  report->identity = Identity(report->named ? "name" : "path", report->package, context);
+  if (report->named) report->directory_identity = Identity("path", directory, context);
   Result result = RecordPath(report->identity, &report->record_path);
-  if (result == VELK2_SUCCESS)
+  if (result == VELK2_SUCCESS && report->named) {
+    result = RecordPath(report->directory_identity, &report->directory_record_path);
+  }
+  if (result == VELK2_SUCCESS) {
     result = ReadRecord(report->record_path, report->identity, &report->recorded);
+  }
   if (result != VELK2_SUCCESS) return result;
-  if (report->recorded != 0 && report->time_of_signing < report->recorded) {
+  if (report->recorded && report->time_of_signing < *report->recorded) {
     if ((context.rollback_flags & kRollbackAllowOlder) == 0) {
       report->older = true;
       return VELK2_ERR_TIME_STAMP;
@@ -194,18 +227,14 @@ void RecordRollback(RollbackReport* report) {
   FileLock lock;
   Result result = LockGlobalStore(&lock);
   if (result == VELK2_SUCCESS && !exists) result = EnsureDirectory(Utf8ToUtf16(directory).c_str());
-  // Another verification may have recorded a newer time meanwhile.
-  int64_t recorded = 0;
-  if (result == VELK2_SUCCESS)
-    result = ReadRecord(report->record_path, report->identity, &recorded);
-  if (result == VELK2_SUCCESS && recorded != 0 && recorded >= report->time_of_signing) {
-    report->written = recorded == report->time_of_signing;
-    return;
-  }
+  // Another verification may have recorded a newer time meanwhile: Advance
+  // reads the record again under the lock and never moves it back.
   if (result == VELK2_SUCCESS) {
-    const std::string record = "(8:rollback" + report->identity + "(15:time-of-signing" +
-                               Atom(DateText(report->time_of_signing)) + "))";
-    result = WriteFileAtomically(report->record_path, record, 0644, true);
+    result = Advance(report->record_path, report->identity, report->time_of_signing);
+  }
+  if (result == VELK2_SUCCESS && !report->directory_record_path.empty()) {
+    result =
+        Advance(report->directory_record_path, report->directory_identity, report->time_of_signing);
   }
   report->write_result = result;
   report->written = result == VELK2_SUCCESS;

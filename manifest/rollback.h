@@ -6,17 +6,21 @@
 // is judged, nor push the record past every honest manifest).
 //
 // The same package: the name that the manifest's signed header records, or,
-// for a manifest without one, the package directory's absolute path.
-// Records live in the Global store's "rollback" directory, one file per
-// package named after the SHA-256 of its identity:
+// for a manifest without one, the package directory's absolute path; with
+// either, the tag asked about (a signer trusted for another tag cannot move
+// the record). A named package's directory is recorded too, so an old
+// manifest without a name cannot come back there. Records live in the
+// Global store's "rollback" directory, one file per identity, named after
+// the SHA-256 of its canonical form:
 //
-//   (8:rollback (4:name NAME) (15:time-of-signing DATE))   or  (4:path DIR)
+//   (8:rollback (7:package (4:name NAME) (3:tag ...)) (15:time-of-signing DATE))
 //
-// They are written whole, under the store's lock, and only never backwards.
+// They are written whole, under the store's lock, and never backwards.
 #ifndef VELK2_MANIFEST_ROLLBACK_H_
 #define VELK2_MANIFEST_ROLLBACK_H_
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "frame/result.h"
@@ -55,20 +59,25 @@ struct RollbackReport {
   std::string package;   // the name, or the directory
   bool named = false;    // identified by a recorded name
   int64_t time_of_signing = 0;
-  int64_t recorded = 0;        // the newest time recorded before, 0 for none
-  bool older = false;          // refused as older than |recorded|
-  bool future = false;         // refused as dated ahead of the clock
-  bool allowed_older = false;  // older, and admitted (kRollbackAllowOlder)
-  std::string identity;        // canonical: (4:name NAME) or (4:path DIR)
+  std::optional<int64_t> recorded;  // the newest time recorded before
+  bool older = false;               // refused as older than |recorded|
+  bool future = false;              // refused as dated ahead of the clock
+  bool malformed = false;           // refused: the time of signing is no well-formed date
+  bool allowed_older = false;       // older, and admitted (kRollbackAllowOlder)
+  std::string identity;  // canonical: (package (name NAME) TAG) or (package (path DIR) TAG)
   std::string record_path;
+  // A named package's directory, recorded too.
+  std::string directory_identity;
+  std::string directory_record_path;
   // Recording after success:
-  bool written = false;    // the record now holds this time of signing
+  bool written = false;    // the records now hold this time of signing, or a later one
   bool read_only = false;  // the store cannot be written: checked only
   Result write_result = VELK2_SUCCESS;
 };
 
 // CheckRollback: nothing, 0, unless the context's rollback protection is
-// on; then VELK2_ERR_TIME_STAMP (34) for a time of signing more than
+// on; then VELK2_ERR_TIME_STAMP (34) for a time of signing that is no
+// well-formed date or lies more than
 // kRollbackFutureSlack seconds ahead of |now| or (unless kRollbackAllowOlder)
 // older than the package's record, VELK2_ERR_READ_FILE (10) when the record
 // is there but cannot be read (it is never silently passed over). The

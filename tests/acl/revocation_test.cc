@@ -327,9 +327,22 @@ TEST_F(Store, RevocationDecidesTheChain) {
   ASSERT_EQ(WriteDate(start.get(), kJan2030), VELK2_SUCCESS);
   ASSERT_EQ(WriteDate(end.get(), kJan2040), VELK2_SUCCESS);
   const Ref<SexpList> scope = TagList(kScope);
-  const RevocationQuery query{acl.get(), &lists, scope.get(), start.get(), end.get()};
+  const RevocationQuery query{acl.get(), &lists, scope.get(), start.get(), end.get(), false};
   EXPECT_EQ(MatchRevoked(RevokedKind::kCertificates, query, *root_to_dev, nullptr),
             VELK2_ERR_NOT_AFTER);
+
+  // A list that failed against this ACL is not verified again, however many
+  // things are looked up in it (a manifest may ship thousands of copies).
+  PutList(forged);
+  ASSERT_EQ(LoadRevocationLists(acl.get(), nullptr, &lists), VELK2_SUCCESS);
+  ASSERT_EQ(lists.size(), 1u);
+  EXPECT_EQ(MatchRevoked(RevokedKind::kCertificates, query, *root_to_dev, nullptr),
+            VELK2_ERR_CRL_NOT_FOUND);
+  EXPECT_TRUE(lists[0]->UnverifiableUnder(acl.get()));
+  EXPECT_FALSE(lists[0]->UnverifiableUnder(nullptr));
+  Ref<SexpList> other_acl;
+  ASSERT_EQ(LoadAcl(&other_acl, nullptr, nullptr), VELK2_SUCCESS);
+  EXPECT_FALSE(lists[0]->UnverifiableUnder(other_acl.get()));
 
   // Signatures come first, and without an ACL there is nothing to ask.
   PutList({});
