@@ -78,8 +78,8 @@ check "same list" 0 "$velk2" crl import incoming --store store
 has "same list kept" out.txt '^kept store/cert/\(revoke pkg\).crl: it is the same list as incoming/a.crl$'
 check "issue shorter" 0 "$velk2" crl issue --issuer root.pem --tag '(revoke pkg)' \
   --not-before 2026-03-01_00:00:00 --not-after 2027-01-01_00:00:00 --out incoming/a.crl
-check "keep longer" 0 "$velk2" crl import incoming --store store
-has "kept" out.txt '^kept store/cert/\(revoke pkg\).crl: it lasts at least as long as incoming/a.crl$'
+check "keep longer" 1 "$velk2" crl import incoming --store store
+has "kept" out.txt '^refused incoming/a.crl: it ends 2027-01-01_00:00:00, and the stored list store/cert/\(revoke pkg\).crl ends 2031-01-01_00:00:00: a list replaces the stored one only when it lasts at least as long$'
 check "issue by stranger" 0 "$velk2" crl issue --issuer other.pem --tag '(revoke pkg)' \
   --not-before 2026-04-01_00:00:00 --not-after 2040-01-01_00:00:00 --out incoming/a.crl
 check "refuse stranger" 1 "$velk2" crl import incoming --store store

@@ -176,6 +176,50 @@ TEST(Verdict, EarlierStagesAndUndecided) {
   EXPECT_EQ(j["limit"], "work steps");
 }
 
+// A manifest's chain that lost certificates to revocation: the order check's
+// code never speaks for it, the other codes keep their own words, and no
+// certificate the revocation check left out is said to be out of period or tag.
+TEST(Verdict, RevocationIsSaidForWhatItDid) {
+  Story s = Chain(false);
+  s.certs_file = "pkg/manifest";
+  s.left_out_by_revocation = true;
+  s.revocation.assign(2, RevocationFinding{});
+  s.revocation[1] = {kSubjectKeyRevoked, VELK2_ERR_KEY_REVOKED, u"", "(revoke pkg)",
+                     "2027-01-01_00:00:00"};
+  s.verdict.result = VELK2_ERR_SIGNING_CERT_ORDER;
+  s.reduced = false;
+  const std::string why =
+      "certificate 2 of pkg/manifest (owner dev) was left out of the chain: its subject key is "
+      "revoked by the manifest's own list of (revoke pkg) on 2027-01-01_00:00:00";
+  EXPECT_EQ(RevocationCause(s), why);
+  std::string text = VerdictText(s, true);
+  EXPECT_EQ(text.find("ORDER"), std::string::npos) << text;
+  EXPECT_NE(text.find("result: 36, after the revocation check"), std::string::npos) << text;
+  Json j = Json::parse(VerdictJsonText(s));
+  EXPECT_EQ(j["message"], why);
+  EXPECT_EQ(j["left_out_by_revocation"][0]["state"], "subject key revoked");
+  EXPECT_EQ(j["left_out_by_revocation"][0]["embedded"], true);
+
+  // Not authorized for another reason: the code's own words, and the
+  // certificate listed as left out by revocation, not by period or tag.
+  s.verdict.result = VELK2_ERR_NOT_AUTHORIZED;
+  s.reduced = true;
+  text = VerdictText(s, true);
+  EXPECT_NE(text.find("result: 31 VELK2_ERR_NOT_AUTHORIZED"), std::string::npos) << text;
+  EXPECT_NE(text.find("left out of the chain by the revocation check:\n  - certificate 2"),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(text.find("period or tag"), std::string::npos) << text;
+  EXPECT_EQ(Json::parse(VerdictJsonText(s))["message"], "VELK2_ERR_NOT_AUTHORIZED");
+
+  // Many certificates left out: a few are named.
+  s.certificates.resize(6, s.certificates[0]);
+  s.revocation.assign(6, s.revocation[1]);
+  EXPECT_NE(RevocationCause(s).find("; and 3 more"), std::string::npos);
+  s.verdict.result = VELK2_SUCCESS;
+  EXPECT_EQ(RevocationCause(s), "");
+}
+
 // Texts from files reach the JSON as they were escaped for display, and
 // bytes that are not UTF-8 never break the document.
 TEST(Verdict, HostileTextsStayInsideTheirStrings) {

@@ -234,11 +234,10 @@ Result StoreListsForChain(const CertificateSequence& chain, int64_t at,
                                                : VerifyRevocationList(acl.get(), list.get());
     }
     if (found.code == VELK2_SUCCESS) {
-      // Current as a verification at |at| judges it: begun before, ending after.
+      // Current as a verification at |at| judges it: not over by then (a
+      // list issued later still speaks for the time before it).
       const Certificate* certificate = list->certificate();
-      if (!DateBefore(certificate->not_before(), when.get())) {
-        found.code = VELK2_ERR_NOT_AFTER;
-      } else if (!DateAfter(certificate->not_after(), when.get())) {
+      if (!DateAfter(certificate->not_after(), when.get())) {
         found.code = VELK2_ERR_NOT_BEFORE;
       } else {
         found.bytes = StoredForm(*list);

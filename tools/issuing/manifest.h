@@ -54,8 +54,8 @@ struct ScopeList {
 // StoreListsForChain finds, for every scope that a certificate of |chain|
 // names (each once, in chain order), the Global store's list of that scope
 // and whether it is current at |at|: verified against the store's ACL
-// (its codes; 54 when no ACL loads) and its period around |at| (52 when it
-// has not begun, 51 when it is over). 3 for memory, else 0.
+// (its codes; 54 when no ACL loads) and not over by then (51). 3 for
+// memory, else 0.
 Result StoreListsForChain(const CertificateSequence& chain, int64_t at,
                           std::vector<ScopeList>* out);
 

@@ -77,7 +77,21 @@ int RunCrlImport(const Args& args) {
             from.c_str(), to.c_str(), Issued(record.issued).c_str());
         break;
       case ImportOutcome::kStoredIsNewer:
-        std::printf("kept %s: it lasts at least as long as %s\n", to.c_str(), from.c_str());
+        // Issued later, yet not taken: whoever issued it must hear of it.
+        refused = true;
+        std::printf(
+            "refused %s: it %s, and the stored list %s ends %s: a list replaces the stored one "
+            "only when it lasts at least as long\n",
+            from.c_str(),
+            record.ends.empty() ? "names no end"
+                                : ("ends " + EscapeForDisplay(record.ends)).c_str(),
+            to.c_str(), Issued(record.stored_ends).c_str());
+        break;
+      case ImportOutcome::kLockFailed:
+        refused = true;
+        std::printf("refused %s: cannot take the store's lock %s: %s\n", from.c_str(),
+                    EscapeForDisplay(*store + "/cert/store.lock").c_str(),
+                    StatusText(record.code).c_str());
         break;
       case ImportOutcome::kNotYetValid:
         std::printf("kept %s: the period of %s has not begun\n", to.c_str(), from.c_str());

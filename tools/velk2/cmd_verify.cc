@@ -199,9 +199,12 @@ std::string RollbackRefusal(const RollbackReport& rollback) {
            " lies ahead of the clock (" + issuing::FormatDate(CurrentTime()) +
            "): a manifest from the future would be judged at an instant its signer chose";
   }
+  if (rollback.malformed) {
+    return "its time of signing is not a well-formed date YYYY-MM-DD_hh:mm:ss";
+  }
   if (rollback.older) {
     return "rollback: its time of signing " + issuing::FormatDate(rollback.time_of_signing) +
-           " is older than " + issuing::FormatDate(rollback.recorded) +
+           " is older than " + issuing::FormatDate(rollback.recorded.value_or(0)) +
            ", the newest verified for " + package + " (--allow-older accepts it)";
   }
   return std::string();
@@ -209,15 +212,18 @@ std::string RollbackRefusal(const RollbackReport& rollback) {
 
 Json RollbackJson(const RollbackReport& rollback) {
   if (!rollback.checked) return Json{{"checked", false}};
-  auto date = [](int64_t time) { return time ? Json(issuing::FormatDate(time)) : Json(nullptr); };
+  auto date = [](std::optional<int64_t> time) {
+    return time ? Json(issuing::FormatDate(*time)) : Json(nullptr);
+  };
   return Json{{"checked", true},
               {"package", rollback.package},
               {"by", rollback.named ? "name" : "directory"},
               {"time_of_signing", date(rollback.time_of_signing)},
               {"recorded", date(rollback.recorded)},
-              {"refused", rollback.older    ? Json("older")
-                          : rollback.future ? Json("future")
-                                            : Json(nullptr)},
+              {"refused", rollback.older       ? Json("older")
+                          : rollback.future    ? Json("future")
+                          : rollback.malformed ? Json("malformed")
+                                               : Json(nullptr)},
               {"allowed_older", rollback.allowed_older},
               {"written", rollback.written},
               {"read_only_store", rollback.read_only}};
@@ -346,12 +352,21 @@ int RunVerify(const Args& args) {
         times[0] ? issuing::FormatDate(times[0]) : AtomText(context.time_of_signing.get());
     story.not_after = times[1] ? issuing::FormatDate(times[1]) : story.not_before;
     Describe(&story, *report.acl, *report.chain, *report.key, ShowsReasons(options));
-    story.verdict = {report.verified ? VELK2_SUCCESS : result, VerifyStage::kAuthorization, 0};
+    // The signer's story is the authorization's: a body that fails its
+    // digest afterwards does not make the signer unauthorized.
+    story.verdict = {report.authorization != VELK2_FAILURE ? report.authorization : result,
+                     VerifyStage::kAuthorization, 0};
     story.reduced = !reduced.empty();
     story.revocation = report.revocation;
     story.left_out_by_revocation = true;
   }
-  const std::string revoked = RevocationCause(story);
+  // The order check's code names the order; when revocation took the
+  // signer's certificate out, that is what happened and what is said.
+  const std::string revoked =
+      !report.verified && result == report.authorization && result == VELK2_ERR_SIGNING_CERT_ORDER
+          ? RevocationCause(story)
+          : std::string();
+  const std::string left_out = RevocationCause(story);
   Json out;
   if (json) {
     out = Json{{"result", static_cast<int32_t>(result)},
@@ -371,6 +386,11 @@ int RunVerify(const Args& args) {
     std::printf("manifest: not verified (result %u): %s\n", result, revoked.c_str());
   } else {
     std::printf("manifest: %s\n", report.verified ? "verified" : StatusText(result).c_str());
+    // The other certificates that the revocation check left out, said
+    // beside the code, which does not claim they were the cause.
+    if (!report.verified && !left_out.empty() && result == report.authorization) {
+      std::printf("revocation: %s\n", left_out.c_str());
+    }
   }
   if (!json && options.Has("explain") && report.key) {
     std::printf("revocation lists: %zu from the store, %zu from the manifest\n",
@@ -387,14 +407,15 @@ int RunVerify(const Args& args) {
   }
   if (json) std::printf("%s\n", out.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
   if (!json && options.Has("explain") && rollback.checked) {
-    const std::string now = rollback.written
-                                ? "; now " + issuing::FormatDate(rollback.time_of_signing)
+    const bool advanced =
+        rollback.written && (!rollback.recorded || rollback.time_of_signing > *rollback.recorded);
+    const std::string now = advanced ? "; now " + issuing::FormatDate(rollback.time_of_signing)
                             : rollback.read_only ? "; the store is read-only: not recorded"
                                                  : "";
     std::printf(
         "rollback: %s %s, the newest time of signing verified before: %s%s\n",
         rollback.named ? "package" : "the package at", EscapeForDisplay(rollback.package).c_str(),
-        rollback.recorded ? issuing::FormatDate(rollback.recorded).c_str() : "none", now.c_str());
+        rollback.recorded ? issuing::FormatDate(*rollback.recorded).c_str() : "none", now.c_str());
   }
   if (!refusal.empty()) return Fail(kExitFailure, kName, "the manifest is refused: " + refusal);
   if (!revoked.empty()) {

@@ -37,6 +37,11 @@ std::string OwnerText(const SexpList* owner) {
 
 namespace {
 
+// Whether revocation, not the order of the chain, is why the order check
+// failed: it took certificates out, and the order check's code names the
+// order.
+bool RevocationExplainsOrder(const Story& s);
+
 // "certificate N of FILE (owner X)", N counted from 1.
 std::string CertificateName(const Story& s, size_t index) {
   const std::string owner = index < s.certificates.size() ? s.certificates[index].owner : "";
@@ -335,7 +340,7 @@ class Explainer {
 std::string VerdictText(const Story& s, bool explain) {
   std::string out;
   if (s.verdict.stage != VerifyStage::kAuthorization) return out;
-  if (RevocationCause(s).empty()) {
+  if (!RevocationExplainsOrder(s)) {
     Format(&out, "result: %s\n", StatusText(s.verdict.result).c_str());
   } else {
     Format(&out, "result: %u, after the revocation check left certificates out of the chain\n",
@@ -372,7 +377,7 @@ std::string VerdictText(const Story& s, bool explain) {
     Format(&out, "\nleft out of the chain by the revocation check:\n");
     for (const std::string& r : revoked) Format(&out, "  - %s\n", r.c_str());
   }
-  if (!s.reduced && !RevocationCause(s).empty()) {
+  if (!s.reduced && RevocationExplainsOrder(s)) {
     Format(&out,
            "\nthe reduction did not run: what was left of the chain does not lead from "
            "the ACL to the manifest\n");
@@ -465,6 +470,8 @@ const char* RevocationStateName(RevocationState state) {
       return "revoked";
     case kSubjectKeyRevoked:
       return "subject key revoked";
+    case kIssuerKeyRevoked:
+      return "issuer key revoked";
     case kRevocationUnchecked:
       return "no current list";
     default:
@@ -593,6 +600,8 @@ std::string RevocationText(const Story& s, size_t index) {
       return "revoked by " + list + " on " + when;
     case kSubjectKeyRevoked:
       return "its subject key is revoked by " + list + " on " + when;
+    case kIssuerKeyRevoked:
+      return "the key that signed it is revoked by " + list + " on " + when;
     default:
       break;
   }
@@ -608,23 +617,34 @@ std::string RevocationText(const Story& s, size_t index) {
   return why;
 }
 
+namespace {
+
+bool RevocationExplainsOrder(const Story& s) {
+  return s.verdict.result == VELK2_ERR_SIGNING_CERT_ORDER && !RevocationCause(s).empty();
+}
+
+}  // namespace
+
 std::string RevocationCause(const Story& s) {
   if (!s.left_out_by_revocation || s.verdict.result == VELK2_SUCCESS) return std::string();
+  // A few are named; a chain of hundreds would make a line nobody reads.
+  constexpr size_t kNamed = 3;
   std::string out;
+  size_t count = 0;
   for (size_t i = 0; i < s.revocation.size(); ++i) {
     const std::string why = RevocationText(s, i);
-    if (why.empty()) continue;
+    if (why.empty() || ++count > kNamed) continue;
     if (!out.empty()) out += "; ";
     out += CertificateName(s, i) + " was left out of the chain: " + why;
   }
+  if (count > kNamed) out += "; and " + std::to_string(count - kNamed) + " more";
   return out;
 }
 
 Json VerdictJson(const Story& s) {
   const Result result = s.verdict.result;
-  const std::string cause = RevocationCause(s);
   Json out{{"result", static_cast<int32_t>(result)},
-           {"message", cause.empty() ? StatusMessage(result) : cause},
+           {"message", RevocationExplainsOrder(s) ? RevocationCause(s) : StatusMessage(result)},
            {"authorized", result == VELK2_SUCCESS},
            {"decided", !Undecided(result)},
            {"stage", StageName(s.verdict.stage)}};
