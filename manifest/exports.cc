@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "acl/certificate_store.h"
+#include "trust/certificate_store.h"
 #include "credentials/date.h"
 #include "frame/boundary.h"
 #include "frame/file_item.h"

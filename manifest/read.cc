@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "acl/acl_entry.h"
-#include "acl/authorize.h"
-#include "acl/revocation.h"
+#include "trust/authorize.h"
+#include "trust/revocation.h"
 #include "credentials/certificate.h"
 #include "credentials/date.h"
 #include "credentials/hash_value.h"
@@ -211,7 +211,7 @@ class ManifestReader {
     }
     if (result != VELK2_SUCCESS) return result;
 
-    result = acl_internal::Authorize(library_, acl.get(), sequence.get(), key, context_->tag.get(),
+    result = trust_internal::Authorize(library_, acl.get(), sequence.get(), key, context_->tag.get(),
                                      valid.get(), report_ ? report_->trace : nullptr,
                                      report_ ? report_->reduced_acl : nullptr);
     if (report_ != nullptr) report_->authorization = result;

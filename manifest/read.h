@@ -18,7 +18,7 @@
 #include <string_view>
 #include <vector>
 
-#include "acl/revocation.h"
+#include "trust/revocation.h"
 #include "credentials/certificate_sequence.h"
 #include "engine/reduce.h"
 #include "frame/result.h"

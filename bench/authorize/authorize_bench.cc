@@ -16,7 +16,7 @@
 #include <string>
 #include <string_view>
 
-#include "acl/authorize.h"
+#include "trust/authorize.h"
 #include "engine/query.h"
 #include "sexp/reader.h"
 #include "sexp/source.h"

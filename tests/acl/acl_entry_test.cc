@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "acl/acl_test_util.h"
-#include "acl/authorize.h"
+#include "trust/authorize.h"
 #include "credentials/certificate.h"
 #include "credentials/hash_value.h"
 #include "credentials/public_key.h"

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "acl/acl_entry.h"
-#include "acl/revocation.h"
+#include "trust/revocation.h"
 #include "credentials/date.h"
 #include "credentials/hash_value.h"
 #include "credentials/revocation_list.h"

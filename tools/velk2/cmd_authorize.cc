@@ -9,7 +9,7 @@
 #include <string>
 
 #include "acl/acl_entry.h"
-#include "acl/verification.h"
+#include "trust/verification.h"
 #include "credentials/certificate_sequence.h"
 #include "frame/paths.h"
 #include "platform/utf.h"

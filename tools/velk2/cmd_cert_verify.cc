@@ -6,7 +6,7 @@
 #include <string>
 
 #include "acl/acl_entry.h"
-#include "acl/certificate_store.h"
+#include "trust/certificate_store.h"
 #include "credentials/certificate_sequence.h"
 #include "platform/utf.h"
 #include "tools/issuing/issuer.h"

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "acl/acl_entry.h"
-#include "acl/revocation.h"
+#include "trust/revocation.h"
 #include "platform/utf.h"
 #include "sexp/object.h"
 #include "tools/issuing/issuer.h"

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "acl/authorize.h"
+#include "trust/authorize.h"
 #include "engine/keywords.h"
 #include "engine/parser.h"
 #include "engine/printer.h"

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "acl/authorize.h"
+#include "trust/authorize.h"
 #include "engine/status.h"
 #include "platform/zcry.h"
 #include "velk2.h"

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "acl/acl_entry.h"
-#include "acl/revocation.h"
+#include "trust/revocation.h"
 #include "credentials/certificate.h"
 #include "platform/utf.h"
 #include "sexp/display.h"

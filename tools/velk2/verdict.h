@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "acl/revocation.h"
-#include "acl/verification.h"
+#include "trust/revocation.h"
+#include "trust/verification.h"
 #include "credentials/certificate_sequence.h"
 #include "engine/reduce.h"
 #include "frame/result.h"

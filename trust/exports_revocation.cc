@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "acl/acl_entry.h"
-#include "acl/certificate_store.h"
-#include "acl/revocation.h"
+#include "trust/certificate_store.h"
+#include "trust/revocation.h"
 #include "credentials/date.h"
 #include "credentials/records.h"
 #include "credentials/revocation_list.h"

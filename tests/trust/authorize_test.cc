@@ -4,7 +4,7 @@
 // (signatures, revocation, AuthorizeKey over the rebuilt certificates). The
 // engine's exact output for each kind of chain is pinned by the engine's
 // tests.
-#include "acl/authorize.h"
+#include "trust/authorize.h"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@
 
 #include "acl/acl_entry.h"
 #include "acl/acl_test_util.h"
-#include "acl/verification.h"
+#include "trust/verification.h"
 #include "credentials/certificate.h"
 #include "credentials/certificate_sequence.h"
 #include "credentials/signature.h"

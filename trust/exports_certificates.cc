@@ -3,7 +3,7 @@
 // with the ACL because verifying a chain asks the ACL.
 #include <utility>
 
-#include "acl/certificate_store.h"
+#include "trust/certificate_store.h"
 #include "credentials/certificate_sequence.h"
 #include "credentials/records.h"
 #include "frame/boundary.h"

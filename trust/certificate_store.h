@@ -2,15 +2,15 @@
 // against the revocation lists and the ACL of the store, grant its first
 // certificate's subject a tag in a period? Asked by the certificate exports
 // and by `velk2 cert verify`, through the one verification pipeline.
-#ifndef VELK2_ACL_CERTIFICATE_STORE_H_
-#define VELK2_ACL_CERTIFICATE_STORE_H_
+#ifndef VELK2_TRUST_CERTIFICATE_STORE_H_
+#define VELK2_TRUST_CERTIFICATE_STORE_H_
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "acl/revocation.h"
-#include "acl/verification.h"
+#include "trust/revocation.h"
+#include "trust/verification.h"
 #include "credentials/certificate_sequence.h"
 #include "engine/reduce.h"
 
@@ -45,4 +45,4 @@ Result ReadTagText(const char* text, Velk2Context* context, Ref<SexpList>* out);
 
 }  // namespace velk2
 
-#endif  // VELK2_ACL_CERTIFICATE_STORE_H_
+#endif  // VELK2_TRUST_CERTIFICATE_STORE_H_

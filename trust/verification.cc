@@ -1,8 +1,8 @@
-#include "acl/verification.h"
+#include "trust/verification.h"
 
 #include <utility>
 
-#include "acl/authorize.h"
+#include "trust/authorize.h"
 #include "credentials/certificate.h"
 #include "credentials/date.h"
 #include "credentials/signature.h"
@@ -63,7 +63,7 @@ SequenceVerdict Run(const SequenceQuery& query) {
   Result result = RebuildForAuthorization(sequence, &rebuilt);
   if (result != VELK2_SUCCESS) return Verdict(result, VerifyStage::kAuthorization);
   const SexpList* key = query.key != nullptr ? query.key : sequence.entry(0).certificate->subject();
-  result = acl_internal::Authorize(query.context, acl, rebuilt.get(), key, query.tag,
+  result = trust_internal::Authorize(query.context, acl, rebuilt.get(), key, query.tag,
                                    query.validity, query.trace, query.reduced_acl);
   return Verdict(result, VerifyStage::kAuthorization);
 }

@@ -7,13 +7,13 @@
 // last entry with the list certificate's tag decides. The ACL entries whose
 // tag starts with a list headed "revoke" name the lists that checks load:
 // the file "<tag text>.crl" in the Global directory's "cert" subdirectory.
-#ifndef VELK2_ACL_REVOCATION_H_
-#define VELK2_ACL_REVOCATION_H_
+#ifndef VELK2_TRUST_REVOCATION_H_
+#define VELK2_TRUST_REVOCATION_H_
 
 #include <string>
 #include <vector>
 
-#include "acl/verification.h"
+#include "trust/verification.h"
 #include "credentials/certificate.h"
 #include "credentials/certificate_sequence.h"
 #include "credentials/revocation_list.h"
@@ -169,4 +169,4 @@ Result ImportRevocationLists(const char16_t* directory, Velk2Context* context,
 
 }  // namespace velk2
 
-#endif  // VELK2_ACL_REVOCATION_H_
+#endif  // VELK2_TRUST_REVOCATION_H_

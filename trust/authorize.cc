@@ -1,4 +1,4 @@
-#include "acl/authorize.h"
+#include "trust/authorize.h"
 
 #include <string_view>
 
@@ -47,7 +47,7 @@ Result ConvertToEngine(const SexpList* object, std::string* text) {
   return Guard([&] { return WriteForEngine(object, text); });
 }
 
-Result acl_internal::Authorize(Velk2Context* context, const SexpList* acl, const SexpList* sequence,
+Result trust_internal::Authorize(Velk2Context* context, const SexpList* acl, const SexpList* sequence,
                                const SexpList* subject_key, const SexpList* requested_tag,
                                const SexpList* validity, engine::ReductionTrace* trace,
                                std::string* reduced_acl) {
@@ -94,7 +94,7 @@ Result AuthorizeKey(Velk2Context* context, const SexpList* acl, const SexpList* 
                     const SexpList* validity, engine::ReductionTrace* trace,
                     std::string* reduced_acl) {
   return Guard([&] {
-    return acl_internal::Authorize(context, acl, sequence, subject_key, requested_tag, validity,
+    return trust_internal::Authorize(context, acl, sequence, subject_key, requested_tag, validity,
                                    trace, reduced_acl);
   });
 }

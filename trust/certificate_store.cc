@@ -1,4 +1,4 @@
-#include "acl/certificate_store.h"
+#include "trust/certificate_store.h"
 
 #include <optional>
 #include <utility>

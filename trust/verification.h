@@ -10,8 +10,8 @@
 //   3. authorization: the certificates rebuilt without their revocation
 //      specifications, put to AuthorizeKey with the caller's ACL, key, tag and
 //      period.
-#ifndef VELK2_ACL_VERIFICATION_H_
-#define VELK2_ACL_VERIFICATION_H_
+#ifndef VELK2_TRUST_VERIFICATION_H_
+#define VELK2_TRUST_VERIFICATION_H_
 
 #include <cstddef>
 #include <functional>
@@ -86,4 +86,4 @@ Result RebuildForAuthorization(const CertificateSequence& sequence, Ref<SexpList
 
 }  // namespace velk2
 
-#endif  // VELK2_ACL_VERIFICATION_H_
+#endif  // VELK2_TRUST_VERIFICATION_H_

@@ -1,4 +1,4 @@
-#include "acl/revocation.h"
+#include "trust/revocation.h"
 
 #include <cstring>
 #include <set>

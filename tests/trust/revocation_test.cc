@@ -19,7 +19,7 @@
 
 #include "acl/acl_entry.h"
 #include "acl/acl_test_util.h"
-#include "acl/revocation.h"
+#include "trust/revocation.h"
 #include "credentials/date.h"
 #include "credentials/public_key.h"
 #include "frame/paths.h"

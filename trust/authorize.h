@@ -4,8 +4,8 @@
 // object is written as canonical text, the engine reduces the texts and
 // prints the reduced ACL, and the first entry's tag is read back with the
 // ACL reader and compared with the requested tag.
-#ifndef VELK2_ACL_AUTHORIZE_H_
-#define VELK2_ACL_AUTHORIZE_H_
+#ifndef VELK2_TRUST_AUTHORIZE_H_
+#define VELK2_TRUST_AUTHORIZE_H_
 
 #include <string>
 
@@ -61,13 +61,13 @@ Result AuthorizeKey(Velk2Context* context, const SexpList* acl, const SexpList* 
 bool IsEngineResult(Result result);
 bool IsUndecided(Result result);
 
-namespace acl_internal {
+namespace trust_internal {
 // AuthorizeKey's steps without its Guard, for the verification pipeline,
 // which runs under its own.
 Result Authorize(Velk2Context* context, const SexpList* acl, const SexpList* sequence,
                  const SexpList* subject_key, const SexpList* requested_tag,
                  const SexpList* validity, engine::ReductionTrace* trace, std::string* reduced_acl);
-}  // namespace acl_internal
+}  // namespace trust_internal
 
 // TagGranted: true when |granted_tag| authorises everything |requested_tag|
 // asks for. A null granted tag gives false; two tags with the same canonical
@@ -78,4 +78,4 @@ bool TagGranted(const SexpList* requested_tag, const SexpList* granted_tag);
 
 }  // namespace velk2
 
-#endif  // VELK2_ACL_AUTHORIZE_H_
+#endif  // VELK2_TRUST_AUTHORIZE_H_
