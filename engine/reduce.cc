@@ -143,6 +143,7 @@ FiveTuple* Reducer::NewTuple() {
   FiveTuple* tuple = tuples_.Take(engine_.arena());
   if (tuple == nullptr) return nullptr;
   tuple->serial = ++next_serial_;
+  tuple->source = -1;
   ++live_tuples_;
   return tuple;
 }
@@ -154,6 +155,7 @@ FiveTuple* Reducer::CopyTuple(const FiveTuple* source) {
   copy->propagate = source->propagate;
   copy->origin = source->origin;
   copy->threshold_index = source->threshold_index;
+  copy->source = source->source;
   copy->issuer = source->issuer;
   copy->subject = source->subject;
   copy->threshold = source->threshold;
@@ -367,6 +369,7 @@ Status Reducer::Combine(FiveTuple* first, FiveTuple* second) {
   copy->threshold_index = first->threshold_index;
   copy->threshold = first->threshold;
   copy->origin = kFromChaining;
+  copy->source = -1;
   AssignNode(engine_, &copy->tag, tag.get());
   AssignAtom(engine_, &copy->not_before, not_before);
   AssignAtom(engine_, &copy->not_after, not_after);

@@ -59,6 +59,11 @@ struct TraceTuple {
   std::string subject_names;
   // 0 for a certificate, -1 for an ACL entry, 1..n for member n of a k-of-n.
   int threshold_index = 0;
+  // Where a tuple read from a credential came from: the 0-based position of
+  // its ACL entry among the ACL's entries, or of its certificate among the
+  // sequence's certificates, in the order the trees hold them; -1 for a
+  // tuple made by chaining, resolving or combining.
+  int source = -1;
   // The tuple ends at the key asked about (or at any plain principal when
   // no key was given).
   bool on_key_path = false;
@@ -67,11 +72,24 @@ struct TraceTuple {
 // The story of one reduction: every tuple that joined the reduction's
 // indexes, in the order it joined, and the ids of the tuples that became
 // result entries, in result order (newest first).
+// One credential the reduction read, whether or not it joined: its
+// principals as the reduction identifies them (fingerprints as in
+// TraceTuple), so a caller can name them without a rule of its own.
+struct TraceInput {
+  int source = 0;        // the position, as TraceTuple::source
+  std::string issuer;    // empty for an ACL entry
+  std::string subject;   // empty for a k-of-n subject
+};
+
 struct ReductionTrace {
   // False: only whether a limit was reached is told (a big ACL makes a
   // tuple per entry, which a caller that shows no explanation does not need).
   bool record_tuples = true;
   std::vector<TraceTuple> tuples;
+  // The ACL's entries and the sequence's certificates as read, each in its
+  // order; a credential that the engine refused ends the list there.
+  std::vector<TraceInput> entries;
+  std::vector<TraceInput> certificates;
   std::vector<int> result;
   // Set when the reduction stopped at one of its work limits.
   bool limit_reached = false;

@@ -49,6 +49,7 @@ Status Reducer::AddCredential(EngineNode* credential) {
   FiveTuple* t = tuple.get();
   t->threshold_index = is_entry ? -1 : 0;
   t->origin = is_entry ? kFromAclEntry : kFromCertificate;
+  t->source = is_entry ? entries_read_++ : certificates_read_++;
 
   bool has_subject = false;
   bool relative = false;
@@ -95,6 +96,7 @@ Status Reducer::AddCredential(EngineNode* credential) {
     if (t->issuer == nullptr) return SPKI_ERR_SUBJECT_SYNTAX;
     t->subject = t->issuer;
   }
+  if (Status status = TraceInput(t, is_entry); status != SPKI_OK) return status;
 
   // A credential outside the period asked about is no error: it vanishes.
   if (validity_) {

@@ -68,6 +68,7 @@ struct FiveTuple {
   uint8_t derived;                 // joined through chaining, resolution or combination
   uint8_t origin;                  // TupleOrigin
   int16_t threshold_index;         // 0 certificate, -1 ACL entry, 1..n member of a k-of-n
+  int32_t source;                  // the credential's position, -1 for a made tuple
   Principal* issuer;               // null for the ACL's tuples
   EngineAtom* issuer_name;         // the local name a name certificate defines
   Principal* subject;              // null for a k-of-n subject not yet expanded
@@ -211,6 +212,7 @@ class Reducer {
   Status TraceCreatedFrom(const FiveTuple* tuple, const FiveTuple* const* parents, int count);
   Status TraceAccepted(FiveTuple* tuple);
   Status TraceResult(const FiveTuple* tuple);
+  Status TraceInput(const FiveTuple* tuple, bool is_entry);
 
   // What the reducer holds, each part letting go of its records when the
   // reducer ends. Members end in the reverse of their order here: the lists
@@ -288,6 +290,8 @@ class Reducer {
   const ReduceOptions& options_;
   ReductionStats stats_;
   uint32_t next_serial_ = 0;
+  int32_t entries_read_ = 0;       // the positions of the credentials read
+  int32_t certificates_read_ = 0;
   int32_t live_tuples_ = 0;
   int next_trace_id_ = 1;
   std::map<uint32_t, std::vector<int>> trace_parents_;

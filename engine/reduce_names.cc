@@ -106,6 +106,7 @@ Status Reducer::Resolve(FiveTuple* reference, FiveTuple* definition) {
   copy->subject = definition->subject;
   copy->on_key_path = definition->on_key_path;
   copy->origin = kFromName;
+  copy->source = -1;
   AssignAtom(engine_, &copy->not_before, not_before);
   AssignAtom(engine_, &copy->not_after, not_after);
   AssignAtom(engine_, &copy->subject_name, next != nullptr ? AtomOf(next) : nullptr);

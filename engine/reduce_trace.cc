@@ -88,8 +88,23 @@ Status Reducer::TraceAccepted(FiveTuple* tuple) {
       }
     }
     told.threshold_index = tuple->threshold_index;
+    told.source = tuple->source;
     told.on_key_path = tuple->on_key_path != 0;
     options_.trace->tuples.push_back(std::move(told));
+  } catch (const std::bad_alloc&) {
+    return SPKI_ERR_NO_MEM;
+  }
+  return SPKI_OK;
+}
+
+Status Reducer::TraceInput(const FiveTuple* tuple, bool is_entry) {
+  if (!tracing()) return SPKI_OK;
+  try {
+    engine::TraceInput read;
+    read.source = tuple->source;
+    if (tuple->issuer != nullptr) read.issuer = DigestHex(tuple->issuer->digest);
+    if (tuple->subject != nullptr) read.subject = DigestHex(tuple->subject->digest);
+    (is_entry ? options_.trace->entries : options_.trace->certificates).push_back(std::move(read));
   } catch (const std::bad_alloc&) {
     return SPKI_ERR_NO_MEM;
   }

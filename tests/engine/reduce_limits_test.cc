@@ -554,6 +554,32 @@ TEST(ReduceTrace, TellsWhoGrantsWhatToWhom) {
   std::sort(want.begin(), want.end());
   EXPECT_EQ(leaves, want);
 
+  // Each tuple read from a credential names its position; made ones none.
+  for (const TraceTuple& t : trace.tuples) {
+    const int want = t.kind == TraceKind::kAclEntry      ? 0
+                     : t.kind != TraceKind::kCertificate ? -1
+                     : t.issuer == Hex(Digest("SHA256", K0)) ? 0
+                                                             : 1;
+    EXPECT_EQ(t.source, want) << TraceKindName(t.kind);
+  }
+  // Every credential read is told with its principals, in order, also one
+  // that the period or the tag kept out of the reduction.
+  ReductionTrace inputs;
+  const std::string_view asked = kFtp;
+  ASSERT_EQ(ReduceCanonical(0, Acl({Entry({K0, true, kFtp}), Entry({KA, true, "(3:tag(4:http))"})}),
+                            sequence, K2, &asked, nullptr, &result, &inputs),
+            SPKI_OK);
+  ASSERT_EQ(inputs.entries.size(), 2u);
+  EXPECT_EQ(inputs.entries[1].source, 1);
+  EXPECT_EQ(inputs.entries[1].issuer, "");
+  EXPECT_EQ(inputs.entries[1].subject, Hex(Digest("SHA256", KA)));
+  ASSERT_EQ(inputs.certificates.size(), 2u);
+  EXPECT_EQ(inputs.certificates[1].issuer, Hex(Digest("SHA256", K1)));
+  EXPECT_EQ(inputs.certificates[1].subject, Hex(Digest("SHA256", K2)));
+  for (const TraceTuple& t : inputs.tuples) {
+    EXPECT_FALSE(t.kind == TraceKind::kAclEntry && t.source == 1) << "the (http) entry joined";
+  }
+
   // A threshold and a name leave their own kinds.
   ReductionTrace kinds;
   ASSERT_EQ(ReduceCanonical(0, Acl({Entry({KOfN(1, {Name(K0, {"team", "x"}), KA}), false, kFtp})}),
