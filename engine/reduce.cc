@@ -251,6 +251,7 @@ Status Reducer::Run(EngineNode* acl, EngineNode* sequence, EngineNode* key, Engi
   if (key != nullptr) {
     Status status = PrincipalOf(key, &key_);
     if (status != SPKI_OK) return status;
+    if (tracing()) options_.trace->key = DigestHex(key_->digest);
   }
   Status status = Walk(acl, 1, /*certificates_only=*/false);
   if (status == SPKI_OK && sequence != nullptr) status = Walk(sequence, 1, true);

@@ -76,9 +76,9 @@ struct TraceTuple {
 // principals as the reduction identifies them (fingerprints as in
 // TraceTuple), so a caller can name them without a rule of its own.
 struct TraceInput {
-  int source = 0;        // the position, as TraceTuple::source
-  std::string issuer;    // empty for an ACL entry
-  std::string subject;   // empty for a k-of-n subject
+  int source = 0;       // the position, as TraceTuple::source
+  std::string issuer;   // empty for an ACL entry
+  std::string subject;  // empty for a k-of-n subject
 };
 
 struct ReductionTrace {
@@ -90,6 +90,7 @@ struct ReductionTrace {
   // order; a credential that the engine refused ends the list there.
   std::vector<TraceInput> entries;
   std::vector<TraceInput> certificates;
+  std::string key;  // the key asked about, as the reduction identifies it; empty: none
   std::vector<int> result;
   // Set when the reduction stopped at one of its work limits.
   bool limit_reached = false;

@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include "trust/certificate_store.h"
 #include "credentials/date.h"
 #include "frame/boundary.h"
 #include "frame/file_item.h"
@@ -19,6 +18,8 @@
 #include "manifest/package.h"
 #include "manifest/read.h"
 #include "manifest/rollback.h"
+#include "sexp/reader.h"
+#include "trust/certificate_store.h"
 #include "velk2.h"
 
 using namespace velk2;

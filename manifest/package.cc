@@ -4,12 +4,13 @@
 #include <utility>
 #include <vector>
 
-#include "trust/certificate_store.h"
 #include "credentials/date.h"
 #include "frame/file_item.h"
 #include "frame/paths.h"
 #include "manifest/body.h"
 #include "manifest/rollback.h"
+#include "sexp/reader.h"
+#include "trust/certificate_store.h"
 
 namespace velk2 {
 
@@ -85,7 +86,10 @@ Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_a
   result = ReadManifestBody(&root, file.body(), &ignored);
   if (result != VELK2_SUCCESS) return result;
   CompareResults results;
-  if (report != nullptr) report->files_listed = CountFiles(root);
+  if (report != nullptr) {
+    report->files_listed = CountFiles(root);
+    if (report->on_start) report->on_start(report->files_listed);
+  }
   DiskOptions options;
   options.threads = context->hash_threads;
   options.on_file = report != nullptr ? &report->on_file : nullptr;

@@ -3,8 +3,6 @@
 #include <utility>
 
 #include "acl/acl_entry.h"
-#include "trust/authorize.h"
-#include "trust/revocation.h"
 #include "credentials/certificate.h"
 #include "credentials/date.h"
 #include "credentials/hash_value.h"
@@ -13,6 +11,8 @@
 #include "platform/files.h"
 #include "sexp/reader.h"
 #include "sexp/source.h"
+#include "trust/authorize.h"
+#include "trust/revocation.h"
 
 namespace velk2 {
 
@@ -179,13 +179,17 @@ class ManifestReader {
     result = CheckSequence(query, *chain_, &findings);
     if (result != VELK2_SUCCESS) return result;
     std::vector<const Certificate*> kept;
+    std::vector<size_t> kept_positions;
     for (size_t i = 0; i < chain_->entry_count(); ++i) {
-      if (findings[i].state == kNotRevoked) kept.push_back(chain_->entry(i).certificate);
+      if (findings[i].state != kNotRevoked) continue;
+      kept.push_back(chain_->entry(i).certificate);
+      kept_positions.push_back(i);
     }
     const Certificate* object = chain_->entry(0).certificate;
     const SexpList* key = object->subject();
     if (report_ != nullptr) {
       report_->revocation = std::move(findings);
+      report_->signing_certificates = std::move(kept_positions);
       report_->lists_from_store = lists.size() - lists_.size();
       report_->acl = acl;
       report_->key = Ref<SexpList>::Share(const_cast<SexpList*>(key));
@@ -211,9 +215,9 @@ class ManifestReader {
     }
     if (result != VELK2_SUCCESS) return result;
 
-    result = trust_internal::Authorize(library_, acl.get(), sequence.get(), key, context_->tag.get(),
-                                     valid.get(), report_ ? report_->trace : nullptr,
-                                     report_ ? report_->reduced_acl : nullptr);
+    result = trust_internal::Authorize(
+        library_, acl.get(), sequence.get(), key, context_->tag.get(), valid.get(),
+        report_ ? report_->trace : nullptr, report_ ? report_->reduced_acl : nullptr);
     if (report_ != nullptr) report_->authorization = result;
     return result;
   }

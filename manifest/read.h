@@ -18,12 +18,12 @@
 #include <string_view>
 #include <vector>
 
-#include "trust/revocation.h"
 #include "credentials/certificate_sequence.h"
 #include "engine/reduce.h"
 #include "frame/result.h"
 #include "manifest/context.h"
 #include "manifest/rollback.h"
+#include "trust/revocation.h"
 
 namespace velk2 {
 
@@ -64,9 +64,14 @@ struct ManifestReport {
   RollbackReport rollback;      // what rollback protection checked and recorded
   engine::ReductionTrace* trace = nullptr;
   std::string* reduced_acl = nullptr;
-  // For a caller that shows progress: the files the manifest lists (set
-  // before the disk is read) and a call after every file read.
+  // The certificate of |chain| behind each certificate of the signing
+  // sequence put to the authorization query, in order.
+  std::vector<size_t> signing_certificates;
+  // For a caller that shows progress: the files the manifest lists (set,
+  // and told to |on_start|, before the disk is read) and a call after every
+  // file read.
   size_t files_listed = 0;
+  std::function<void(size_t files)> on_start;
   std::function<void(uint64_t bytes)> on_file;
 };
 

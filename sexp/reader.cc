@@ -419,4 +419,8 @@ Result ParseLengthPrefixedList(Ref<SexpList>* out, const char* text, size_t leng
   });
 }
 
+Result ReadTagText(const char* text, Velk2Context* context, Ref<SexpList>* out) {
+  return ParseTextSequence(out, text, "tag", context);
+}
+
 }  // namespace velk2

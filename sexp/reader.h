@@ -75,6 +75,13 @@ Result ParseTextList(Ref<SexpList>* out, const char* text, size_t* position, Vel
 // outside any list gives 28.
 Result ParseTextSequence(Ref<SexpList>* out, const char* text, const char* keyword,
                          Velk2Context* context);
+
+// ReadTagText reads a tag text the one way the library reads one, for every
+// export, the tool and the toolkit alike: "(pkg install)" is (tag (pkg
+// install)), each top-level element of the text one child, every token an
+// atom exactly as typed. There is no other form: a text that is a whole
+// (tag ...) is a tag holding a list named "tag". The text reader's codes.
+Result ReadTagText(const char* text, Velk2Context* context, Ref<SexpList>* out);
 // ParseLengthPrefixedAtom reads "n:" and n bytes from |text| of |length|
 // bytes, white space allowed before it. 2 for a non-null *out, null text or
 // length 0. The count is checked against the text: VELK2_ERR_BUFFER_OVERFLOW

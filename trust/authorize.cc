@@ -47,10 +47,10 @@ Result ConvertToEngine(const SexpList* object, std::string* text) {
   return Guard([&] { return WriteForEngine(object, text); });
 }
 
-Result trust_internal::Authorize(Velk2Context* context, const SexpList* acl, const SexpList* sequence,
-                               const SexpList* subject_key, const SexpList* requested_tag,
-                               const SexpList* validity, engine::ReductionTrace* trace,
-                               std::string* reduced_acl) {
+Result trust_internal::Authorize(Velk2Context* context, const SexpList* acl,
+                                 const SexpList* sequence, const SexpList* subject_key,
+                                 const SexpList* requested_tag, const SexpList* validity,
+                                 engine::ReductionTrace* trace, std::string* reduced_acl) {
   if (acl == nullptr || sequence == nullptr || subject_key == nullptr) {
     return VELK2_ERR_INVALID_PARAM;
   }
@@ -95,7 +95,7 @@ Result AuthorizeKey(Velk2Context* context, const SexpList* acl, const SexpList* 
                     std::string* reduced_acl) {
   return Guard([&] {
     return trust_internal::Authorize(context, acl, sequence, subject_key, requested_tag, validity,
-                                   trace, reduced_acl);
+                                     trace, reduced_acl);
   });
 }
 
@@ -111,6 +111,27 @@ bool TagGranted(const SexpList* requested_tag, const SexpList* granted_tag) {
   return Guard([&] {
            return Granted(requested_tag, granted_tag) ? VELK2_SUCCESS : VELK2_ERR_NOT_GRANTED;
          }) == VELK2_SUCCESS;
+}
+
+namespace {
+
+// The depth of the deepest list in |object| (an atom is 0), counted no
+// further than |limit|.
+uint32_t NestingDepth(const SexpObject& object, uint32_t limit) {
+  const SexpList* list = object.AsList();
+  if (list == nullptr || limit == 0) return 0;
+  uint32_t deepest = 0;
+  for (const Ref<SexpObject>& child : list->children()) {
+    deepest = std::max(deepest, NestingDepth(*child, limit - 1));
+  }
+  return deepest + 1;
+}
+
+}  // namespace
+
+bool FitsTheEngine(const SexpObject& credential) {
+  const uint32_t most = static_cast<uint32_t>(engine::kMaxNesting) - 1;
+  return NestingDepth(credential, most + 1) <= most;
 }
 
 }  // namespace velk2

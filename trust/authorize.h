@@ -76,6 +76,13 @@ Result Authorize(Velk2Context* context, const SexpList* acl, const SexpList* seq
 // requested tag. A tag that cannot be written is treated as missing.
 bool TagGranted(const SexpList* requested_tag, const SexpList* granted_tag);
 
+// FitsTheEngine: whether a credential (an ACL entry or a certificate) is
+// nested shallowly enough for the authorization engine, which meets it one
+// level down, inside (acl ...) or (sequence ...). The readers take more, so
+// an entry the engine refuses would make every question against its
+// directory fail.
+bool FitsTheEngine(const SexpObject& credential);
+
 }  // namespace velk2
 
 #endif  // VELK2_TRUST_AUTHORIZE_H_

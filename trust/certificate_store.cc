@@ -28,10 +28,6 @@ std::optional<int64_t> Given(int64_t time) {
 
 }  // namespace
 
-Result ReadTagText(const char* text, Velk2Context* context, Ref<SexpList>* out) {
-  return ParseTextSequence(out, text, "tag", context);
-}
-
 SequenceVerdict VerifyChain(const ChainQuestion& question) {
   SequenceVerdict verdict{VELK2_ERR_PARAM_NULL, VerifyStage::kSignatures, 0};
   if (question.sequence == nullptr || question.tag == nullptr) return verdict;

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "trust/revocation.h"
-#include "trust/verification.h"
 #include "credentials/certificate_sequence.h"
 #include "engine/reduce.h"
+#include "trust/revocation.h"
+#include "trust/verification.h"
 
 namespace velk2 {
 
@@ -37,11 +37,6 @@ struct ChainQuestion {
 // subject, the tag and the period. 38 for a null sequence or tag; 2 for a
 // time that has no date text.
 SequenceVerdict VerifyChain(const ChainQuestion& question);
-
-// ReadTagText reads a caller's tag text as the exports take it: "(pkg
-// install)" is (tag (pkg install)), each top-level element one child. The
-// text reader's codes.
-Result ReadTagText(const char* text, Velk2Context* context, Ref<SexpList>* out);
 
 }  // namespace velk2
 

@@ -3,12 +3,13 @@
 // with the ACL because verifying a chain asks the ACL.
 #include <utility>
 
-#include "trust/certificate_store.h"
 #include "credentials/certificate_sequence.h"
 #include "credentials/records.h"
 #include "frame/boundary.h"
 #include "frame/file_item.h"
 #include "frame/paths.h"
+#include "sexp/reader.h"
+#include "trust/certificate_store.h"
 #include "velk2.h"
 
 using namespace velk2;

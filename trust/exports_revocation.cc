@@ -4,12 +4,13 @@
 #include <utility>
 
 #include "acl/acl_entry.h"
-#include "trust/certificate_store.h"
-#include "trust/revocation.h"
 #include "credentials/date.h"
 #include "credentials/records.h"
 #include "credentials/revocation_list.h"
 #include "frame/boundary.h"
+#include "sexp/reader.h"
+#include "trust/certificate_store.h"
+#include "trust/revocation.h"
 #include "velk2.h"
 
 using namespace velk2;

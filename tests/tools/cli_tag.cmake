@@ -5,7 +5,9 @@ velk2_cli_test(tag_equal EXIT 0 MATCH "^equal$" ARGS tag compare "(ftp host)" "(
 velk2_cli_test(tag_narrower EXIT 0 MATCH "^narrower$" ARGS tag compare "(ftp host read)" "(ftp host)")
 velk2_cli_test(tag_broader EXIT 0 MATCH "^broader$" ARGS tag compare "(* set read write)" "read")
 velk2_cli_test(tag_disjoint EXIT 0 MATCH "^disjoint$" ARGS tag compare "(ftp)" "(http)")
-velk2_cli_test(tag_canonical EXIT 0 MATCH "^equal$" ARGS tag compare "(3:ftp4:host)" "(ftp host)")
+# One reader for every tag text: what only looks canonical is read as text.
+velk2_cli_test(tag_canonical_is_text EXIT 0 MATCH "^disjoint$"
+  ARGS tag compare "(3:ftp4:host)" "(ftp host)")
 velk2_cli_test(tag_intersect_set EXIT 0 MATCH "read"
   ARGS tag intersect "(ftp (* set read write))" "(ftp (* set read delete))")
 velk2_cli_test(tag_intersect_prefix EXIT 0 MATCH "/pub/src/"

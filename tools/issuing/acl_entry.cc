@@ -8,6 +8,7 @@
 #include "sexp/source.h"
 #include "tools/issuing/issuer.h"
 #include "tools/issuing/private_key.h"
+#include "trust/authorize.h"
 
 namespace velk2::issuing {
 Result MakeAclEntry(const AclEntryRequest& request, Ref<SexpList>* out) {

@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "credentials/certificate.h"
+#include "credentials/certificate_sequence.h"
 #include "credentials/date.h"
+#include "credentials/public_key.h"
 #include "credentials/signature.h"
 #include "engine/status.h"
 #include "platform/files.h"
@@ -17,6 +19,7 @@
 #include "platform/zcry.h"
 #include "sexp/reader.h"
 #include "sexp/source.h"
+#include "trust/authorize.h"
 
 namespace velk2::issuing {
 namespace {
@@ -117,48 +120,13 @@ Result SignObject(const PrivateKey& key, const SexpObject& object, const std::st
   return r;
 }
 
-namespace {
-
-// A canonical list spanning the whole text, or null: "(3:ftp4:host)" is taken
-// as it stands, while "(3d printer)" only looks canonical and is read as text.
-Ref<SexpList> WholeCanonicalList(const std::string& text) {
-  if (text.size() < 2 || text[0] != '(' ||
-      !((text[1] >= '1' && text[1] <= '9') || text[1] == '[')) {
-    return nullptr;
-  }
-  SexpMemorySource source;
-  Ref<SexpList> list;
-  if (source.AttachCopy(text.data(), static_cast<uint32_t>(text.size())) != VELK2_SUCCESS ||
-      ParseCanonicalList(&list, &source, nullptr) != VELK2_SUCCESS || source.GetByte(false) != -1) {
-    return nullptr;
-  }
-  return list;
-}
-
-}  // namespace
-
-Result ParseTag(const std::string& text, Ref<SexpList>* out, bool* given_whole) {
-  if (given_whole != nullptr) *given_whole = false;
+Result ParseTag(const std::string& text, Ref<SexpList>* out) {
   if (text.find('\0') != std::string::npos) return VELK2_ERR_UNEXPECTED_CHAR;
   Ref<SexpList> tag;
-  Result r = VELK2_SUCCESS;
-  if (Ref<SexpList> canonical = WholeCanonicalList(text)) {
-    r = NewKeywordListWithChild(&tag, "tag", std::move(canonical), nullptr);
-  } else {
-    r = ParseTextSequence(&tag, text.c_str(), "tag", nullptr);
-  }
+  const Result r = ReadTagText(text.c_str(), nullptr, &tag);
   if (r != VELK2_SUCCESS) return r;
+  // A credential that grants nothing at all is a mistake, never a wish.
   if (tag->ChildCount() < 2) return VELK2_ERR_INVALID_PARAM;
-  // A whole "(tag ...)" is the tag itself, not a tag that holds a tag.
-  const SexpObject* only = tag->ChildCount() == 2 ? tag->ChildAt(1) : nullptr;
-  if (only != nullptr && only->IsList() && only->AsList()->ChildCount() > 0 &&
-      !only->AsList()->FirstChild()->IsList() &&
-      only->AsList()->FirstChild()->AsAtom()->hint() == kHintNone &&
-      only->AsList()->FirstChild()->AsAtom()->AtomEqualsText("tag")) {
-    *out = Ref<SexpList>::Share(tag->children()[1].get()->AsList());
-    if (given_whole != nullptr) *given_whole = true;
-    return VELK2_SUCCESS;
-  }
   *out = std::move(tag);
   return VELK2_SUCCESS;
 }
@@ -276,26 +244,7 @@ Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out
   return r;
 }
 
-namespace {
-
-// The depth of the deepest list in |object| (an atom is 0), counted no
-// further than |limit|.
-uint32_t NestingDepth(const SexpObject& object, uint32_t limit) {
-  const SexpList* list = object.AsList();
-  if (list == nullptr || limit == 0) return 0;
-  uint32_t deepest = 0;
-  for (const Ref<SexpObject>& child : list->children()) {
-    deepest = std::max(deepest, NestingDepth(*child, limit - 1));
-  }
-  return deepest + 1;
-}
-
-}  // namespace
-
-bool FitsTheEngine(const SexpObject& credential) {
-  const uint32_t most = static_cast<uint32_t>(engine::kMaxNesting) - 1;
-  return NestingDepth(credential, most + 1) <= most;
-}
+namespace {}  // namespace
 
 Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpList> signature,
                          const std::string& owner) {
@@ -326,6 +275,95 @@ Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpLi
   // A file no reader loads would lose every certificate in it.
   if (bytes.size() > kMaxSourceFileSize) return VELK2_ERR_BUFFER_OVERFLOW;
   return WriteFileAtomically(path, bytes, 0644, true);
+}
+
+namespace {
+
+bool EndsWith(const std::string& s, const std::string& suffix) {
+  return s.size() >= suffix.size() &&
+         s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// The size in bits of an unsigned big-endian integer atom.
+uint32_t BitLength(const SexpAtom* atom) {
+  std::string_view bytes = atom->bytes();
+  size_t i = 0;
+  while (i < bytes.size() && bytes[i] == 0) ++i;
+  if (i == bytes.size()) return 0;
+  uint32_t bits = static_cast<uint32_t>((bytes.size() - i) * 8);
+  for (uint8_t top = static_cast<uint8_t>(bytes[i]); (top & 0x80) == 0; top <<= 1) --bits;
+  return bits;
+}
+
+}  // namespace
+
+Result LoadPublicKey(const std::string& path, Ref<SexpList>* out) {
+  if (EndsWith(path, ".pem")) {
+    issuing::PrivateKey key;
+    Result r = issuing::PrivateKey::LoadPem(path, &key);
+    if (r != VELK2_SUCCESS) return r;
+    return issuing::MakePublicKey(key, out);
+  }
+  // A .pub file must hold exactly one key that the library itself accepts.
+  std::unique_ptr<SexpMemorySource> source = NewFileSource(Utf8ToUtf16(path).c_str());
+  if (!source) return VELK2_ERR_FILE_OPEN;
+  Ref<PublicKey> key = PublicKey::New();
+  Result r = key->Parse(source.get());
+  if (r != VELK2_SUCCESS) return r;
+  if (source->position() != source->length()) return VELK2_ERR_PARSE_FILE;
+  *out = std::move(key);
+  return VELK2_SUCCESS;
+}
+
+Result ReadPublicKeyText(const std::string& path, std::string* canonical) {
+  Ref<SexpList> key;
+  const Result r = LoadPublicKey(path, &key);
+  if (r != VELK2_SUCCESS) return r;
+  *canonical = StoredForm(*key);
+  return canonical->empty() ? VELK2_ERR_MEM_ALLOC : VELK2_SUCCESS;
+}
+
+Result ReadKeyInfo(const std::string& path, KeyInfo* info) {
+  Ref<SexpList> key;
+  Result r = LoadPublicKey(path, &key);
+  if (r != VELK2_SUCCESS) return r;
+  const SexpList* algorithm = key->ChildAt(1)->AsList();
+  info->type = std::string(algorithm->FirstChild()->AsAtom()->bytes());
+  // The size of the modulus (RSA) or of the prime p (DSA): the second parameter or the first.
+  const SexpObject* size_parameter = algorithm->ChildAt(info->type == "rsa" ? 2 : 1);
+  const SexpList* parameter = size_parameter ? size_parameter->AsList() : nullptr;
+  const SexpObject* value = parameter ? parameter->ChildAt(1) : nullptr;
+  if (value == nullptr || value->IsList()) return VELK2_ERR_PRINCIPAL;
+  info->bits = BitLength(value->AsAtom());
+  CBuffer<uint8_t> digest;
+  uint32_t length = 0;
+  r = ComputeHash(key.get(), &digest, &length, ZCRY_HASH_SHA256, true);
+  if (r != VELK2_SUCCESS) return r;
+  info->fingerprint = HexString(digest.get(), length);
+  return VELK2_SUCCESS;
+}
+
+static_assert(kHashSha1 == ZCRY_HASH_SHA1 && kHashSha256 == ZCRY_HASH_SHA256);
+
+Result ReadCertificateAt(const std::string& path, size_t index, Ref<SexpObject>* body, bool* scoped,
+                         size_t* count) {
+  Ref<CertificateSequence> sequence;
+  const Result r = ReadCertificateFile(&sequence, Utf8ToUtf16(path).c_str(), nullptr);
+  if (r != VELK2_SUCCESS) return r;
+  *count = sequence->entry_count();
+  if (index >= sequence->entry_count()) return VELK2_ERR_INVALID_PARAM;
+  const Certificate* certificate = sequence->entry(index).certificate;
+  *scoped = certificate->revocation_spec() != nullptr;
+  *body = Ref<SexpObject>::Share(const_cast<Certificate*>(certificate));
+  return VELK2_SUCCESS;
+}
+
+Result WriteFile(const std::string& path, const std::string& bytes, unsigned mode, bool overwrite) {
+  return WriteFileAtomically(path, bytes, mode, overwrite);
+}
+
+std::string CanonicalText(const SexpObject& object) {
+  return StoredForm(object);
 }
 
 }  // namespace velk2::issuing

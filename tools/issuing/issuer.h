@@ -29,16 +29,13 @@ Result MakeHashPrincipal(const SexpObject& object, Ref<SexpList>* out);
 Result SignObject(const PrivateKey& key, const SexpObject& object, const std::string& algorithm,
                   uint32_t hash_id, Ref<SexpList>* out);
 
-// ParseTag reads a tag as the library's exports read tag texts, with the
-// text reader: "(pkg install)" or "(ftp (* set read write))" becomes
-// (tag ...), each top-level element one child, every token an atom as typed
-// (quotes included: the text reader knows no quoting). A text that is one
-// whole canonical list, "(3:ftp4:host)", is that list; a whole "(tag ...)"
-// is the tag itself. Every command reads its tags here, so they all agree.
-// VELK2_ERR_UNEXPECTED_CHAR (28) or VELK2_ERR_INVALID_S_EXPRESSION (29) when it
-// does not read (28 for a NUL byte), VELK2_ERR_INVALID_PARAM (2) for an empty tag.
-// *given_whole (optional) says whether the text was a whole (tag ...).
-Result ParseTag(const std::string& text, Ref<SexpList>* out, bool* given_whole = nullptr);
+// ParseTag reads the tag of a credential to be issued with the library's
+// one tag reader (ReadTagText): "(pkg install)" or "(ftp (* set read write))"
+// becomes (tag ...), each top-level element one child, every token an atom
+// as typed. VELK2_ERR_UNEXPECTED_CHAR (28) or VELK2_ERR_INVALID_S_EXPRESSION
+// (29) when it does not read (28 for a NUL byte), VELK2_ERR_INVALID_PARAM
+// (2) for an empty tag: an issued credential grants something.
+Result ParseTag(const std::string& text, Ref<SexpList>* out);
 
 // ParseDate reads "YYYY-MM-DD_hh:mm:ss" (UTC) exactly: two digits for every
 // field but the year, the separators as written, every field in range.
@@ -79,13 +76,6 @@ struct CertificateRequest : GrantFields {
 // [(7:comment c)] [(10:revocation scope...)]). 2 without issuer or subject.
 Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out);
 
-// FitsTheEngine: whether a credential (an ACL entry or a certificate) is
-// nested shallowly enough for the authorization engine, which meets it one
-// level down, inside (acl ...) or (sequence ...). The readers take more, so
-// an entry the engine refuses would make every question against its
-// directory fail.
-bool FitsTheEngine(const SexpObject& credential);
-
 // AppendCertificate adds the entry body, signature, (5:owner |owner|) to the
 // (8:sequence ...) in the file at |path|, creating it when missing. The file
 // is replaced whole through a temporary file, so it is never half-written.
@@ -95,6 +85,40 @@ bool FitsTheEngine(const SexpObject& credential);
 // past kMaxSourceFileSize, the most any reader loads (the file is kept).
 Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpList> signature,
                          const std::string& owner);
+
+// What `key show` prints of a key.
+struct KeyInfo {
+  std::string type;  // "rsa" or "dsa"
+  uint32_t bits = 0;
+  std::string fingerprint;  // SHA-256 of the canonical public key, hex
+};
+// LoadPublicKey reads a public key: a canonical .pub file that the library's
+// key reader accepts (nothing may follow the key), or the public half of a
+// .pem private key. The reader's or the key's code when it is not one.
+Result LoadPublicKey(const std::string& path, Ref<SexpList>* out);
+// The same as the key's canonical text, as the library's questions take it.
+Result ReadPublicKeyText(const std::string& path, std::string* canonical);
+Result ReadKeyInfo(const std::string& path, KeyInfo* info);
+
+// ReadCertificateAt reads certificate |index| (0-based) of the certificate
+// file at |path|: its body, whether it names a revocation scope, and how
+// many the file holds. The reader's codes; VELK2_ERR_INVALID_PARAM (2) when
+// |index| is past the end (|*count| still set).
+Result ReadCertificateAt(const std::string& path, size_t index, Ref<SexpObject>* body, bool* scoped,
+                         size_t* count);
+
+// WriteFile writes a credential or manifest the toolkit made: whole,
+// through a temporary file, never half-written (WriteFileAtomically).
+Result WriteFile(const std::string& path, const std::string& bytes, unsigned mode, bool overwrite);
+
+// CanonicalText: the stored form of a credential the toolkit made, as its
+// file holds it.
+std::string CanonicalText(const SexpObject& object);
+
+// The hash a signature covers, by name: "sha1" or "sha256" (the crypto
+// module's ids, which SignObject takes).
+constexpr uint32_t kHashSha1 = 0;
+constexpr uint32_t kHashSha256 = 2;
 
 }  // namespace velk2::issuing
 

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "acl/acl_entry.h"
-#include "trust/revocation.h"
 #include "credentials/date.h"
 #include "credentials/hash_value.h"
 #include "credentials/revocation_list.h"
@@ -23,6 +22,7 @@
 #include "platform/utf.h"
 #include "platform/zcry.h"
 #include "tools/issuing/issuer.h"
+#include "trust/revocation.h"
 
 namespace velk2::issuing {
 namespace {
@@ -246,6 +246,18 @@ Result StoreListsForChain(const CertificateSequence& chain, int64_t at,
     out->push_back(std::move(found));
   }
   return VELK2_SUCCESS;
+}
+
+Result ReadChainFile(const std::string& path, Ref<CertificateSequence>* out) {
+  return ReadCertificateFile(out, Utf8ToUtf16(path).c_str(), nullptr);
+}
+
+Result ReadListFile(const std::string& path, std::string* bytes) {
+  Ref<RevocationList> list;
+  const Result r = ReadRevocationListFile(&list, Utf8ToUtf16(path).c_str(), nullptr);
+  if (r != VELK2_SUCCESS) return r;
+  *bytes = StoredForm(*list);
+  return bytes->empty() ? VELK2_ERR_MEM_ALLOC : VELK2_SUCCESS;
 }
 
 }  // namespace velk2::issuing

@@ -59,6 +59,13 @@ struct ScopeList {
 Result StoreListsForChain(const CertificateSequence& chain, int64_t at,
                           std::vector<ScopeList>* out);
 
+// ReadChainFile reads the signer's chain: a certificate file, its own
+// certificate first. The reader's codes.
+Result ReadChainFile(const std::string& path, Ref<CertificateSequence>* out);
+// ReadListFile reads a revocation list to ship with a manifest, as its
+// stored form. The reader's codes.
+Result ReadListFile(const std::string& path, std::string* bytes);
+
 }  // namespace velk2::issuing
 
 #endif  // VELK2_TOOLS_ISSUING_MANIFEST_H_

@@ -4,16 +4,14 @@
 #include <cstdio>
 #include <string>
 
-#include "acl/acl_entry.h"
-#include "frame/paths.h"
 #include "platform/utf.h"
-#include "sexp/display.h"
 #include "tools/issuing/acl_entry.h"
 #include "tools/issuing/issuer.h"
 #include "tools/velk2/commands.h"
+#include "tools/velk2/messages.h"
 #include "tools/velk2/options.h"
 #include "tools/velk2/support.h"
-#include "tools/velk2/support_acl.h"
+#include "trust/tool_api.h"
 
 namespace velk2::cli {
 namespace {
@@ -76,22 +74,24 @@ int RunAclAdd(const Args& args) {
 
 namespace {
 
-void PrintEntry(const AclEntry& entry, const std::string& file) {
-  std::printf("%s\n", file.c_str());
-  std::printf("  subject:    %s\n",
-              entry.subject() ? DescribePrincipal(*entry.subject()).c_str() : "(none)");
-  std::printf("  propagate:  %s\n", entry.propagate() ? "yes (may delegate)" : "no");
-  std::printf("  tag:        %s\n", ReadableTag(entry.tag()).c_str());
-  if (entry.not_before() == nullptr && entry.not_after() == nullptr) {
+void PrintEntry(const api::AclEntryInfo& entry) {
+  std::printf("%s\n", EscapeForDisplay(entry.file).c_str());
+  std::printf("  subject:    %s\n", entry.subject.empty() ? "(none)" : entry.subject.c_str());
+  std::printf("  propagate:  %s\n", entry.propagate ? "yes (may delegate)" : "no");
+  std::printf("  tag:        %s\n", entry.tag.empty() ? "(none)" : entry.tag.c_str());
+  if (entry.not_before.empty() && entry.not_after.empty()) {
     std::printf("  valid:      always\n");
   } else {
-    if (entry.not_before()) std::printf("  not-before: %s\n", AtomText(entry.not_before()).c_str());
-    if (entry.not_after()) std::printf("  not-after:  %s\n", AtomText(entry.not_after()).c_str());
+    if (!entry.not_before.empty()) {
+      std::printf("  not-before: %s\n", EscapeForDisplay(entry.not_before).c_str());
+    }
+    if (!entry.not_after.empty()) {
+      std::printf("  not-after:  %s\n", EscapeForDisplay(entry.not_after).c_str());
+    }
   }
-  if (entry.generation() != 0) std::printf("  generation: %u\n", entry.generation());
-  if (entry.comment())
-    std::printf("  comment:    %s\n", FormatReadableLine(*entry.comment()).c_str());
-  if (!issuing::FitsTheEngine(entry)) {
+  if (entry.generation != 0) std::printf("  generation: %u\n", entry.generation);
+  if (!entry.comment.empty()) std::printf("  comment:    %s\n", entry.comment.c_str());
+  if (entry.too_deep) {
     std::printf(
         "  refused:    nested deeper than the authorization engine goes; every question "
         "against this directory fails (-130)\n");
@@ -103,46 +103,39 @@ void PrintEntry(const AclEntry& entry, const std::string& file) {
 int RunAclList(const Args& args) {
   const char* kName = "acl list";
   if (args.size() != 1) return UsageError(kName, "expected one DIR");
-  const std::u16string directory = Utf8ToUtf16(args[0]);
-  DirectoryEnumerator files;
-  if (!IsDirectory(args[0])) return Fail(kExitUsage, kName, "no directory " + args[0]);
-  Result r = files.Open(directory.c_str(), u"*.acl");
+  api::AclListing listing;
+  const Result r = api::ListAcl(args[0], &listing);
+  if (r == VELK2_ERR_FIND_DIR) return Fail(kExitUsage, kName, "no directory " + args[0]);
   if (r != VELK2_SUCCESS) return Fail(kExitUsage, kName, args[0] + " holds no *.acl file");
-  int loaded = 0, skipped = 0, too_deep = 0;
-  Result last = VELK2_SUCCESS;
-  std::string last_file;
+  // Entries and refusals in the order the library reads the files.
+  size_t skipped = 0, too_deep = 0;
   bool first = true;
-  for (const char16_t* path = files.Next(true); path != nullptr; path = files.Next(true)) {
-    const std::string file = EscapeForDisplay(Utf16ToUtf8(path));
-    Ref<AclEntry> entry = AclEntry::New();
-    last = LoadAclEntryFile(entry.get(), path);
-    last_file = file;
-    if (last != VELK2_SUCCESS) {
-      std::fprintf(stderr, "velk2 acl list: skipped %s: %s\n", file.c_str(),
-                   StatusText(last).c_str());
-      ++skipped;
-      continue;
-    }
+  for (const api::AclEntryInfo& entry : listing.entries) {
     if (!first) std::printf("\n");
     first = false;
-    PrintEntry(*entry, file);
-    ++loaded;
-    if (!issuing::FitsTheEngine(*entry)) ++too_deep;
+    PrintEntry(entry);
+    if (entry.too_deep) ++too_deep;
+  }
+  for (const auto& [file, code] : listing.skipped) {
+    std::fprintf(stderr, "velk2 acl list: skipped %s: %s\n", EscapeForDisplay(file).c_str(),
+                 StatusText(code).c_str());
+    ++skipped;
   }
   std::fflush(stdout);
-  if (last != VELK2_SUCCESS) {
+  if (listing.last_file_failed) {
     // The library keeps the result of the last file: without an extra
     // directory, a bad last file discards the whole ACL.
     std::fprintf(stderr,
                  "velk2 acl list: the last file, %s, does not load, so the library refuses this "
                  "ACL as a whole when it is the only ACL directory (%s)\n",
-                 last_file.c_str(), StatusText(VELK2_ERR_FILE_NOT_FOUND).c_str());
+                 EscapeForDisplay(listing.last_file).c_str(),
+                 StatusText(VELK2_ERR_FILE_NOT_FOUND).c_str());
   }
-  std::fprintf(stderr, "velk2 acl list: %d %s loaded, %d skipped\n", loaded,
-               loaded == 1 ? "entry" : "entries", skipped);
+  std::fprintf(stderr, "velk2 acl list: %zu %s loaded, %zu skipped\n", listing.entries.size(),
+               listing.entries.size() == 1 ? "entry" : "entries", skipped);
   if (too_deep != 0) {
     std::fprintf(stderr,
-                 "velk2 acl list: %d %s nested deeper than the authorization engine goes, so "
+                 "velk2 acl list: %zu %s nested deeper than the authorization engine goes, so "
                  "every question against this directory fails\n",
                  too_deep, too_deep == 1 ? "entry is" : "entries are");
   }

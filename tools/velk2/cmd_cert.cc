@@ -2,7 +2,6 @@
 #include <cstdio>
 #include <string>
 
-#include "platform/zcry.h"
 #include "tools/issuing/issuer.h"
 #include "tools/issuing/private_key.h"
 #include "tools/velk2/commands.h"
@@ -47,14 +46,14 @@ int RunCertIssue(const Args& args) {
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read " + *issuer_path, r);
   std::string algorithm = key.type() == KeyType::kRsa ? issuing::kRsaPss : issuing::kDsaSha1;
   if (std::optional<std::string> alg = options.Get("alg")) algorithm = *alg;
-  uint32_t hash_id = key.type() == KeyType::kRsa ? ZCRY_HASH_SHA256 : ZCRY_HASH_SHA1;
+  uint32_t hash_id = key.type() == KeyType::kRsa ? issuing::kHashSha256 : issuing::kHashSha1;
   if (std::optional<std::string> hash = options.Get("hash")) {
     if (*hash != "sha1" && *hash != "sha256") return UsageError(kName, "--hash is sha1 or sha256");
-    hash_id = *hash == "sha1" ? ZCRY_HASH_SHA1 : ZCRY_HASH_SHA256;
+    hash_id = *hash == "sha1" ? issuing::kHashSha1 : issuing::kHashSha256;
   }
   bool fits = key.type() == KeyType::kRsa
                   ? (algorithm == issuing::kRsaPss || algorithm == issuing::kRsaPkcs1)
-                  : (algorithm == issuing::kDsaSha1 && hash_id == ZCRY_HASH_SHA1);
+                  : (algorithm == issuing::kDsaSha1 && hash_id == issuing::kHashSha1);
   if (!fits) {
     return UsageError(kName, "--alg " + algorithm + " with this hash does not fit a " +
                                  (key.type() == KeyType::kRsa ? "RSA" : "DSA") + " key");

@@ -1,26 +1,19 @@
-// velk2 cert show: the records of a certificate file, as a C caller reads
-// them with Velk2CertReadA, with the principals of each certificate.
+// velk2 cert show: each certificate of a certificate file as a C caller
+// reads it, with its principals.
 #include <cstdio>
 #include <string>
+#include <vector>
 
-#include "credentials/certificate_sequence.h"
 #include "platform/utf.h"
-#include "tools/issuing/issuer.h"
 #include "tools/velk2/commands.h"
-#include "tools/velk2/messages.h"
 #include "tools/velk2/support.h"
-#include "tools/velk2/support_acl.h"
-#include "velk2.h"
+#include "trust/tool_api.h"
 
 namespace velk2::cli {
 namespace {
 
-std::string Text(const char* text) {
-  return text != nullptr ? EscapeForDisplay(text) : std::string("(none)");
-}
-
-std::string Date(int64_t time) {
-  return time != 0 ? issuing::FormatDate(time) : std::string("(none)");
+std::string OrNone(const std::string& text) {
+  return text.empty() ? std::string("(none)") : EscapeForDisplay(text);
 }
 
 }  // namespace
@@ -28,38 +21,28 @@ std::string Date(int64_t time) {
 int RunCertShow(const Args& args) {
   const char* kName = "cert show";
   if (args.size() != 1) return UsageError(kName, "one FILE is required");
-  Velk2CertRecord* first = nullptr;
-  const Result r = Velk2CertReadA(&first, args[0].c_str());
+  std::vector<api::CertificateInfo> certificates;
+  const Result r = api::DescribeCertificateFile(args[0], &certificates);
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(args[0]), r);
   }
-  if (first == nullptr) {
+  if (certificates.empty()) {
     std::printf("%s holds no certificate\n", EscapeForDisplay(args[0]).c_str());
     return kExitOk;
   }
-  const CertificateSequence* sequence = static_cast<CertificateSequence*>(first->sequence);
-  size_t index = 0;
-  for (const Velk2CertRecord* record = first; record != nullptr; record = record->next, ++index) {
-    const CertificateEntry entry = sequence->entry(index);
-    std::printf("%scertificate %zu\n", index > 0 ? "\n" : "", index + 1);
-    std::printf("  subject: %s\n", DescribePrincipal(*entry.certificate->subject()).c_str());
-    std::printf("  issuer: %s\n", DescribePrincipal(*entry.certificate->issuer()).c_str());
-    std::printf("  tag: %s\n", record->tag ? ReadableTag(entry.certificate->tag()).c_str()
-                                           : "(none: grants everything the issuer holds)");
-    std::printf("  propagate: %s\n", entry.certificate->propagate() ? "yes" : "no");
-    std::printf("  owner: %s\n", Text(record->owner).c_str());
-    std::printf("  period: %s to %s\n", Date(record->not_before).c_str(),
-                Date(record->not_after).c_str());
-    if (const SexpList* spec = entry.certificate->revocation_spec()) {
-      std::printf("  revocation: %s\n", ReadableTag(spec).c_str());
-    }
-    const HashValue* hash = HashValue::From(entry.signature->ChildAt(1));
-    const HashAlgorithm* algorithm =
-        hash ? FindHashAlgorithmById(static_cast<uint32_t>(hash->algorithm())) : nullptr;
-    std::printf("  hash: %s:%s\n", algorithm ? algorithm->name : "?",
-                hash ? HexString(hash->digest().data(), hash->digest().size()).c_str() : "?");
+  for (size_t i = 0; i < certificates.size(); ++i) {
+    const api::CertificateInfo& c = certificates[i];
+    std::printf("%scertificate %zu\n", i > 0 ? "\n" : "", i + 1);
+    std::printf("  subject: %s\n", c.subject.c_str());
+    std::printf("  issuer: %s\n", c.issuer.c_str());
+    std::printf("  tag: %s\n",
+                c.tag.empty() ? "(none: grants everything the issuer holds)" : c.tag.c_str());
+    std::printf("  propagate: %s\n", c.propagate ? "yes" : "no");
+    std::printf("  owner: %s\n", OrNone(c.owner).c_str());
+    std::printf("  period: %s to %s\n", OrNone(c.not_before).c_str(), OrNone(c.not_after).c_str());
+    if (!c.revocation_scope.empty()) std::printf("  revocation: %s\n", c.revocation_scope.c_str());
+    std::printf("  hash: %s\n", c.hash.c_str());
   }
-  Velk2CertFree(first);
   return kExitOk;
 }
 

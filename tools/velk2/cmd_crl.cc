@@ -5,9 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "credentials/certificate_sequence.h"
-#include "credentials/revocation_list.h"
-#include "platform/files.h"
 #include "platform/utf.h"
 #include "tools/issuing/issuer.h"
 #include "tools/issuing/private_key.h"
@@ -16,7 +13,7 @@
 #include "tools/velk2/messages.h"
 #include "tools/velk2/options.h"
 #include "tools/velk2/support.h"
-#include "tools/velk2/support_acl.h"
+#include "trust/tool_api.h"
 
 namespace velk2::cli {
 namespace {
@@ -31,37 +28,26 @@ int ReadRevokedCertificate(const char* command, const std::string& spec, Ref<Sex
                                    EscapeForDisplay(spec));
   }
   const std::string file = spec.substr(0, hash);
-  Ref<CertificateSequence> sequence;
-  Result r = ReadCertificateFile(&sequence, Utf8ToUtf16(file).c_str(), nullptr);
+  bool scoped = false;
+  size_t count = 0;
+  const Result r = issuing::ReadCertificateAt(file, std::stoul(number) - 1, out, &scoped, &count);
+  if (r == VELK2_ERR_INVALID_PARAM) {
+    return UsageError(command, EscapeForDisplay(file) + " holds " + std::to_string(count) +
+                                   " certificates, not " + number);
+  }
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, command, "cannot read " + EscapeForDisplay(file), r);
   }
-  const size_t index = std::stoul(number) - 1;
-  if (index >= sequence->entry_count()) {
-    return UsageError(command, EscapeForDisplay(file) + " holds " +
-                                   std::to_string(sequence->entry_count()) + " certificates, not " +
-                                   number);
-  }
-  const Certificate* certificate = sequence->entry(index).certificate;
   // A certificate is looked up in a list's certificate section only when it
   // names a scope; otherwise only its subject key is ever checked.
-  if (certificate->revocation_spec() == nullptr) {
+  if (!scoped) {
     std::fprintf(stderr,
                  "velk2 %s: warning: %s carries no revocation scope, and certificate revocation "
                  "only reaches certificates issued with --revocation-scope: this entry will "
                  "revoke nothing; --revoke-key FILE.pub revokes its subject key instead\n",
                  command, EscapeForDisplay(spec).c_str());
   }
-  *out = Ref<SexpObject>::Share(const_cast<Certificate*>(certificate));
   return kExitOk;
-}
-
-// "sha256:HEX" of a hash value.
-std::string HashText(const HashValue* hash) {
-  if (hash == nullptr) return "?";
-  const HashAlgorithm* algorithm = FindHashAlgorithmById(static_cast<uint32_t>(hash->algorithm()));
-  return std::string(algorithm ? algorithm->name : "?") + ":" +
-         HexString(hash->digest().data(), hash->digest().size());
 }
 
 }  // namespace
@@ -79,7 +65,7 @@ int RunCrlIssue(const Args& args) {
     return UsageError(kName, "--issuer, --tag, --not-before, --not-after and --out are required");
   }
   issuing::RevocationListRequest request;
-  Period period;
+  api::Period period;
   if (int exit = ReadPeriodOptions(options, kName, &period); exit != kExitOk) return exit;
   request.not_before = *period.not_before;
   request.not_after = *period.not_after;
@@ -98,7 +84,7 @@ int RunCrlIssue(const Args& args) {
   }
   for (const std::string& path : options.GetAll("revoke-key")) {
     Ref<SexpList> key;
-    r = LoadPublicKey(path, &key);
+    r = issuing::LoadPublicKey(path, &key);
     if (r != VELK2_SUCCESS) {
       return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(path), r);
     }
@@ -114,7 +100,7 @@ int RunCrlIssue(const Args& args) {
   r = issuing::MakeRevocationList(key, request, &file);
   if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot make the list", r);
   // A list is reissued often: the old one is replaced whole, never half-written.
-  r = WriteFileAtomically(*out, file, 0644, true);
+  r = issuing::WriteFile(*out, file, 0644, true);
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName, "cannot write " + EscapeForDisplay(*out), r);
   }
@@ -125,27 +111,25 @@ int RunCrlIssue(const Args& args) {
 int RunCrlShow(const Args& args) {
   const char* kName = "crl show";
   if (args.size() != 1) return UsageError(kName, "one FILE is required");
-  Ref<RevocationList> list;
-  Result r = ReadRevocationListFile(&list, Utf8ToUtf16(args[0]).c_str(), nullptr);
+  api::RevocationListInfo list;
+  const Result r = api::DescribeRevocationList(args[0], &list);
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(args[0]), r);
   }
-  const Certificate& certificate = *list->certificate();
-  std::printf("issuer: %s\n", DescribePrincipal(*certificate.issuer()).c_str());
-  std::printf("scope: %s\n", ReadableTag(certificate.tag()).c_str());
-  std::printf("not-before: %s\n",
-              certificate.not_before() ? AtomText(certificate.not_before()).c_str() : "(none)");
-  std::printf("not-after: %s\n",
-              certificate.not_after() ? AtomText(certificate.not_after()).c_str() : "(none)");
-  const std::pair<RevokedKind, const char*> kinds[] = {{RevokedKind::kCertificates, "certificate"},
-                                                       {RevokedKind::kKeys, "key"}};
-  for (const auto& [kind, name] : kinds) {
-    const size_t count = list->revoked_count(kind);
-    std::printf("revoked %ss: %zu\n", name, count);
-    for (size_t i = 0; i < count; ++i) {
-      const RevokedItem item = list->revoked(kind, i);
-      std::printf("  %s %s revoked %s\n", name, HashText(item.hash).c_str(),
-                  AtomText(item.date).c_str());
+  auto or_none = [](const std::string& text) {
+    return text.empty() ? std::string("(none)") : EscapeForDisplay(text);
+  };
+  std::printf("issuer: %s\n", list.issuer.c_str());
+  std::printf("scope: %s\n", list.scope.c_str());
+  std::printf("not-before: %s\n", or_none(list.not_before).c_str());
+  std::printf("not-after: %s\n", or_none(list.not_after).c_str());
+  const std::pair<const std::vector<api::RevokedItem>*, const char*> kinds[] = {
+      {&list.certificates, "certificate"}, {&list.keys, "key"}};
+  for (const auto& [items, name] : kinds) {
+    std::printf("revoked %ss: %zu\n", name, items->size());
+    for (const api::RevokedItem& item : *items) {
+      std::printf("  %s %s revoked %s\n", name, item.hash.c_str(),
+                  EscapeForDisplay(item.date).c_str());
     }
   }
   return kExitOk;

@@ -1,13 +1,13 @@
 // velk2 hash FILE...: the SHA-256 of each file as the library computes it
-// (HashFile, the digest a manifest entry carries), one "HEX  NAME" line each,
-// the form sha256sum prints. Only regular files are read.
+// (the digest a manifest entry carries), one "HEX  NAME" line each, the form
+// sha256sum prints. Only regular files are read.
 #include <cstdio>
 #include <string>
 
-#include "credentials/hash_value.h"
 #include "platform/utf.h"
 #include "tools/velk2/commands.h"
 #include "tools/velk2/support.h"
+#include "trust/tool_api.h"
 
 namespace velk2::cli {
 
@@ -16,14 +16,13 @@ int RunHash(const Args& args) {
   if (args.empty()) return UsageError(kName, "expected at least one FILE");
   int exit = kExitOk;
   for (const std::string& file : args) {
-    uint8_t digest[32];
-    uint32_t length = sizeof digest;
-    const Result r = HashFile(Utf8ToUtf16(file).c_str(), digest, &length, nullptr);
+    std::string hex;
+    const Result r = api::HashFile(file, &hex);
     if (r != VELK2_SUCCESS) {
       exit = FailWith(kExitUsage, kName, "cannot hash " + EscapeForDisplay(file), r);
       continue;
     }
-    std::printf("%s  %s\n", HexString(digest, length).c_str(), EscapeForDisplay(file).c_str());
+    std::printf("%s  %s\n", hex.c_str(), EscapeForDisplay(file).c_str());
   }
   return std::fflush(stdout) == 0 ? exit : kExitUsage;
 }

@@ -3,9 +3,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/files.h"
-#include "platform/zcry.h"
-#include "sexp/object.h"
 #include "tools/issuing/issuer.h"
 #include "tools/issuing/private_key.h"
 #include "tools/velk2/commands.h"
@@ -51,7 +48,7 @@ int RunKeyNew(const Args& args) {
     return FailWith(kExitFailure, "key new", "cannot build the public key", r);
   r = key.SavePem(pem, force);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, "key new", "cannot write " + pem, r);
-  r = WriteFileAtomically(pub, StoredForm(*public_key), 0644, force);
+  r = issuing::WriteFile(pub, issuing::CanonicalText(*public_key), 0644, force);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, "key new", "cannot write " + pub, r);
   std::printf("%s\n%s\n", pem.c_str(), pub.c_str());
   return kExitOk;
@@ -59,8 +56,8 @@ int RunKeyNew(const Args& args) {
 
 int RunKeyShow(const Args& args) {
   if (args.size() != 1) return UsageError("key show", "expected one FILE");
-  KeyInfo info;
-  Result r = ReadKeyInfo(args[0], &info);
+  issuing::KeyInfo info;
+  Result r = issuing::ReadKeyInfo(args[0], &info);
   if (r != VELK2_SUCCESS)
     return FailWith(kExitUsage, "key show", "cannot read a key from " + args[0], r);
   std::printf("type: %s\nbits: %u\nsha256: %s\n", info.type.c_str(), info.bits,

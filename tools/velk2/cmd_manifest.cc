@@ -6,13 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "credentials/certificate_sequence.h"
-#include "credentials/date.h"
-#include "credentials/revocation_list.h"
-#include "manifest/body.h"
-#include "manifest/read.h"
-#include "manifest/rollback.h"
-#include "platform/files.h"
 #include "platform/utf.h"
 #include "tools/issuing/issuer.h"
 #include "tools/issuing/manifest.h"
@@ -21,7 +14,7 @@
 #include "tools/velk2/messages.h"
 #include "tools/velk2/options.h"
 #include "tools/velk2/support.h"
-#include "tools/velk2/support_acl.h"
+#include "trust/tool_api.h"
 
 namespace velk2::cli {
 namespace {
@@ -37,24 +30,6 @@ std::string InsidePackage(const std::string& package, const std::string& path) {
   const fs::path relative = full.lexically_relative(base);
   if (relative.empty() || *relative.begin() == "..") return std::string();
   return relative.generic_string();
-}
-
-void PrintTree(const ManifestDirectory& level, int indent) {
-  for (const ManifestFileEntry& file : level.files) {
-    std::printf("%*s%s  %s\n", indent, "",
-                HexString(file.digest.data(), file.digest_length).c_str(),
-                EscapeForDisplay(Utf16ToUtf8(file.name)).c_str());
-  }
-  for (const ManifestDirectory& directory : level.directories) {
-    std::printf("%*s%s/\n", indent, "", EscapeForDisplay(Utf16ToUtf8(directory.name)).c_str());
-    PrintTree(directory, indent + 2);
-  }
-}
-
-size_t CountEntries(const ManifestDirectory& level) {
-  size_t count = level.files.size() + level.directories.size();
-  for (const ManifestDirectory& directory : level.directories) count += CountEntries(directory);
-  return count;
 }
 
 // With --store DIR, the store's current list of every scope that the chain's
@@ -74,7 +49,6 @@ int AddStoreLists(const Options& options, const char* command, issuing::Manifest
       continue;
     }
     std::string why = scope.code == VELK2_ERR_FILE_NOT_FOUND ? "none is stored"
-                      : scope.code == VELK2_ERR_NOT_AFTER    ? "the stored one has not begun"
                       : scope.code == VELK2_ERR_NOT_BEFORE
                           ? "the stored one is over"
                           : "the stored one does not verify: " + StatusText(scope.code);
@@ -109,12 +83,7 @@ int RunManifestSign(const Args& args) {
   if (std::string inside = InsidePackage(request.package, *out); !inside.empty()) {
     request.ignore.insert(inside);
   }
-  if (std::optional<std::string> name = options.Get("name")) {
-    if (!ValidPackageName(*name)) {
-      return UsageError(kName, "--name takes 1 to 255 bytes of UTF-8 without control characters");
-    }
-    request.name = *name;
-  }
+  if (std::optional<std::string> name = options.Get("name")) request.name = *name;
   request.time_of_signing = static_cast<int64_t>(std::time(nullptr));
   if (std::optional<std::string> text = options.Get("time-of-signing")) {
     if (issuing::ParseDate(*text, &request.time_of_signing) != VELK2_SUCCESS) {
@@ -124,7 +93,7 @@ int RunManifestSign(const Args& args) {
   }
   Result r = issuing::ParseTag(*tag_text, &request.tag);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read the tag", r);
-  r = ReadCertificateFile(&request.chain, Utf8ToUtf16(*chain_path).c_str(), nullptr);
+  r = issuing::ReadChainFile(*chain_path, &request.chain);
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(*chain_path), r);
   }
@@ -134,13 +103,13 @@ int RunManifestSign(const Args& args) {
                                  "key's own certificate");
   }
   for (const std::string& path : options.GetAll("crl")) {
-    Ref<RevocationList> list;
-    r = ReadRevocationListFile(&list, Utf8ToUtf16(path).c_str(), nullptr);
+    std::string list;
+    r = issuing::ReadListFile(path, &list);
     if (r != VELK2_SUCCESS) {
       return FailWith(kExitUsage, kName,
                       "cannot read the revocation list " + EscapeForDisplay(path), r);
     }
-    request.lists.push_back(StoredForm(*list));
+    request.lists.push_back(std::move(list));
   }
   if (int exit = AddStoreLists(options, kName, &request); exit != kExitOk) return exit;
   issuing::PrivateKey key;
@@ -155,7 +124,7 @@ int RunManifestSign(const Args& args) {
     return FailWith(kExitUsage, kName, problem.empty() ? "cannot sign" : EscapeForDisplay(problem),
                     r);
   }
-  r = WriteFileAtomically(*out, file, 0644, true);
+  r = issuing::WriteFile(*out, file, 0644, true);
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName, "cannot write " + EscapeForDisplay(*out), r);
   }
@@ -168,48 +137,46 @@ int RunManifestSign(const Args& args) {
 int RunManifestShow(const Args& args) {
   const char* kName = "manifest show";
   if (args.size() != 1) return UsageError(kName, "one FILE is required");
-  ManifestContext context;
-  context.manifest_path = Utf8ToUtf16(args[0]);
-  ManifestFile file;
-  ManifestReport report;
-  Result r = ReadManifest(&context, false, 0, 0, &file, &report);
+  api::ManifestInfo manifest;
+  const Result r = api::DescribeManifest(args[0], &manifest);
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(args[0]), r);
   }
-  ManifestDirectory root;
-  r = ReadManifestBody(&root, file.body(), nullptr);
-  if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot read the body of " + EscapeForDisplay(args[0]), r);
+  std::printf("version: %s\n", manifest.version.c_str());
+  std::printf("type: %s\n", manifest.type.c_str());
+  if (!manifest.name.empty()) {
+    std::printf("package name: %s\n", EscapeForDisplay(manifest.name).c_str());
   }
-  std::printf("version: %s\n", ReadableTag(context.version.get()).c_str());
-  std::printf("type: %s\n", ReadableTag(context.type.get()).c_str());
-  const HeaderAttributes attributes = ReadHeaderAttributes(context.version.get());
-  if (!attributes.name.empty()) {
-    std::printf("package name: %s\n", EscapeForDisplay(attributes.name).c_str());
-  }
-  std::printf("time of signing: %s\n", AtomText(context.time_of_signing.get()).c_str());
+  std::printf("time of signing: %s\n", EscapeForDisplay(manifest.time_of_signing).c_str());
   std::printf("signatures: every one verified, and the body is the one signed\n");
-  for (size_t i = 0; i < report.chain->entry_count(); ++i) {
-    const Certificate& c = *report.chain->entry(i).certificate;
+  for (size_t i = 0; i < manifest.chain.size(); ++i) {
+    const api::CertificateInfo& c = manifest.chain[i];
     std::printf("certificate %zu%s\n", i + 1, i == 0 ? " (the object certificate)" : "");
-    std::printf("  issuer: %s\n", DescribePrincipal(*c.issuer()).c_str());
-    std::printf("  subject: %s\n", DescribePrincipal(*c.subject()).c_str());
-    std::printf("  tag: %s\n", ReadableTag(c.tag()).c_str());
-    std::printf("  propagate: %s\n", c.propagate() ? "yes" : "no");
-    if (c.not_before() || c.not_after()) {
-      std::printf("  period: %s to %s\n", AtomText(c.not_before()).c_str(),
-                  AtomText(c.not_after()).c_str());
+    std::printf("  issuer: %s\n", c.issuer.c_str());
+    std::printf("  subject: %s\n", c.subject.c_str());
+    std::printf("  tag: %s\n", c.tag.empty() ? "(none)" : c.tag.c_str());
+    std::printf("  propagate: %s\n", c.propagate ? "yes" : "no");
+    if (!c.not_before.empty() || !c.not_after.empty()) {
+      std::printf("  period: %s to %s\n", EscapeForDisplay(c.not_before).c_str(),
+                  EscapeForDisplay(c.not_after).c_str());
     }
   }
-  std::printf("revocation lists: %zu\n", report.embedded_lists.size());
-  for (const Ref<RevocationList>& list : report.embedded_lists) {
-    const Certificate& c = *list->certificate();
+  std::printf("revocation lists: %zu\n", manifest.lists.size());
+  for (const api::ManifestInfo::ShippedList& list : manifest.lists) {
     std::printf("  scope %s, %s to %s (checked against the ACL when verified)\n",
-                c.tag() ? ReadableTag(c.tag()).c_str() : "(none)", AtomText(c.not_before()).c_str(),
-                AtomText(c.not_after()).c_str());
+                list.scope.empty() ? "(none)" : list.scope.c_str(),
+                EscapeForDisplay(list.not_before).c_str(),
+                EscapeForDisplay(list.not_after).c_str());
   }
-  std::printf("entries: %zu\n", CountEntries(root));
-  PrintTree(root, 2);
+  std::printf("entries: %zu\n", manifest.entries);
+  for (const api::TreeLine& line : manifest.tree) {
+    if (line.directory) {
+      std::printf("%*s%s/\n", 2 + 2 * line.depth, "", EscapeForDisplay(line.name).c_str());
+    } else {
+      std::printf("%*s%s  %s\n", 2 + 2 * line.depth, "", line.digest.c_str(),
+                  EscapeForDisplay(line.name).c_str());
+    }
+  }
   return kExitOk;
 }
 

@@ -22,7 +22,7 @@ int RunMessage(const Args& args) {
     }
     values.push_back(value);
   }
-  for (long long value : values) std::printf("%lld: %s\n", value, MessageOf(value).c_str());
+  for (long long value : values) std::printf("%lld: %s\n", value, api::MessageOf(value).c_str());
   return kExitOk;
 }
 

@@ -1,4 +1,4 @@
-// Helpers shared by the commands: reporting failures, files, keys.
+// Helpers shared by the commands: reporting failures, options, the store.
 #ifndef VELK2_TOOLS_VELK2_SUPPORT_H_
 #define VELK2_TOOLS_VELK2_SUPPORT_H_
 
@@ -6,13 +6,14 @@
 #include <optional>
 #include <string>
 
-#include "frame/ref.h"
-#include "frame/result.h"
-#include "sexp/object.h"
 #include "tools/issuing/issuer.h"
 #include "tools/velk2/options.h"
+#include "trust/tool_api.h"
+#include "velk2.h"
 
 namespace velk2::cli {
+
+using Result = api::Result;
 
 // Prints "velk2 COMMAND: MESSAGE" on stderr and returns |exit_code|.
 int Fail(int exit_code, const char* command, const std::string& message);
@@ -22,21 +23,9 @@ int FailWith(int exit_code, const char* command, const std::string& message, Res
 bool FileExists(const std::string& path);
 
 // Whether the command shows how its verdict came about (--explain or
-// --json): only then are every step of the reduction and the ACL's entries
-// kept, which a big ACL makes costly.
+// --json): only then does the library keep every step of the reduction,
+// which a big ACL makes costly.
 bool ShowsReasons(const Options& options);
-
-// What `key show` prints of a key.
-struct KeyInfo {
-  std::string type;  // "rsa" or "dsa"
-  uint32_t bits = 0;
-  std::string fingerprint;  // SHA-256 of the canonical public key, hex
-};
-// LoadPublicKey reads a public key: a canonical .pub file that the library's
-// key reader accepts (nothing may follow the key), or the public half of a
-// .pem private key. The reader's or the key's code when it is not one.
-Result LoadPublicKey(const std::string& path, Ref<SexpList>* out);
-Result ReadKeyInfo(const std::string& path, KeyInfo* info);
 
 // ReadGrantOptions fills |grant| from --propagate, --tag (required),
 // --not-before, --not-after and --comment. Returns kExitOk, or prints the
@@ -53,16 +42,10 @@ int ReadSubjectOption(const Options& options, const char* command, Ref<SexpObjec
 // returns kExitUsage.
 int UseStore(const char* command, const std::string& store);
 
-// The period a verdict command asks about.
-struct Period {
-  std::optional<int64_t> not_before, not_after;
-  bool at_now = false;    // none was given: the question is about now
-  bool any_time = false;  // --any-time: no period at all
-};
 // ReadPeriodOptions reads --not-before and --not-after (and --any-time where
 // the command offers it); without any, both are now. Returns kExitOk, or
 // prints the problem and returns kExitUsage.
-int ReadPeriodOptions(const Options& options, const char* command, Period* period);
+int ReadPeriodOptions(const Options& options, const char* command, api::Period* period);
 
 }  // namespace velk2::cli
 

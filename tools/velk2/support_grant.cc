@@ -41,7 +41,7 @@ int ReadSubjectOption(const Options& options, const char* command, Ref<SexpObjec
   Ref<SexpList> principal;
   Result r;
   if (key_path) {
-    r = LoadPublicKey(*key_path, &principal);
+    r = issuing::LoadPublicKey(*key_path, &principal);
   } else {
     Ref<SexpList> named;
     r = issuing::ReadObjectFile(*hash_path, &named);

@@ -57,8 +57,4 @@ std::vector<std::string> Options::GetAll(const std::string& name) const {
   return it == repeated_values_.end() ? std::vector<std::string>() : it->second;
 }
 
-bool ShowsReasons(const Options& options) {
-  return options.Has("explain") || options.Has("json");
-}
-
 }  // namespace velk2::cli

@@ -8,7 +8,7 @@
 
 namespace velk2::cli {
 
-int ReadPeriodOptions(const Options& options, const char* command, Period* period) {
+int ReadPeriodOptions(const Options& options, const char* command, api::Period* period) {
   std::optional<int64_t>* times[2] = {&period->not_before, &period->not_after};
   const char* const fields[] = {"not-before", "not-after"};
   for (int i = 0; i < 2; ++i) {
