@@ -116,9 +116,9 @@ const std::span<const Command> Commands() {
        RunShow},
       {"tag compare", "A B",
        "print how tag A relates to tag B: equal, narrower (A implies B), broader, "
-       "disjoint or overlapping. Tags are readable, like '(ftp (* set read write))' or "
-       "'read', or canonical; each is the body of (tag ...) unless it is a (tag ...) "
-       "list. Exit 0, 2 when a tag cannot be read",
+       "disjoint or overlapping. Tags are read as every command and export reads them, "
+       "like '(ftp (* set read write))' or 'read': the body of (tag ...). Exit 0, 2 when a "
+       "tag cannot be read",
        RunTagCompare},
       {"tag intersect", "[--canonical] A B",
        "print the intersection of tags A and B (the authorization both grant), readable "

@@ -71,7 +71,9 @@ std::string ManualPage() {
   }
   out << ".SH CONVENTIONS\n"
       << "Tags are written readably, such as \\fB(pkg install)\\fR or\n"
-      << "\\fB(ftp (* set read write))\\fR; each token is an atom exactly as typed.\n"
+      << "\\fB(ftp (* set read write))\\fR; each top\\-level element of the text is one\n"
+      << "element of the tag and each token an atom exactly as typed, as every export of\n"
+      << "the library reads a tag text (there is no other form).\n"
       << "Dates are \\fBYYYY\\-MM\\-DD_hh:mm:ss\\fR in UTC. Every text that comes from a file\n"
       << "is printed escaped. Only regular files are read as credentials.\n"
       << ".SH EXIT STATUS\n"
