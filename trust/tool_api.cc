@@ -387,11 +387,6 @@ Result ListAcl(const std::string& directory, AclListing* out) {
   return VELK2_SUCCESS;
 }
 
-bool FitsTheEngine(const std::string& canonical) {
-  Ref<SexpList> credential;
-  return ParseOne(canonical, &credential) == VELK2_SUCCESS && velk2::FitsTheEngine(*credential);
-}
-
 // ---- Credentials shown ----------------------------------------------------------------
 
 Result DescribeCertificateFile(const std::string& path, std::vector<CertificateInfo>* out) {

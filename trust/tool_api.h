@@ -3,8 +3,12 @@
 // The tool renders these as text or JSON; it computes none of them, so the
 // tool and the C interface can never decide the same question apart.
 //
-// Texts that come from files (owners, comments, file names, dates, tags)
-// are handed over as they stand, never escaped: the renderer escapes them.
+// Structured values that come from files (paths, owners, dates, scopes)
+// are handed over as they stand: the renderer escapes them. Sentences and
+// names the library builds (grant texts, sources, reasons, principal names,
+// the "why" of a verdict, readable tags and principal descriptions) are
+// escaped for display already, since only the library knows which of their
+// parts came from a file.
 // Principals are named by fingerprint, the lowercase hex SHA-256 that the
 // authorization engine gives them (what `velk2 key show` prints for a key).
 //
@@ -213,9 +217,6 @@ struct AclListing {
 // VELK2_ERR_FIND_DIR (26) when it is no directory; VELK2_ERR_FILE_OPEN (7)
 // when it holds no "*.acl" file.
 Result ListAcl(const std::string& directory, AclListing* out);
-// FitsTheEngine: whether the credential with canonical form |canonical| is
-// nested shallowly enough for the authorization engine.
-bool FitsTheEngine(const std::string& canonical);
 
 // ---- Credentials shown ---------------------------------------------------------------
 
