@@ -85,11 +85,16 @@ class Listing {
     return true;
   }
 
-  // The on-disk name for a listed |name|: the entry of exactly that name
-  // when there is one, else the first unclaimed one equal but for case.
-  const Entry* Claim(const std::u16string& name) {
+  // The on-disk entry of exactly the listed |name|, when there is one
+  // unclaimed. Every listed name of a level claims its exact entry before
+  // any claims by case, so "A.TXT" listed before "a.txt" never takes a.txt.
+  const Entry* ClaimExact(const std::u16string& name) {
     auto exact = exact_.find(name);
-    if (exact != exact_.end() && !entries_[exact->second].claimed) return Take(exact->second);
+    return exact != exact_.end() && !entries_[exact->second].claimed ? Take(exact->second)
+                                                                     : nullptr;
+  }
+  // The first unclaimed entry equal to |name| but for case.
+  const Entry* ClaimFolded(const std::u16string& name) {
     auto [first, last] = folded_.equal_range(Folded(name));
     size_t best = entries_.size();
     for (auto it = first; it != last; ++it) {
@@ -303,18 +308,37 @@ class DiskWalk {
     Listing& listing = listings_.back();
     const bool listed = fd >= 0 && listing.Read(fd);
 
-    for (const ManifestFileEntry& file : level.files) {
+    // What each listed name finds on disk: exact names first, then by case.
+    std::vector<const Listing::Entry*> files(level.files.size()),
+        directories(level.directories.size());
+    if (listed) {
+      for (bool exact : {true, false}) {
+        for (size_t i = 0; i < level.files.size(); ++i) {
+          const std::u16string& name = level.files[i].name;
+          if (files[i] != nullptr || level.IsIgnored(name)) continue;
+          files[i] = exact ? listing.ClaimExact(name) : listing.ClaimFolded(name);
+        }
+        for (size_t i = 0; i < level.directories.size(); ++i) {
+          const std::u16string& name = level.directories[i].name;
+          if (directories[i] != nullptr || level.IsIgnored(name)) continue;
+          directories[i] = exact ? listing.ClaimExact(name) : listing.ClaimFolded(name);
+        }
+      }
+    }
+
+    for (size_t i = 0; i < level.files.size(); ++i) {
+      const ManifestFileEntry& file = level.files[i];
       if (level.IsIgnored(file.name)) continue;
-      const Listing::Entry* on_disk = listed ? listing.Claim(file.name) : nullptr;
       Record(Join(level.path, file.name), VELK2_ENTRY_MISSING, false);
       results_->back().has_digest = true;
       results_->back().digest = file.digest;
-      if (on_disk != nullptr) SubmitFile(open_directory, *on_disk, file);
+      if (files[i] != nullptr) SubmitFile(open_directory, *files[i], file);
     }
 
-    for (const ManifestDirectory& directory : level.directories) {
+    for (size_t i = 0; i < level.directories.size(); ++i) {
+      const ManifestDirectory& directory = level.directories[i];
       if (level.IsIgnored(directory.name)) continue;
-      const Listing::Entry* on_disk = listed ? listing.Claim(directory.name) : nullptr;
+      const Listing::Entry* on_disk = directories[i];
       auto child = std::make_shared<const Descriptor>(
           on_disk
               ? ::openat(fd, on_disk->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)

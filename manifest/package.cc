@@ -74,16 +74,17 @@ Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_a
   ManifestFile file;
   Result result = ReadManifest(context, true, not_before, not_after, &file, report);
   if (result != VELK2_SUCCESS) return result;
-  if (report != nullptr) report->verified = true;
-  RollbackReport local_rollback;
-  RollbackReport* rollback = report != nullptr ? &report->rollback : &local_rollback;
-  result = CheckRollback(*context, CurrentTime(), rollback);
-  if (result != VELK2_SUCCESS) return result;
   const std::vector<std::u16string> ignored =
       IgnoredPaths(*context, context->package_directory.c_str());
   ManifestDirectory root;
   root.path = context->package_directory;
   result = ReadManifestBody(&root, file.body(), &ignored);
+  if (result != VELK2_SUCCESS) return result;
+  // A body that reads is the last check of the manifest itself.
+  if (report != nullptr) report->verified = true;
+  RollbackReport local_rollback;
+  RollbackReport* rollback = report != nullptr ? &report->rollback : &local_rollback;
+  result = CheckRollback(*context, CurrentTime(), rollback);
   if (result != VELK2_SUCCESS) return result;
   CompareResults results;
   if (report != nullptr) {
