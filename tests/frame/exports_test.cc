@@ -27,14 +27,6 @@ TEST(Frame, ContextHoldsTheCallersWord) {
   EXPECT_EQ(Velk2FreeContext(other), 0u);
 }
 
-TEST(Frame, VersionAndDoNothing) {
-  EXPECT_EQ(Velk2VersionNumber(), 10100);
-  EXPECT_STREQ(Velk2VersionExtraA(), "dev");
-  EXPECT_EQ(std::u16string(Velk2VersionExtra()), u"dev");
-  EXPECT_EQ(Velk2DoNothing(0x1234), 0x1234u);
-  EXPECT_EQ(Velk2DoNothing(0xFFFFFFFFu), 0xFFFFFFFFu);
-}
-
 TEST(Frame, DirectorySettersKeep259UnitsAndRefuseMore) {
   std::u16string kept(259, u'h');
   EXPECT_EQ(Velk2HomeDirectory(kept.c_str()), 0u);
@@ -62,11 +54,13 @@ TEST(Frame, FileItemListsFreeEveryRecord) {
   ASSERT_NE(a, nullptr);
   EXPECT_EQ(a->size, sizeof(FileItem));
   EXPECT_STREQ(a->name, "w\xC3\xA9");
+  EXPECT_EQ(std::u16string(a->wide_name), u"w\u00E9");  // each name copied or converted
   EXPECT_EQ(a->is_directory, 0u);
   EXPECT_EQ(a->wide_value, nullptr);
   FileItem* b = velk2::FileItemCreate(nullptr, "n");
   ASSERT_NE(b, nullptr);
   EXPECT_EQ(std::u16string(b->wide_name), u"n");
+  EXPECT_STREQ(b->name, "n");
   FileItem* c = velk2::FileItemCreate(u"c", "c");
   ASSERT_NE(c, nullptr);
   a->next = b;

@@ -7,5 +7,7 @@ static_assert(VELK2_ENTRY_VALID == 1 && VELK2_ENTRY_INVALID == 2 && VELK2_ENTRY_
 
 int main() {
   const char16_t* message = Velk2ErrorMessage(VELK2_ERR_NOT_AUTHORIZED);
-  return message != nullptr && Velk2DoNothing(5) == 5 ? 0 : 1;
+  const char16_t* extra = Velk2VersionExtra();
+  const bool dev = extra[0] == u'd' && extra[1] == u'e' && extra[2] == u'v' && extra[3] == 0;
+  return message != nullptr && dev && Velk2DoNothing(0xFFFFFFFFu) == 0xFFFFFFFFu ? 0 : 1;
 }

@@ -142,13 +142,4 @@ TEST(Text, ParseIntegersReadsDateFields) {
   EXPECT_EQ(velk2::ParseIntegers("2006-", 6, v), 1);
 }
 
-TEST(Text, DuplicatesCopyAndPassNullThrough) {
-  CBuffer<char> n(velk2::DuplicateNarrow("abc"));
-  EXPECT_STREQ(n.get(), "abc");
-  CBuffer<char16_t> w(velk2::DuplicateWide(u"abc"));
-  EXPECT_EQ(std::u16string(w.get()), u"abc");
-  EXPECT_EQ(velk2::DuplicateNarrow(nullptr), nullptr);
-  EXPECT_EQ(velk2::DuplicateWide(nullptr), nullptr);
-}
-
 }  // namespace

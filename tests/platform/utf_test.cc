@@ -9,13 +9,6 @@
 namespace velk2 {
 namespace {
 
-TEST(Hex, AppendsTwoLowercaseDigitsAByte) {
-  std::string out = "#";
-  AppendHex(&out, "\x00\xff\x1a", 3);
-  EXPECT_EQ(out, "#00ff1a");
-  EXPECT_EQ(HexString("", 0), "");
-}
-
 TEST(EscapeForDisplay, ControlsReorderingAndIllFormedBytesAreEscaped) {
   struct Case {
     std::string in, want;

@@ -18,13 +18,13 @@
 
 #include "acl/acl_entry.h"
 #include "acl/acl_test_util.h"
-#include "trust/verification.h"
 #include "credentials/certificate.h"
 #include "credentials/certificate_sequence.h"
 #include "credentials/signature.h"
 #include "engine/status.h"
 #include "platform/zcry.h"
 #include "tools/issuing/acl_entry.h"
+#include "trust/verification.h"
 
 namespace velk2 {
 namespace {
@@ -171,6 +171,13 @@ struct Answer {
   size_t entries = 0;  // in the reduced ACL
   std::string reduced;
   engine::ReductionTrace trace;
+
+  void CountEntries() {
+    for (size_t at = reduced.find("(5:entry"); at != std::string::npos;
+         at = reduced.find("(5:entry", at + 1)) {
+      ++entries;
+    }
+  }
 };
 
 Answer Ask(const SexpList* acl, const SexpList* sequence, int key, const char* tag,
@@ -182,10 +189,7 @@ Answer Ask(const SexpList* acl, const SexpList* sequence, int key, const char* t
   Velk2Context context{0};
   answer.result = AuthorizeKey(&context, acl, sequence, key_list.get(), tag_list.get(),
                                validity.get(), &answer.trace, &answer.reduced);
-  for (size_t at = answer.reduced.find("(5:entry"); at != std::string::npos;
-       at = answer.reduced.find("(5:entry", at + 1)) {
-    ++answer.entries;
-  }
+  answer.CountEntries();
   return answer;
 }
 
@@ -209,10 +213,7 @@ Answer Verify(const World& world, int key, const char* tag, const char* not_befo
   const SequenceVerdict verdict = VerifySequence(query);
   EXPECT_EQ(verdict.stage, VerifyStage::kAuthorization);
   answer.result = verdict.result;
-  for (size_t at = answer.reduced.find("(5:entry"); at != std::string::npos;
-       at = answer.reduced.find("(5:entry", at + 1)) {
-    ++answer.entries;
-  }
+  answer.CountEntries();
   return answer;
 }
 
@@ -232,27 +233,18 @@ TEST(AuthorizeScenarios, BuiltWithTheIssuingToolkit) {
   const Grant group{0, kGroup, true, "(pkg)"};
   const std::vector<Grant> overlap = {{kAcl, 0, true, kInstall, "2026-01-01", "2026-12-31"},
                                       {0, 1, false, kInstall, "2026-06-01", "2027-06-01"}};
-  const std::vector<Grant> touch = {{kAcl, 0, true, kInstall, "2026-01-01", "2026-06-01"},
-                                    {0, 1, false, kInstall, "2026-06-01", "2026-12-31"}};
   const std::vector<Grant> miss = {{kAcl, 0, true, kInstall, "2026-01-01", "2026-06-01"},
                                    {0, 1, false, kInstall, "2026-06-01_00:00:01", "2026-12-31"}};
-  const Grant dated{0, 1, false, kInstall, "2026-01-01", "2027-01-01"};
   const Scenario scenarios[] = {
       {"direct grant", 0, kYes, {{kAcl, 0}}},
       {"chain of 1", 1, kYes, {root, {0, 1}}},
       {"chain of 1, ACL entry without propagate", 1, kNone, {{kAcl, 0}, {0, 1}}},
-      {"chain of 2", 2, kYes, {root, {0, 1, true}, {1, 2}}},
-      {"chain of 2, middle link without propagate", 2, kNone, {root, {0, 1}, {1, 2}}},
       {"chain of 3", 3, kYes, {root, {0, 1, true}, {1, 2, true}, {2, 3}}},
       {"chain of 3, first link without propagate", 3, kNone, {root, {0, 1}, {1, 2, true}, {2, 3}}},
       {"a later link cannot widen", 1, kNarrow, {root, {0, 1, false, "(pkg)"}}, 1, "(pkg)"},
       {"overlapping periods", 1, kYes, overlap},
       {"asked inside the overlap", 1, kYes, overlap, 1, kInstall, "2026-07-01", "2026-08-01"},
-      {"periods that touch", 1, kYes, touch},
       {"periods that miss by a second", 1, kNone, miss},
-      // Equal grants are one: dated ones, and derived ones without dates.
-      {"two undated certificates", 1, kYes, {root, {0, 1}, {0, 1}}, 1},
-      {"two dated certificates", 1, kYes, {root, dated, dated}, 1},
       {"ACL entry naming the issuer by hash", 1, kYes, {{kAcl, Hashed(0), true}, {0, 1}}},
       {"certificate naming the key by hash", 1, kYes, {root, {0, Hashed(1)}}},
       {"2 of 3 reached", 4, kYes, {root, group, {1, 4}, {3, 4}}},
@@ -267,26 +259,6 @@ TEST(AuthorizeScenarios, BuiltWithTheIssuingToolkit) {
     const size_t entries = s.want == kNone ? 0 : s.entries;
     EXPECT_EQ(a.entries, entries) << a.reduced;
     EXPECT_EQ(a.trace.result.size(), entries);
-  }
-}
-
-// Name certificates cannot be read by the library's certificate reader, so
-// their sequence is written by hand; the ACL still comes from files.
-TEST(AuthorizeScenarios, NameCertificates) {
-  World world;
-  world.Add({kAcl, 0, true, "(pkg)"});
-  Ref<SexpList> acl = world.LoadedAcl();
-  ASSERT_TRUE(acl);
-  const std::string k0 = KeyText(TestKey(0));
-  auto define_dev = [&](int key) {
-    return "(4:cert(6:issuer(4:name" + k0 + "3:dev))(7:subject" + KeyText(TestKey(key)) + "))";
-  };
-  const std::string grant_to_dev =
-      "(4:cert(6:issuer" + k0 + ")(7:subject(4:name" + k0 + "3:dev))(3:tag(3:pkg7:install)))";
-  for (const auto& [dev, want] : {std::pair{1, kYes}, {2, kNone}}) {
-    SCOPED_TRACE(dev);
-    Ref<SexpList> sequence = ListFromText("(8:sequence" + define_dev(dev) + grant_to_dev + ")");
-    EXPECT_EQ(Ask(acl.get(), sequence.get(), 1, kInstall).result, want);
   }
 }
 
@@ -317,20 +289,10 @@ TEST(AuthorizeKey, AnswersFromARealChain) {
   const std::string acl_before = testing::CanonicalOf(*acl);
   const std::string sequence_before = testing::CanonicalOf(*sequence);
 
-  Answer yes = Ask(acl.get(), sequence.get(), 2, kInstall);
-  EXPECT_EQ(yes.result, kYes);
-  EXPECT_EQ(yes.reduced.rfind("(3:acl(5:entry(7:subject" + KeyText(TestKey(2)) + ")", 0), 0u)
-      << yes.reduced;
-  EXPECT_NE(yes.reduced.find("(3:tag(3:pkg7:install))"), std::string::npos);
-  // The story: the two certificates and the ACL entry, chained twice.
-  ASSERT_EQ(yes.trace.result.size(), 1u);
-  EXPECT_EQ(yes.trace.tuples.size(), 5u);
-  EXPECT_EQ(yes.trace.tuples.back().kind, engine::TraceKind::kDerived);
-  EXPECT_EQ(yes.trace.tuples.back().not_before, "2026-01-01_00:00:00");
-
-  Answer no = Ask(acl.get(), sequence.get(), 2, "(pkg remove)");
-  EXPECT_EQ(no.result, kNone);
-  EXPECT_EQ(no.reduced, "(3:acl)");
+  // The reduced ACL and the trace of each answer are pinned by the engine's
+  // tests, and the same answers through the tool by the CLI test.
+  EXPECT_EQ(Ask(acl.get(), sequence.get(), 2, kInstall).result, kYes);
+  EXPECT_EQ(Ask(acl.get(), sequence.get(), 2, "(pkg remove)").result, kNone);
   EXPECT_EQ(Ask(acl.get(), sequence.get(), 2, "(pkg (* set install remove))").result, kNarrow);
   EXPECT_EQ(Ask(acl.get(), sequence.get(), 2, kInstall, "2027-01-02").result, kNone);
 
@@ -386,9 +348,6 @@ TEST(AuthorizeKey, ArgumentsAndPassedThroughCodes) {
       {"ACL entry with an issuer",
        "(3:acl(5:entry(6:issuer" + k0 + ")(7:subject" + k1 + ")" + tag + "))", "(8:sequence)",
        engine::SPKI_ERR_ACL_HAS_ISSUER},
-      {"certificate without an issuer",
-       "(3:acl(5:entry(7:subject" + k0 + ")(9:propagate)" + tag + "))",
-       "(8:sequence(4:cert(7:subject" + k1 + ")" + tag + "))", engine::SPKI_ERR_NEEDS_ISSUER},
       {"tag nested past the engine's limit",
        "(3:acl(5:entry(7:subject" + k1 + ")" + deep_tag + "))", "(8:sequence)",
        engine::SPKI_ERR_BAD_SEXP},

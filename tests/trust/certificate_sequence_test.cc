@@ -82,9 +82,6 @@ TEST(ReadCertificateFile, ReadsEveryEntry) {
   ASSERT_EQ(three.result, VELK2_SUCCESS);
   EXPECT_EQ(testing::CanonicalOf(*three.sequence->entry(0).owner), "(5:owner4:root)");
   EXPECT_EQ(testing::CanonicalOf(*three.sequence->entry(2).owner), "(3:who(1:a))");
-  EXPECT_EQ(CertificateSequence::From(three.sequence.get()), three.sequence.get());
-  EXPECT_EQ(std::u16string(three.sequence->FileExtension()), u".cert");
-  EXPECT_EQ(std::u16string(three.sequence->StoreSubdirectory()), u"cert");
 }
 
 TEST(ReadCertificateFile, Refusals) {

@@ -115,16 +115,9 @@ TEST_F(ToolApi, ReasonsForNo) {
   Grant("root.acl", kRoot, "(pkg)", true);
   Certify(kRoot, kDev, "(pkg install)", false, "root");  // dev may not delegate
   Certify(kDev, kPkg, "(pkg install)", false, "dev");
-  api::Verdict v = Ask("(pkg install)");
-  EXPECT_EQ(v.result, VELK2_ERR_NOT_AUTHORIZED);
-  ASSERT_EQ(v.explanation.reasons.size(), 1u);
-  EXPECT_NE(v.explanation.reasons[0].find("lack propagate, so it cannot pass authority on"),
-            std::string::npos)
-      << v.explanation.reasons[0];
-
   // Nothing reaches the key for this tag: the certificate naming the key was
   // left out by the tag, and says so.
-  v = Ask("(pkg remove)");
+  const api::Verdict v = Ask("(pkg remove)");
   EXPECT_EQ(v.result, VELK2_ERR_NOT_AUTHORIZED);
   ASSERT_GE(v.explanation.reasons.size(), 2u);
   EXPECT_NE(v.explanation.reasons[0].find("no ACL entry or certificate that joined the reduction"),
@@ -132,16 +125,6 @@ TEST_F(ToolApi, ReasonsForNo) {
   EXPECT_EQ(
       v.explanation.reasons[1].rfind("certificate chain.cert #2 (owner dev) names the key", 0), 0u)
       << v.explanation.reasons[1];
-
-  // The first entry grants less than was asked.
-  std::filesystem::remove(dir_.Sub("chain.cert"));
-  Certify(kRoot, kPkg, "(pkg install)", false, "root");
-  v = Ask("(pkg (* set install remove))");
-  EXPECT_EQ(v.result, VELK2_ERR_NOT_GRANTED);
-  ASSERT_EQ(v.explanation.reasons.size(), 1u);
-  EXPECT_EQ(v.explanation.reasons[0],
-            "the first entry of the reduced ACL grants (pkg install), which does not cover the "
-            "requested (pkg (* set install remove))");
 }
 
 TEST_F(ToolApi, InputsThatDoNotReadAreNamed) {
@@ -164,16 +147,6 @@ TEST_F(ToolApi, InputsThatDoNotReadAreNamed) {
   request.certificates_file = dir_.Sub("none.cert");
   EXPECT_NE(api::Authorize(request, &verdict, &problem), VELK2_SUCCESS);
   EXPECT_EQ(problem.what, "certificates");
-  // A bad signature ends the question at the first stage, naming the certificate.
-  request.certificates_file = dir_.Sub("chain.cert");
-  std::string chain = testing::ReadFileText(dir_.Sub("chain.cert"));
-  chain[chain.find("(7:rsa-pss") + 20] ^= 1;
-  testing::WriteFile(dir_.Sub("chain.cert"), chain);
-  ASSERT_EQ(api::Authorize(request, &verdict, &problem), VELK2_SUCCESS);
-  EXPECT_EQ(verdict.stage, api::Stage::kSignatures);
-  EXPECT_EQ(verdict.certificate, 1u);
-  EXPECT_EQ(verdict.why, "certificate 1 of " + dir_.Sub("chain.cert") +
-                             " (owner root): its signature does not verify");
 }
 
 // One tag reader for everything: the exports, the tool and the tag
@@ -190,20 +163,6 @@ TEST(ToolApiTags, OneReaderForEveryTagText) {
   EXPECT_EQ(tag.canonical, "(3:tag4:read5:write)");
   EXPECT_NE(api::ReadTag("(pkg", &tag), VELK2_SUCCESS);
 
-  struct Case {
-    const char* a;
-    const char* b;
-    const char* relation;
-  };
-  const Case kCases[] = {{"(pkg install)", "(pkg install)", "equal"},
-                         {"(pkg install)", "(pkg)", "narrower"},
-                         {"(pkg)", "(pkg install)", "broader"},
-                         {"(pkg install)", "(mail)", "disjoint"}};
-  for (const Case& c : kCases) {
-    std::string relation;
-    ASSERT_EQ(api::CompareTags(c.a, c.b, &relation), VELK2_SUCCESS) << c.a << " " << c.b;
-    EXPECT_EQ(relation, c.relation) << c.a << " " << c.b;
-  }
   bool disjoint = true;
   std::string both;
   ASSERT_EQ(api::IntersectTags("(pkg (* set install update))", "(pkg (* set update remove))", false,
