@@ -160,6 +160,16 @@ Result HashDescriptor(int fd, uint8_t (&digest)[32], const Velk2Context* context
   return result;
 }
 
+Result HashBytes(std::string_view bytes, uint8_t (&digest)[32], const Velk2Context* context) {
+  const uint32_t word = ContextWord(context);
+  ZCRY_HASH hash = nullptr;
+  Result result = zcry_HashAlloc(&hash, ZCRY_HASH_SHA256, word);
+  if (result == VELK2_SUCCESS) result = zcry_HashUpdate(hash, bytes.data(), bytes.size(), word);
+  if (result == VELK2_SUCCESS) result = zcry_HashFinal(hash, digest, word);
+  if (hash != nullptr) zcry_HashFree(hash, word);
+  return result;
+}
+
 Result HashFile(const char16_t* path, uint8_t* digest, uint32_t* length,
                 const Velk2Context* context) {
   if (path == nullptr || digest == nullptr || length == nullptr) return VELK2_ERR_INVALID_PARAM;

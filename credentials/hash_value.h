@@ -103,6 +103,11 @@ Result HashFile(const char16_t* path, uint8_t* digest, uint32_t* length,
 Result HashDescriptor(int fd, uint8_t (&digest)[32], const Velk2Context* context,
                       std::vector<uint8_t>* block = nullptr, int64_t size = -1);
 
+// HashBytes: the SHA-256 of |bytes| (a symbolic link's target, for one).
+// Crypto codes.
+Result HashBytes(std::string_view bytes, uint8_t (&digest)[32],
+                 const Velk2Context* context = nullptr);
+
 }  // namespace velk2
 
 #endif  // VELK2_CREDENTIALS_HASH_VALUE_H_

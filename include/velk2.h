@@ -278,6 +278,12 @@ VELK2_EXPORT VELK2_RESULT DeleteManifestContext(ManifestContext* context);
  * the period given or at the time of signing; the digest of its body), then
  * compares it with the package directory: 22 when an entry is invalid, 5 when
  * one is missing, 74 when one is extra (0 unless FailOnExtraEntries), else 0.
+ * An entry is compared with what it records, never by following a link: a
+ * symlink entry with the link's target, a file with its content and, when the
+ * manifest records them, its size, mode (setuid, setgid and sticky included)
+ * and owner; entries that the ignore patterns recorded in the manifest match
+ * are left out. Names are matched byte for byte (then without regard to
+ * ASCII case); a list item's narrow name holds the path's bytes as on disk.
  * The four lists are emptied first, so after any failure of the manifest
  * itself they are empty, and refilled by the comparison. */
 VELK2_EXPORT VELK2_RESULT VerifyManifest(ManifestContext* context, int64_t not_before,
@@ -319,6 +325,11 @@ VELK2_EXPORT VELK2_RESULT SetHashThreads(ManifestContext* context, uint32_t thre
 #define VELK2_ROLLBACK_PROTECT 1u
 #define VELK2_ROLLBACK_ALLOW_OLDER 2u
 VELK2_EXPORT VELK2_RESULT SetRollbackProtection(ManifestContext* context, uint32_t flags);
+/* SetScanPackageRoot (an extension; off by default, as designed): with |on|
+ * nonzero, VerifyManifest reports unlisted entries in the package directory
+ * itself too (but for the manifest file, when it lies there), not only in
+ * the directories below it. */
+VELK2_EXPORT VELK2_RESULT SetScanPackageRoot(ManifestContext* context, uint32_t on);
 /* GetTimeOfSigning: the manifest's time of signing, 0 before one was read. */
 VELK2_EXPORT int64_t GetTimeOfSigning(ManifestContext* context);
 

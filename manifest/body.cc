@@ -38,7 +38,7 @@ Result ReadName(ByteCursor& bytes, std::u16string* name) {
       text.find_first_of(std::string_view("/\\\0", 3)) != std::string_view::npos) {
     return VELK2_ERR_PARSE_FILE;
   }
-  *name = Utf8ToUtf16(text);
+  *name = FileNameToWide(text);
   return VELK2_SUCCESS;
 }
 
@@ -112,10 +112,12 @@ class BodyReader {
 
   Result ReadFile(ManifestDirectory* level) {
     ManifestFileEntry entry;
-    std::string_view unused, digest;
+    std::string_view attributes, digest;
     Result result = ReadName(bytes_, &entry.name);
-    if (result == VELK2_SUCCESS) result = ReadAtom(bytes_, &unused);
+    if (result == VELK2_SUCCESS) result = ReadAtom(bytes_, &attributes);
     if (result == VELK2_SUCCESS) result = ReadAtom(bytes_, &digest);
+    if (result == VELK2_SUCCESS)
+      result = ParseEntryAttributes(attributes, false, &entry.attributes);
     if (result != VELK2_SUCCESS) return result;
     // A SHA-256 digest: a longer one could never match a file, a shorter one
     // is another algorithm's.
@@ -129,9 +131,12 @@ class BodyReader {
 
   Result ReadDirectory(ManifestDirectory* level, int depth) {
     ManifestDirectory directory;
-    std::string_view unused;
+    std::string_view attributes;
     Result result = ReadName(bytes_, &directory.name);
-    if (result == VELK2_SUCCESS) result = ReadAtom(bytes_, &unused);
+    if (result == VELK2_SUCCESS) result = ReadAtom(bytes_, &attributes);
+    if (result == VELK2_SUCCESS) {
+      result = ParseEntryAttributes(attributes, true, &directory.attributes);
+    }
     if (result != VELK2_SUCCESS) return result;
     directory.path =
         BuildPath(level->path.empty() ? nullptr : level->path.c_str(), directory.name.c_str());

@@ -45,6 +45,44 @@ std::u16string Join(const std::u16string& path, const std::u16string& name) {
   return BuildPath(path.empty() ? nullptr : path.c_str(), name.c_str());
 }
 
+CompareResult MakeResult(std::u16string path, uint32_t status, bool is_directory,
+                         bool listed = true) {
+  CompareResult result;
+  result.path = std::move(path);
+  result.status = status;
+  result.is_directory = is_directory;
+  result.listed = listed;
+  return result;
+}
+
+// What stands on disk, for people: "file", "directory", "symlink", ...
+const char* TypeName(mode_t mode) {
+  if (S_ISREG(mode)) return "file";
+  if (S_ISDIR(mode)) return "directory";
+  if (S_ISLNK(mode)) return "symlink";
+  if (S_ISFIFO(mode)) return "fifo";
+  if (S_ISSOCK(mode)) return "socket";
+  if (S_ISCHR(mode) || S_ISBLK(mode)) return "device";
+  return "something else";
+}
+
+std::string OwnerText(uint32_t uid, uint32_t gid) {
+  return std::to_string(uid) + ":" + std::to_string(gid);
+}
+
+// The differences between what |recorded| says of the entry's mode and
+// owner and what |st| finds.
+void CompareMetadata(const EntryAttributes& recorded, const struct stat& st, bool check_mode,
+                     std::vector<Change>* changes) {
+  if (check_mode && recorded.mode && (st.st_mode & 07777) != *recorded.mode) {
+    changes->push_back({ChangeKind::kMode, ModeText(*recorded.mode), ModeText(st.st_mode)});
+  }
+  if (recorded.uid && recorded.gid && (st.st_uid != *recorded.uid || st.st_gid != *recorded.gid)) {
+    changes->push_back({ChangeKind::kOwner, OwnerText(*recorded.uid, *recorded.gid),
+                        OwnerText(st.st_uid, st.st_gid)});
+  }
+}
+
 std::u16string Folded(const std::u16string& name) {
   std::u16string folded = name;
   for (char16_t& c : folded) c = FoldAscii(c);
@@ -61,19 +99,29 @@ class Listing {
     unsigned char type;  // DT_REG, DT_DIR, ... or DT_UNKNOWN
   };
 
-  // False when the directory cannot be listed.
+  // False, with |error| set, when the directory cannot be listed.
   bool Read(int fd) {
     const int copy = ::dup(fd);
-    if (copy < 0) return false;
+    if (copy < 0) {
+      error = errno;
+      return false;
+    }
     DIR* dir = ::fdopendir(copy);
     if (dir == nullptr) {
+      error = errno;
       ::close(copy);
       return false;
     }
+    errno = 0;
     while (const dirent* entry = ::readdir(dir)) {
       const std::string_view name = entry->d_name;
       if (name == "." || name == "..") continue;
-      entries_.push_back({std::string(name), Utf8ToUtf16(name), false, entry->d_type});
+      entries_.push_back({std::string(name), FileNameToWide(name), false, entry->d_type});
+    }
+    if (errno != 0) {
+      error = errno;
+      ::closedir(dir);
+      return false;
     }
     ::closedir(dir);
     std::sort(entries_.begin(), entries_.end(),
@@ -104,6 +152,7 @@ class Listing {
   }
 
   const std::vector<Entry>& entries() const { return entries_; }
+  int error = 0;  // why the directory could not be listed
   // Frees the name index once every listed name has been claimed.
   void DropIndex() {
     exact_ = {};
@@ -130,6 +179,8 @@ class HashPool {
   struct Outcome {
     uint32_t status = VELK2_ENTRY_INVALID;
     bool changed = false;  // the file changed while it was read
+    int read_error = 0;    // errno when it could not be read
+    std::vector<Change> changes;
   };
 
   HashPool(unsigned threads, const Velk2Context* context, const FileProgress* on_file)
@@ -213,22 +264,48 @@ class HashPool {
 
   // The file's status. Only what the directory says is a regular file is
   // opened without a look first: a device is never touched, a FIFO never
-  // waited on, a symlink never followed.
+  // waited on, a symlink never followed (a symlink entry's target is read,
+  // never what it points to).
   uint32_t Read(const Job& job, std::vector<uint8_t>* block) {
     const int directory = job.directory->get();
     const char* name = job.entry->name.c_str();
+    const EntryAttributes& recorded = job.file->attributes;
+    std::vector<Change>& changes = job.out->changes;
     struct stat before;
-    if (job.entry->type != DT_REG) {
+    if (recorded.link || job.entry->type != DT_REG) {
       if (::fstatat(directory, name, &before, AT_SYMLINK_NOFOLLOW) != 0) {
-        return errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
+        if (errno == ENOENT) return VELK2_ENTRY_MISSING;
+        job.out->read_error = errno;
+        return VELK2_ENTRY_INVALID;
       }
-      if (!S_ISREG(before.st_mode)) return VELK2_ENTRY_INVALID;
+      if (recorded.link) return ReadLink(job, before);
+      if (!S_ISREG(before.st_mode)) {
+        changes.push_back({ChangeKind::kType, "file", TypeName(before.st_mode)});
+        return VELK2_ENTRY_INVALID;
+      }
     }
     const Descriptor opened(
         ::openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (opened.get() < 0) return errno == ENOENT ? VELK2_ENTRY_MISSING : VELK2_ENTRY_INVALID;
+    if (opened.get() < 0) {
+      if (errno == ENOENT) return VELK2_ENTRY_MISSING;
+      if (errno == ELOOP) {
+        changes.push_back({ChangeKind::kType, "file", "symlink"});
+      } else {
+        job.out->read_error = errno;
+        // What cannot be read may still show a changed mode or owner.
+        if (::fstatat(directory, name, &before, AT_SYMLINK_NOFOLLOW) == 0) {
+          CompareMetadata(recorded, before, S_ISREG(before.st_mode), &changes);
+        }
+      }
+      return VELK2_ENTRY_INVALID;
+    }
     // What was opened may have been swapped in after the look.
-    if (::fstat(opened.get(), &before) != 0 || !S_ISREG(before.st_mode)) {
+    if (::fstat(opened.get(), &before) != 0) {
+      job.out->read_error = errno;
+      return VELK2_ENTRY_INVALID;
+    }
+    if (!S_ISREG(before.st_mode)) {
+      changes.push_back({ChangeKind::kType, "file", TypeName(before.st_mode)});
       return VELK2_ENTRY_INVALID;
     }
     uint8_t digest[32];
@@ -238,6 +315,7 @@ class HashPool {
     } catch (const std::bad_alloc&) {
       hashed = VELK2_ERR_MEM_ALLOC;
     }
+    if (hashed == VELK2_ERR_READ_FILE) job.out->read_error = errno != 0 ? errno : EIO;
     if (on_file_ != nullptr && *on_file_) {
       std::lock_guard<std::mutex> lock(progress_mutex_);
       (*on_file_)(static_cast<uint64_t>(before.st_size));
@@ -245,11 +323,49 @@ class HashPool {
     // A file rewritten while it was read has no one digest: never valid.
     struct stat after;
     job.out->changed = ::fstat(opened.get(), &after) != 0 || Changed(before, after);
-    return hashed == VELK2_SUCCESS && !job.out->changed &&
-                   job.file->digest_length == sizeof digest &&
-                   std::memcmp(digest, job.file->digest.data(), sizeof digest) == 0
-               ? VELK2_ENTRY_VALID
-               : VELK2_ENTRY_INVALID;
+    // The digest decides; a recorded size that differs too says more of
+    // what happened (a size alone never fails a file: the design compares
+    // digests, and another writer's second atom may hold another number).
+    if (hashed == VELK2_SUCCESS && !job.out->changed &&
+        (job.file->digest_length != sizeof digest ||
+         std::memcmp(digest, job.file->digest.data(), sizeof digest) != 0)) {
+      if (recorded.size && *recorded.size != static_cast<uint64_t>(before.st_size)) {
+        changes.push_back({ChangeKind::kSize, std::to_string(*recorded.size),
+                           std::to_string(static_cast<uint64_t>(before.st_size))});
+      }
+      changes.push_back({ChangeKind::kContent,
+                         HexString(job.file->digest.data(), job.file->digest_length),
+                         HexString(digest, sizeof digest)});
+    }
+    CompareMetadata(recorded, before, true, &changes);
+    return hashed == VELK2_SUCCESS && !job.out->changed && changes.empty() ? VELK2_ENTRY_VALID
+                                                                           : VELK2_ENTRY_INVALID;
+  }
+
+  // A symlink entry: the link itself, its target text hashed, never followed.
+  uint32_t ReadLink(const Job& job, const struct stat& st) {
+    const EntryAttributes& recorded = job.file->attributes;
+    std::vector<Change>& changes = job.out->changes;
+    if (!S_ISLNK(st.st_mode)) {
+      changes.push_back({ChangeKind::kType, "symlink", TypeName(st.st_mode)});
+      return VELK2_ENTRY_INVALID;
+    }
+    std::string target(static_cast<size_t>(st.st_size > 0 ? st.st_size : 0) + 1, '\0');
+    const ssize_t length =
+        ::readlinkat(job.directory->get(), job.entry->name.c_str(), target.data(), target.size());
+    if (length < 0) {
+      job.out->read_error = errno;
+      return VELK2_ENTRY_INVALID;
+    }
+    target.resize(static_cast<size_t>(length));
+    uint8_t digest[32];
+    if (HashBytes(target, digest, context_) != VELK2_SUCCESS) return VELK2_ENTRY_INVALID;
+    if (job.file->digest_length != sizeof digest ||
+        std::memcmp(digest, job.file->digest.data(), sizeof digest) != 0) {
+      changes.push_back({ChangeKind::kLinkTarget, recorded.target, target});
+    }
+    CompareMetadata(recorded, st, false, &changes);
+    return changes.empty() ? VELK2_ENTRY_VALID : VELK2_ENTRY_INVALID;
   }
 
   static bool Changed(const struct stat& a, const struct stat& b) {
@@ -275,52 +391,86 @@ class HashPool {
 class DiskWalk {
  public:
   DiskWalk(CompareResults* results, const Velk2Context* context, const DiskOptions& options)
-      : results_(results), pool_(options.threads, context, options.on_file) {}
+      : results_(results), options_(options), pool_(options.threads, context, options.on_file) {}
 
   // The walk, then the statuses that wait for hashing: files, then each
   // directory from the records below it (they all precede it).
   Result Run(const ManifestDirectory& root, std::shared_ptr<const Descriptor> package) {
     const size_t first = results_->size();
-    Level(root, std::move(package), 0);
+    Level(root, std::move(package), 0, std::string(), 0);
     pool_.Finish();
     for (const auto& [record, outcome] : files_) {
-      (*results_)[record].status = outcome->status;
-      (*results_)[record].changed_during = outcome->changed;
+      CompareResult& found = (*results_)[record];
+      found.status = outcome->status;
+      found.changed_during = outcome->changed;
+      if (outcome->read_error != 0) found.read_error = outcome->read_error;
+      found.changes = std::move(outcome->changes);
     }
     for (const auto& [record, begin] : directories_) {
+      CompareResult& found = (*results_)[record];
       const Result code = SummaryCode(*results_, begin, record);
-      (*results_)[record].status = code == VELK2_SUCCESS           ? VELK2_ENTRY_VALID
-                                   : code == VELK2_ERR_FILE_OPEN   ? VELK2_ENTRY_MISSING
-                                   : code == VELK2_ERR_EXTRA_FILES ? VELK2_ENTRY_EXTRA
-                                                                   : VELK2_ENTRY_INVALID;
+      found.status = code == VELK2_SUCCESS           ? VELK2_ENTRY_VALID
+                     : code == VELK2_ERR_FILE_OPEN   ? VELK2_ENTRY_MISSING
+                     : code == VELK2_ERR_EXTRA_FILES ? VELK2_ENTRY_EXTRA
+                                                     : VELK2_ENTRY_INVALID;
+      // A directory whose own mode, owner or type differs is changed itself.
+      if (!found.changes.empty() || found.read_error != 0) found.status = VELK2_ENTRY_INVALID;
     }
     return SummaryCode(*results_, first);
   }
 
  private:
+  // Whether the patterns leave out |name| of the directory at |relative|;
+  // the path is put together only when there are patterns to match.
+  bool Patterned(const std::string& relative, const std::string& name, bool directory) const {
+    return options_.patterns != nullptr && !options_.patterns->empty() &&
+           options_.patterns->Matches(Below(relative, name), directory);
+  }
+  bool Patterned(const std::string& relative, const std::u16string& name, bool directory) const {
+    return options_.patterns != nullptr && !options_.patterns->empty() &&
+           options_.patterns->Matches(Below(relative, WideToFileName(name)), directory);
+  }
+
+  static std::string Below(const std::string& relative, const std::string& name) {
+    return relative.empty() ? name : relative + "/" + name;
+  }
+
   // Records |level| as compared with the directory open as |fd| (-1: it
-  // could not be opened).
+  // could not be opened, for the reason |open_error|); |relative| is its
+  // path below the package, as bytes.
   void Level(const ManifestDirectory& level, std::shared_ptr<const Descriptor> open_directory,
-             int depth) {
+             int depth, const std::string& relative, int open_error) {
     const int fd = open_directory->get();
     // The listing outlives the pool's jobs, which point into it.
     listings_.emplace_back();
     Listing& listing = listings_.back();
     const bool listed = fd >= 0 && listing.Read(fd);
+    // Why nothing below can be seen, when it cannot: named on every entry.
+    const int unreadable = listed ? 0 : fd >= 0 ? listing.error : open_error;
 
     // What each listed name finds on disk: exact names first, then by case.
+    // Entries the patterns leave out are passed over like ignored names.
+    std::vector<bool> files_out(level.files.size()), directories_out(level.directories.size());
+    for (size_t i = 0; i < level.files.size(); ++i) {
+      files_out[i] =
+          level.IsIgnored(level.files[i].name) || Patterned(relative, level.files[i].name, false);
+    }
+    for (size_t i = 0; i < level.directories.size(); ++i) {
+      directories_out[i] = level.IsIgnored(level.directories[i].name) ||
+                           Patterned(relative, level.directories[i].name, true);
+    }
     std::vector<const Listing::Entry*> files(level.files.size()),
         directories(level.directories.size());
     if (listed) {
       for (bool exact : {true, false}) {
         for (size_t i = 0; i < level.files.size(); ++i) {
+          if (files[i] != nullptr || files_out[i]) continue;
           const std::u16string& name = level.files[i].name;
-          if (files[i] != nullptr || level.IsIgnored(name)) continue;
           files[i] = exact ? listing.ClaimExact(name) : listing.ClaimFolded(name);
         }
         for (size_t i = 0; i < level.directories.size(); ++i) {
+          if (directories[i] != nullptr || directories_out[i]) continue;
           const std::u16string& name = level.directories[i].name;
-          if (directories[i] != nullptr || level.IsIgnored(name)) continue;
           directories[i] = exact ? listing.ClaimExact(name) : listing.ClaimFolded(name);
         }
       }
@@ -328,39 +478,69 @@ class DiskWalk {
 
     for (size_t i = 0; i < level.files.size(); ++i) {
       const ManifestFileEntry& file = level.files[i];
-      if (level.IsIgnored(file.name)) continue;
+      if (files_out[i]) continue;
       Record(Join(level.path, file.name), VELK2_ENTRY_MISSING, false);
       results_->back().has_digest = true;
       results_->back().digest = file.digest;
+      results_->back().read_error = unreadable;
       if (files[i] != nullptr) SubmitFile(open_directory, *files[i], file);
     }
 
     for (size_t i = 0; i < level.directories.size(); ++i) {
       const ManifestDirectory& directory = level.directories[i];
-      if (level.IsIgnored(directory.name)) continue;
+      if (directories_out[i]) continue;
       const Listing::Entry* on_disk = directories[i];
-      auto child = std::make_shared<const Descriptor>(
-          on_disk
-              ? ::openat(fd, on_disk->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
-              : -1);
+      std::vector<Change> changes;
+      int error = unreadable;
+      int child_fd = -1;
+      if (on_disk != nullptr) {
+        child_fd =
+            ::openat(fd, on_disk->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        struct stat st;
+        if (child_fd >= 0 && ::fstat(child_fd, &st) == 0) {
+          CompareMetadata(directory.attributes, st, true, &changes);
+        } else if (child_fd < 0) {
+          error = errno;
+          // Something else than a directory stands there: say what. A
+          // directory that cannot be opened still shows its mode and owner.
+          if (::fstatat(fd, on_disk->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+            if (S_ISDIR(st.st_mode)) {
+              CompareMetadata(directory.attributes, st, true, &changes);
+            } else {
+              changes.push_back({ChangeKind::kType, "directory", TypeName(st.st_mode)});
+              error = 0;
+            }
+          }
+        }
+      }
       const size_t begin = results_->size();
-      Level(directory, std::move(child), depth + 1);
+      Level(directory, std::make_shared<const Descriptor>(child_fd), depth + 1,
+            Below(relative, WideToFileName(directory.name)), error);
       directories_.emplace_back(results_->size(), begin);
       Record(directory.path, VELK2_ENTRY_INVALID, true);
+      results_->back().changes = std::move(changes);
+      if (child_fd < 0 && on_disk != nullptr) results_->back().read_error = error;
     }
 
-    // The package directory itself is never scanned: what lies beside the
-    // listed tree there (the manifest file, for one) is not the package's.
-    if (depth > 0) {
+    // The package directory itself is not scanned unless asked: what lies
+    // beside the listed tree there (the manifest file, for one) is not the
+    // package's, as the design has it; the tool asks, and passes over the
+    // manifest itself.
+    if (depth > 0 || options_.scan_root) {
       if (!listed) {
-        Record(level.path, VELK2_ENTRY_INVALID, true);
+        if (depth > 0) {
+          Record(level.path, VELK2_ENTRY_INVALID, true);
+          results_->back().read_error = unreadable;
+        }
       } else {
         for (const Listing::Entry& entry : listing.entries()) {
           if (entry.claimed || level.IsIgnored(entry.wide)) continue;
+          if (depth == 0 && entry.wide == options_.root_exception) continue;
           struct stat st;
           const bool is_directory =
               ::fstatat(fd, entry.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
               S_ISDIR(st.st_mode);
+          if (Patterned(relative, entry.name, is_directory)) continue;
           Record(Join(level.path, entry.wide), VELK2_ENTRY_EXTRA, is_directory, false);
         }
       }
@@ -377,10 +557,11 @@ class DiskWalk {
   }
 
   void Record(std::u16string path, uint32_t status, bool is_directory, bool listed = true) {
-    results_->push_back({std::move(path), status, is_directory, listed});
+    results_->push_back(MakeResult(std::move(path), status, is_directory, listed));
   }
 
   CompareResults* results_;
+  const DiskOptions& options_;
   std::deque<Listing> listings_;            // every directory's, until the walk ends
   std::deque<HashPool::Outcome> outcomes_;  // stable slots, written by the pool
   std::vector<std::pair<size_t, HashPool::Outcome*>> files_;  // record -> its outcome
@@ -388,17 +569,23 @@ class DiskWalk {
   HashPool pool_;
 };
 
-// Records |directory| and everything below it with |status|.
-void RecordSubtree(const ManifestDirectory& directory, uint32_t status, CompareResults* results) {
+// Records |directory| and everything below it with |status|, but for what
+// |patterns| leave out (|relative|: the directory's path below the package).
+void RecordSubtree(const ManifestDirectory& directory, uint32_t status, const std::string& relative,
+                   const IgnorePatterns* patterns, CompareResults* results) {
   const bool listed = status != VELK2_ENTRY_EXTRA;  // in the first manifest
-  results->push_back({directory.path, status, true, listed});
+  results->push_back(MakeResult(directory.path, status, true, listed));
   for (const ManifestFileEntry& file : directory.files) {
-    results->push_back({Join(directory.path, file.name), status, false, listed});
+    const std::string path = relative + "/" + WideToFileName(file.name);
+    if (patterns != nullptr && patterns->Matches(path, false)) continue;
+    results->push_back(MakeResult(Join(directory.path, file.name), status, false, listed));
     results->back().has_digest = true;
     results->back().digest = file.digest;
   }
   for (const ManifestDirectory& child : directory.directories) {
-    RecordSubtree(child, status, results);
+    const std::string path = relative + "/" + WideToFileName(child.name);
+    if (patterns != nullptr && patterns->Matches(path, true)) continue;
+    RecordSubtree(child, status, path, patterns, results);
   }
 }
 
@@ -406,7 +593,140 @@ int CompareNames(const std::u16string& a, const std::u16string& b) {
   return CompareNoCase(a.c_str(), b.c_str());
 }
 
+// What two manifests say differently of one file.
+std::vector<Change> FileChanges(const ManifestFileEntry& x, const ManifestFileEntry& y) {
+  std::vector<Change> changes;
+  const EntryAttributes &a = x.attributes, &b = y.attributes;
+  if (a.link != b.link) {
+    changes.push_back(
+        {ChangeKind::kType, a.link ? "symlink" : "file", b.link ? "symlink" : "file"});
+    return changes;
+  }
+  if (x.digest_length != y.digest_length || x.digest != y.digest) {
+    if (a.link) {
+      changes.push_back({ChangeKind::kLinkTarget, a.target, b.target});
+    } else {
+      // As against the disk: the size when both record one, then the content.
+      if (a.size && b.size && *a.size != *b.size) {
+        changes.push_back({ChangeKind::kSize, std::to_string(*a.size), std::to_string(*b.size)});
+      }
+      changes.push_back({ChangeKind::kContent, HexString(x.digest.data(), x.digest_length),
+                         HexString(y.digest.data(), y.digest_length)});
+    }
+  }
+  if (!a.link && a.mode && b.mode && *a.mode != *b.mode) {
+    changes.push_back({ChangeKind::kMode, ModeText(*a.mode), ModeText(*b.mode)});
+  }
+  if (a.uid && b.uid && (*a.uid != *b.uid || *a.gid != *b.gid)) {
+    changes.push_back({ChangeKind::kOwner, OwnerText(*a.uid, *a.gid), OwnerText(*b.uid, *b.gid)});
+  }
+  return changes;
+}
+
+Result CompareLevels(const ManifestDirectory& a, const ManifestDirectory& b,
+                     const std::string& relative, const IgnorePatterns* patterns,
+                     CompareResults* results) {
+  const size_t first = results->size();
+  auto out = [&](const std::u16string& name, bool directory) {
+    return patterns != nullptr &&
+           patterns->Matches(
+               relative.empty() ? WideToFileName(name) : relative + "/" + WideToFileName(name),
+               directory);
+  };
+  auto below = [&](const std::u16string& name) {
+    return relative.empty() ? WideToFileName(name) : relative + "/" + WideToFileName(name);
+  };
+  size_t i = 0, j = 0;
+  while (i < a.files.size() || j < b.files.size()) {
+    const int order = i == a.files.size()   ? 1
+                      : j == b.files.size() ? -1
+                                            : CompareNames(a.files[i].name, b.files[j].name);
+    if (order == 0) {
+      const ManifestFileEntry& x = a.files[i++];
+      const ManifestFileEntry& y = b.files[j++];
+      if (a.IsIgnored(x.name) || out(x.name, false)) continue;
+      std::vector<Change> changes = FileChanges(x, y);
+      results->push_back(MakeResult(
+          Join(a.path, x.name), changes.empty() ? VELK2_ENTRY_VALID : VELK2_ENTRY_INVALID, false));
+      results->back().has_digest = true;
+      results->back().digest = x.digest;
+      results->back().changes = std::move(changes);
+    } else if (order < 0) {
+      const ManifestFileEntry& x = a.files[i++];
+      if (!a.IsIgnored(x.name) && !out(x.name, false)) {
+        results->push_back(MakeResult(Join(a.path, x.name), VELK2_ENTRY_MISSING, false));
+        results->back().has_digest = true;
+        results->back().digest = x.digest;
+      }
+    } else {
+      const ManifestFileEntry& y = b.files[j++];
+      if (!b.IsIgnored(y.name) && !out(y.name, false)) {
+        results->push_back(MakeResult(Join(a.path, y.name), VELK2_ENTRY_EXTRA, false, false));
+        results->back().has_digest = true;
+        results->back().digest = y.digest;
+      }
+    }
+  }
+  i = j = 0;
+  while (i < a.directories.size() || j < b.directories.size()) {
+    const int order = i == a.directories.size() ? 1
+                      : j == b.directories.size()
+                          ? -1
+                          : CompareNames(a.directories[i].name, b.directories[j].name);
+    if (order == 0) {
+      const ManifestDirectory& x = a.directories[i++];
+      const ManifestDirectory& y = b.directories[j++];
+      if (a.IsIgnored(x.name) || out(x.name, true)) continue;
+      const Result code = CompareLevels(x, y, below(x.name), patterns, results);
+      std::vector<Change> changes;
+      if (x.attributes.mode && y.attributes.mode && *x.attributes.mode != *y.attributes.mode) {
+        changes.push_back(
+            {ChangeKind::kMode, ModeText(*x.attributes.mode), ModeText(*y.attributes.mode)});
+      }
+      if (x.attributes.uid && y.attributes.uid &&
+          (*x.attributes.uid != *y.attributes.uid || *x.attributes.gid != *y.attributes.gid)) {
+        changes.push_back({ChangeKind::kOwner, OwnerText(*x.attributes.uid, *x.attributes.gid),
+                           OwnerText(*y.attributes.uid, *y.attributes.gid)});
+      }
+      results->push_back(MakeResult(
+          x.path,
+          code == VELK2_SUCCESS && changes.empty() ? VELK2_ENTRY_VALID : VELK2_ENTRY_INVALID,
+          true));
+      results->back().changes = std::move(changes);
+    } else if (order < 0) {
+      const ManifestDirectory& x = a.directories[i++];
+      if (!a.IsIgnored(x.name) && !out(x.name, true)) {
+        RecordSubtree(x, VELK2_ENTRY_MISSING, below(x.name), patterns, results);
+      }
+    } else {
+      const ManifestDirectory& y = b.directories[j++];
+      if (!b.IsIgnored(y.name) && !out(y.name, true)) {
+        RecordSubtree(y, VELK2_ENTRY_EXTRA, below(y.name), patterns, results);
+      }
+    }
+  }
+  return SummaryCode(*results, first);
+}
+
 }  // namespace
+
+const char* ChangeKindName(ChangeKind kind) {
+  switch (kind) {
+    case ChangeKind::kType:
+      return "type";
+    case ChangeKind::kContent:
+      return "content";
+    case ChangeKind::kSize:
+      return "size";
+    case ChangeKind::kMode:
+      return "mode";
+    case ChangeKind::kOwner:
+      return "owner";
+    case ChangeKind::kLinkTarget:
+      break;
+  }
+  return "link target";
+}
 
 Result SummaryCode(const CompareResults& results, size_t first, size_t end) {
   uint32_t seen = 0;
@@ -427,61 +747,9 @@ Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
 }
 
 Result CompareDirectories(const ManifestDirectory& a, const ManifestDirectory& b,
-                          CompareResults* results) {
+                          CompareResults* results, const IgnorePatterns* patterns) {
   if (results == nullptr) return VELK2_ERR_PARAM_NULL;
-  const size_t first = results->size();
-  size_t i = 0, j = 0;
-  while (i < a.files.size() || j < b.files.size()) {
-    const int order = i == a.files.size()   ? 1
-                      : j == b.files.size() ? -1
-                                            : CompareNames(a.files[i].name, b.files[j].name);
-    if (order == 0) {
-      const ManifestFileEntry& x = a.files[i++];
-      const ManifestFileEntry& y = b.files[j++];
-      if (a.IsIgnored(x.name)) continue;
-      const bool same = x.digest_length == y.digest_length && x.digest == y.digest;
-      results->push_back(
-          {Join(a.path, x.name), same ? VELK2_ENTRY_VALID : VELK2_ENTRY_INVALID, false});
-      results->back().has_digest = true;
-      results->back().digest = x.digest;
-    } else if (order < 0) {
-      const ManifestFileEntry& x = a.files[i++];
-      if (!a.IsIgnored(x.name)) {
-        results->push_back({Join(a.path, x.name), VELK2_ENTRY_MISSING, false});
-        results->back().has_digest = true;
-        results->back().digest = x.digest;
-      }
-    } else {
-      const ManifestFileEntry& y = b.files[j++];
-      if (!b.IsIgnored(y.name)) {
-        results->push_back({Join(a.path, y.name), VELK2_ENTRY_EXTRA, false, false});
-        results->back().has_digest = true;
-        results->back().digest = y.digest;
-      }
-    }
-  }
-  i = j = 0;
-  while (i < a.directories.size() || j < b.directories.size()) {
-    const int order = i == a.directories.size() ? 1
-                      : j == b.directories.size()
-                          ? -1
-                          : CompareNames(a.directories[i].name, b.directories[j].name);
-    if (order == 0) {
-      const ManifestDirectory& x = a.directories[i++];
-      const ManifestDirectory& y = b.directories[j++];
-      if (a.IsIgnored(x.name)) continue;
-      const Result code = CompareDirectories(x, y, results);
-      results->push_back(
-          {x.path, code == VELK2_SUCCESS ? VELK2_ENTRY_VALID : VELK2_ENTRY_INVALID, true});
-    } else if (order < 0) {
-      const ManifestDirectory& x = a.directories[i++];
-      if (!a.IsIgnored(x.name)) RecordSubtree(x, VELK2_ENTRY_MISSING, results);
-    } else {
-      const ManifestDirectory& y = b.directories[j++];
-      if (!b.IsIgnored(y.name)) RecordSubtree(y, VELK2_ENTRY_EXTRA, results);
-    }
-  }
-  return SummaryCode(*results, first);
+  return CompareLevels(a, b, std::string(), patterns, results);
 }
 
 }  // namespace velk2

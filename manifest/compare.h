@@ -14,9 +14,26 @@
 #include "frame/context.h"
 #include "frame/result.h"
 #include "manifest/body.h"
+#include "manifest/patterns.h"
 #include "velk2.h"
 
 namespace velk2 {
+
+// What differs between what an entry records and what was found.
+enum class ChangeKind {
+  kType,        // a file, a directory, a symlink or something else where another was listed
+  kContent,     // the SHA-256 of a file's bytes
+  kSize,        // a file's size
+  kMode,        // the permission bits, setuid, setgid and sticky included
+  kOwner,       // the owner and group ids, "uid:gid"
+  kLinkTarget,  // where a symbolic link points
+};
+// "type", "content", "size", "mode", "owner", "link target".
+const char* ChangeKindName(ChangeKind kind);
+struct Change {
+  ChangeKind kind;
+  std::string expected, found;  // as the reports print them: hex digests, octal modes, ...
+};
 
 struct CompareResult {
   std::u16string path;
@@ -28,6 +45,12 @@ struct CompareResult {
   // pairs missing and extra files).
   bool has_digest = false;
   std::array<uint8_t, 32> digest{};
+  // What differs, for an Invalid entry that was found and read.
+  std::vector<Change> changes;
+  // The system's error (errno) when the entry, or the directory it lies in,
+  // could not be read or listed: it is then Invalid (or Missing, below a
+  // directory that cannot be listed) without being judged.
+  int read_error = 0;
 };
 using CompareResults = std::vector<CompareResult>;
 
@@ -58,10 +81,23 @@ using CompareResults = std::vector<CompareResult>;
 // |on_file| (optional) hears of every file read, with its size, one call at
 // a time. A file whose size, times or inode change while it is read is
 // Invalid, with changed_during set (an extension: one read has no digest).
+//
+// What an entry records is checked too, never by following a link: a
+// symlink entry is Invalid unless a symlink with the listed target is there;
+// a listed size, mode (permission bits with setuid, setgid and sticky) or
+// owner that differs makes the entry Invalid; each difference is one of its
+// changes.
 using FileProgress = std::function<void(uint64_t bytes)>;
 struct DiskOptions {
   unsigned threads = 1;
   const FileProgress* on_file = nullptr;
+  // The package directory itself is scanned for extra entries too, but for
+  // |root_exception| (the manifest's own name when it lies there).
+  bool scan_root = false;
+  std::u16string root_exception;
+  // Entries these patterns match (paths relative to the package) are left
+  // out, listed or not.
+  const IgnorePatterns* patterns = nullptr;
 };
 Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
                        const Velk2Context* context, const DiskOptions& options = {});
@@ -70,8 +106,10 @@ Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
 // both roots without a path: a file in both is Valid when the digests agree,
 // else Invalid; one in A only is Missing, in B only Extra; a directory in one
 // only is reported with everything below it. The code as above.
+// What both record of an entry is compared too (link, size, mode, owner).
+// |patterns| (optional) leave entries out of both, as on disk.
 Result CompareDirectories(const ManifestDirectory& a, const ManifestDirectory& b,
-                          CompareResults* results);
+                          CompareResults* results, const IgnorePatterns* patterns = nullptr);
 
 // The code of results [first, end): 22, else 5, else 74, else 0.
 Result SummaryCode(const CompareResults& results, size_t first = 0, size_t end = SIZE_MAX);

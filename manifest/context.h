@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "frame/boundary.h"
 #include "frame/context.h"
@@ -31,6 +32,9 @@ struct ManifestContext : velk2::Tagged<velk2::ClassTag::kManifestContext> {
   bool fail_on_extra = false;
   uint32_t hash_threads = 1;    // SetHashThreads: files hashed while the walk goes on
   uint32_t rollback_flags = 0;  // SetRollbackProtection: kRollbackProtect, kRollbackAllowOlder
+  bool scan_root = false;       // SetScanPackageRoot: the package directory is scanned too
+  // Ignore patterns beyond those the manifest records (the tool's --ignore).
+  std::vector<std::string> patterns;
   std::optional<std::u16string> extra_acl_directory;
   // The results: valid, invalid, missing, extra.
   velk2::FileItemList results[4];

@@ -175,6 +175,16 @@ VELK2_EXPORT VELK2_RESULT SetRollbackProtection(ManifestContext* handle, uint32_
   return VELK2_SUCCESS;
 }
 
+// An extension: the design never scans the package directory itself (the
+// manifest usually lies there), and that stays the default.
+VELK2_EXPORT VELK2_RESULT SetScanPackageRoot(ManifestContext* handle, uint32_t on) {
+  if (handle == nullptr) return VELK2_ERR_PARAM_NULL;
+  ManifestContext* context = Checked(handle);
+  if (context == nullptr) return VELK2_ERR_INVALID_PARAM;
+  context->scan_root = on != 0;
+  return VELK2_SUCCESS;
+}
+
 VELK2_EXPORT int64_t GetTimeOfSigning(ManifestContext* handle) {
   ManifestContext* context = Checked(handle);
   return context != nullptr && context->time_of_signing ? ReadDate(context->time_of_signing.get())

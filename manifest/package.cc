@@ -1,6 +1,7 @@
 #include "manifest/package.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <utility>
 #include <vector>
 
@@ -8,7 +9,9 @@
 #include "frame/file_item.h"
 #include "frame/paths.h"
 #include "manifest/body.h"
+#include "manifest/patterns.h"
 #include "manifest/rollback.h"
+#include "platform/utf.h"
 #include "sexp/reader.h"
 #include "trust/certificate_store.h"
 
@@ -48,13 +51,41 @@ Result CollectResults(const CompareResults& results, ManifestContext* context) {
       default:
         continue;
     }
-    FileItem* item = FileItemCreate(found.path.c_str(), nullptr);
+    // The narrow name holds the path's bytes as they are on disk, even
+    // those that are no UTF-8: a caller can open what it is told about.
+    const std::string narrow = WideToFileName(found.path);
+    FileItem* item = FileItemCreate(found.path.c_str(), narrow.c_str());
     if (item == nullptr) return VELK2_ERR_MEM_ALLOC;
     item->is_directory = found.is_directory ? 1 : 0;
     item->next = context->results[list].release();
     context->results[list].reset(item);
   }
   return SummaryCode(results);
+}
+
+// The patterns a comparison honours: those the manifest was signed with and
+// those the caller adds. A pattern that does not read is passed over (the
+// toolkit writes none; the tool refuses them before asking).
+void PatternsOf(const ManifestContext& context, IgnorePatterns* patterns) {
+  for (const std::string& pattern : ReadHeaderAttributes(context.version.get()).ignore) {
+    (void)patterns->Add(pattern);
+  }
+  for (const std::string& pattern : context.patterns) (void)patterns->Add(pattern);
+}
+
+// The manifest's own name when it lies directly in the package directory:
+// a scan of the package directory never calls it extra.
+std::u16string ManifestNameInPackage(const ManifestContext& context) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const fs::path manifest = WideToFileName(context.manifest_path);
+  const fs::path package = WideToFileName(context.package_directory);
+  if (!fs::equivalent(manifest.parent_path().empty() ? fs::path(".") : manifest.parent_path(),
+                      package, error) ||
+      error) {
+    return std::u16string();
+  }
+  return FileNameToWide(manifest.filename().string());
 }
 
 size_t CountFiles(const ManifestDirectory& level) {
@@ -91,9 +122,14 @@ Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_a
     report->files_listed = CountFiles(root);
     if (report->on_start) report->on_start(report->files_listed);
   }
+  IgnorePatterns patterns;
+  PatternsOf(*context, &patterns);
   DiskOptions options;
   options.threads = context->hash_threads;
   options.on_file = report != nullptr ? &report->on_file : nullptr;
+  options.patterns = patterns.empty() ? nullptr : &patterns;
+  options.scan_root = context->scan_root;
+  options.root_exception = ManifestNameInPackage(*context);
   (void)CompareWithDisk(root, &results, context->library_context, options);
   result = CollectResults(results, context);
   if (found != nullptr) *found = std::move(results);
@@ -120,8 +156,10 @@ Result ComparePackages(ManifestContext* context, const char16_t* other_path,
   result = ReadManifestBody(&root_a, a.body(), &ignored);
   if (result == VELK2_SUCCESS) result = ReadManifestBody(&root_b, b.body(), &ignored);
   if (result != VELK2_SUCCESS) return result;
+  IgnorePatterns patterns;
+  PatternsOf(*context, &patterns);
   CompareResults results;
-  (void)CompareDirectories(root_a, root_b, &results);
+  (void)CompareDirectories(root_a, root_b, &results, patterns.empty() ? nullptr : &patterns);
   result = CollectResults(results, context);
   if (found != nullptr) *found = std::move(results);
   return result;

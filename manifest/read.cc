@@ -27,6 +27,7 @@ class ManifestReader {
              ManifestFile* file) {
     Result result = source_.Attach(std::move(bytes));
     if (result == VELK2_SUCCESS) result = ReadHeader();
+    if (result == VELK2_SUCCESS && report_ != nullptr) report_->is_manifest = true;
     if (result == VELK2_SUCCESS) result = ReadChain();
     if (result == VELK2_SUCCESS) result = ReadLists();
     if (result == VELK2_SUCCESS && verify) result = Authorize(not_before, not_after);

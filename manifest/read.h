@@ -49,6 +49,7 @@ struct ManifestFile {
 
 // What a verification found, for a caller that explains it (optional).
 struct ManifestReport {
+  bool is_manifest = false;        // its header read: a file of another kind never does
   bool verified = false;           // every check of the manifest itself held
   Ref<CertificateSequence> chain;  // the certificates as read, in order
   // Per certificate of the chain: what the revocation check found; any

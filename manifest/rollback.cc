@@ -150,12 +150,28 @@ HeaderAttributes ReadHeaderAttributes(const SexpList* version) {
       attributes.name = value->bytes();
     }
   }
+  // The patterns: every atom after "ignore", of the first such element.
+  for (size_t i = 1; i < list->ChildCount() && attributes.ignore.empty(); ++i) {
+    const SexpList* element = list->ChildAt(i)->AsList();
+    const SexpAtom* key = AtomAt(element, 0);
+    if (key == nullptr || !key->AtomEqualsText("ignore")) continue;
+    for (size_t k = 1; k < element->ChildCount(); ++k) {
+      if (const SexpAtom* pattern = AtomAt(element, k)) {
+        attributes.ignore.emplace_back(pattern->bytes());
+      }
+    }
+  }
   return attributes;
 }
 
 std::string HeaderAttributeText(const HeaderAttributes& attributes) {
   std::string text = "(5:velk2";
   if (!attributes.name.empty()) text += "(4:name" + Atom(attributes.name) + ")";
+  if (!attributes.ignore.empty()) {
+    text += "(6:ignore";
+    for (const std::string& pattern : attributes.ignore) text += Atom(pattern);
+    text += ")";
+  }
   return text + ")";
 }
 

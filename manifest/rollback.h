@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "frame/result.h"
 #include "manifest/context.h"
@@ -37,10 +38,14 @@ constexpr uint32_t kRollbackAllowOlder = 2;  // an older manifest is not refused
 constexpr int64_t kRollbackFutureSlack = 300;
 
 // What a manifest's header says beyond the designed fields: the second atom
-// of its version list may hold the canonical text (5:velk2 (4:name NAME)),
+// of its version list may hold the canonical text
+//   (5:velk2 (4:name NAME) (6:ignore PATTERN...))
 // where older manifests hold a plain word.
 struct HeaderAttributes {
   std::string name;  // empty: none recorded
+  // The ignore patterns the package was signed with (manifest/patterns.h):
+  // what they match is not part of the package, on disk or in the tree.
+  std::vector<std::string> ignore;
 };
 
 // ReadHeaderAttributes reads the attributes of a version list ("version" "1"

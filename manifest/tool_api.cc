@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -13,9 +14,11 @@
 #include "credentials/date.h"
 #include "credentials/hash_value.h"
 #include "frame/file_item.h"
+#include "manifest/attributes.h"
 #include "manifest/body.h"
 #include "manifest/context.h"
 #include "manifest/package.h"
+#include "manifest/patterns.h"
 #include "manifest/read.h"
 #include "manifest/rollback.h"
 #include "platform/utf.h"
@@ -106,18 +109,35 @@ TreeReport MakeReport(CompareResults* results, const std::u16string& base, bool 
         path[base.size()] == u'/') {
       path = path.substr(base.size() + 1);
     }
-    return Utf16ToUtf8(path);
+    return WideToFileName(path);
   };
   for (size_t i = 0; i < results->size(); ++i) {
     const CompareResult& found = (*results)[i];
+    // A directory that could not be listed has a record of its own ahead
+    // of the one every directory gets: one line says it.
+    if (found.is_directory && i + 1 < results->size() && (*results)[i + 1].is_directory &&
+        (*results)[i + 1].path == found.path) {
+      continue;
+    }
     Entry entry;
     entry.path = shown(i);
-    entry.status = StatusWord(found.status);
+    // What could not be read and shows no other difference is unreadable:
+    // neither valid nor called tampering.
+    const bool unreadable = found.read_error != 0 && found.changes.empty();
+    entry.status = unreadable ? "unreadable" : StatusWord(found.status);
     entry.directory = found.is_directory;
     entry.listed = found.listed;
     entry.changed_during = found.changed_during;
-    entry.counted = !found.is_directory || !found.listed;
-    if (entry.counted) {
+    // A listed directory counts when it differs itself, not only below.
+    entry.counted =
+        !found.is_directory || !found.listed || !found.changes.empty() || found.read_error != 0;
+    for (const velk2::Change& change : found.changes) {
+      entry.changes.push_back({ChangeKindName(change.kind), change.expected, change.found});
+    }
+    if (found.read_error != 0) entry.unreadable = std::strerror(found.read_error);
+    if (entry.counted && unreadable) {
+      ++report.counts.unreadable;
+    } else if (entry.counted) {
       switch (found.status) {
         case VELK2_ENTRY_VALID:
           ++report.counts.valid;
@@ -143,29 +163,15 @@ TreeReport MakeReport(CompareResults* results, const std::u16string& base, bool 
   return report;
 }
 
-std::vector<std::u16string> Wide(const std::vector<std::string>& paths) {
-  std::vector<std::u16string> out;
-  for (std::string path : paths) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    out.push_back(Utf8ToUtf16(path));
+// The caller's ignore patterns, each checked: the first that does not read,
+// or empty.
+std::string AddPatterns(const std::vector<std::string>& patterns, ManifestContext* context) {
+  IgnorePatterns check;
+  for (const std::string& pattern : patterns) {
+    if (!check.Add(pattern)) return pattern;
+    context->patterns.push_back(pattern);
   }
-  return out;
-}
-
-// The context's ignored entries as the library takes them.
-Result SetIgnored(const std::vector<std::string>& paths, ManifestContext* context) {
-  FileItem* list = nullptr;
-  for (const std::u16string& path : Wide(paths)) {
-    FileItem* item = FileItemCreate(path.c_str(), nullptr);
-    if (item == nullptr) {
-      FreeFileItemList(list);
-      return VELK2_ERR_MEM_ALLOC;
-    }
-    item->next = list;
-    list = item;
-  }
-  context->ignored.reset(list);
-  return VELK2_SUCCESS;
+  return std::string();
 }
 
 RollbackInfo RollbackOf(const RollbackReport& report) {
@@ -188,14 +194,32 @@ RollbackInfo RollbackOf(const RollbackReport& report) {
   return info;
 }
 
+void Describe(const EntryAttributes& attributes, TreeLine* line) {
+  if (attributes.mode) line->mode = ModeText(*attributes.mode);
+  if (attributes.uid && attributes.gid) {
+    line->owner = std::to_string(*attributes.uid) + ":" + std::to_string(*attributes.gid);
+  }
+  line->link = attributes.link;
+  line->target = attributes.target;
+}
+
 void DescribeTree(const ManifestDirectory& level, int depth, ManifestInfo* out) {
   for (const ManifestFileEntry& file : level.files) {
-    out->tree.push_back(
-        {depth, Utf16ToUtf8(file.name), false, HexString(file.digest.data(), file.digest_length)});
+    TreeLine line;
+    line.depth = depth;
+    line.name = WideToFileName(file.name);
+    line.digest = HexString(file.digest.data(), file.digest_length);
+    Describe(file.attributes, &line);
+    out->tree.push_back(std::move(line));
     ++out->entries;
   }
   for (const ManifestDirectory& directory : level.directories) {
-    out->tree.push_back({depth, Utf16ToUtf8(directory.name), true, std::string()});
+    TreeLine line;
+    line.depth = depth;
+    line.name = WideToFileName(directory.name);
+    line.directory = true;
+    Describe(directory.attributes, &line);
+    out->tree.push_back(std::move(line));
     ++out->entries;
     DescribeTree(directory, depth + 1, out);
   }
@@ -206,18 +230,34 @@ void DescribeTree(const ManifestDirectory& level, int depth, ManifestInfo* out) 
 Result VerifyPackage(const PackageRequest& request, PackageVerdict* out) {
   *out = PackageVerdict{};
   ManifestContext context;
-  context.package_directory = Utf8ToUtf16(request.package);
+  // Names are bytes: the package and the manifest are found as typed.
+  context.package_directory = FileNameToWide(request.package);
   context.manifest_path =
-      Utf8ToUtf16(request.manifest.empty() ? request.package + "/manifest" : request.manifest);
+      FileNameToWide(request.manifest.empty() ? request.package + "/manifest" : request.manifest);
   context.fail_on_extra = !request.allow_extra;
+  context.scan_root = request.scan_root;
   // The tool's default is the safe one: no package goes back in time.
   context.rollback_flags = kRollbackProtect | (request.allow_older ? kRollbackAllowOlder : 0);
   context.hash_threads = std::max(1u, std::min(request.threads, 64u));
   Result result = ReadTagText(request.tag.c_str(), nullptr, &context.tag);
-  if (result == VELK2_SUCCESS) result = SetIgnored(request.ignore, &context);
   if (result != VELK2_SUCCESS) {
     out->result = result;
+    out->input_problem = "not a tag";
     return result;
+  }
+  if (std::string bad = AddPatterns(request.ignore, &context); !bad.empty()) {
+    out->result = VELK2_ERR_INVALID_PARAM;
+    out->input_problem = "not an ignore pattern: " + bad;
+    return out->result;
+  }
+  // A typo must not look like tampering: a package directory that is not
+  // there is no package with every file missing.
+  struct stat st;
+  const bool exists = ::stat(request.package.c_str(), &st) == 0;
+  if (!exists || !S_ISDIR(st.st_mode)) {
+    out->result = VELK2_ERR_FIND_DIR;
+    out->input_problem = exists || errno == ENOTDIR ? "not a directory" : "no package directory";
+    return out->result;
   }
 
   ManifestReport report;
@@ -232,6 +272,7 @@ Result VerifyPackage(const PackageRequest& request, PackageVerdict* out) {
   result = velk2::VerifyPackage(&context, request.not_before, request.not_after, &report, &found);
   out->result = result;
   out->manifest_read = result != VELK2_ERR_OPEN_MANIFEST_FILE;
+  if (out->manifest_read && !report.is_manifest) out->input_problem = "not a manifest";
   out->verified = report.verified && !report.rollback.older && !report.rollback.future &&
                   !report.rollback.malformed;
   out->time_of_signing = AtomString(context.time_of_signing.get());
@@ -272,12 +313,12 @@ Result CompareManifests(const std::string& a, const std::string& b,
                         const std::vector<std::string>& ignore, TreeReport* out) {
   *out = TreeReport{};
   ManifestContext context;
-  context.manifest_path = Utf8ToUtf16(a);
+  context.manifest_path = FileNameToWide(a);
   Result result = ReadTagText("(null)", nullptr, &context.tag);
-  if (result == VELK2_SUCCESS) result = SetIgnored(ignore, &context);
   if (result != VELK2_SUCCESS) return result;
+  if (!AddPatterns(ignore, &context).empty()) return VELK2_ERR_INVALID_PARAM;
   CompareResults found;
-  const std::u16string other = Utf8ToUtf16(b);
+  const std::u16string other = FileNameToWide(b);
   result = ComparePackages(&context, other.c_str(), &found);
   if (result == VELK2_SUCCESS || result == VELK2_ERR_HASH_MISMATCH ||
       result == VELK2_ERR_FILE_NOT_FOUND || result == VELK2_ERR_EXTRA_FILES) {
@@ -289,7 +330,7 @@ Result CompareManifests(const std::string& a, const std::string& b,
 Result DescribeManifest(const std::string& path, ManifestInfo* out) {
   *out = ManifestInfo{};
   ManifestContext context;
-  context.manifest_path = Utf8ToUtf16(path);
+  context.manifest_path = FileNameToWide(path);
   ManifestFile file;
   ManifestReport report;
   Result result = ReadManifest(&context, false, 0, 0, &file, &report);
@@ -299,7 +340,9 @@ Result DescribeManifest(const std::string& path, ManifestInfo* out) {
   if (result != VELK2_SUCCESS) return result;
   out->version = ReadableTag(context.version.get());
   out->type = ReadableTag(context.type.get());
-  out->name = ReadHeaderAttributes(context.version.get()).name;
+  const HeaderAttributes attributes = ReadHeaderAttributes(context.version.get());
+  out->name = attributes.name;
+  out->ignore = attributes.ignore;
   out->time_of_signing = AtomString(context.time_of_signing.get());
   out->chain = DescribeChain(*report.chain);
   for (const Ref<RevocationList>& list : report.embedded_lists) {

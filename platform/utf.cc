@@ -124,22 +124,60 @@ std::u16string Utf8ToUtf16(std::string_view text) {
   return out;
 }
 
+namespace {
+
+// The code point at |i| (advanced past it): a surrogate pair joined, a lone
+// surrogate as it is, for the caller to map.
+char32_t DecodeUtf16(std::u16string_view text, size_t& i) {
+  const char32_t c = text[i++];
+  if (c >= 0xD800 && c <= 0xDBFF && i < text.size() && text[i] >= 0xDC00 && text[i] <= 0xDFFF) {
+    return 0x10000 + ((c - 0xD800) << 10) + (text[i++] - 0xDC00);
+  }
+  return c;
+}
+
+bool IsSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDFFF; }
+
+}  // namespace
+
 std::string Utf16ToUtf8(std::u16string_view text) {
   std::string out;
   out.reserve(text.size() * 3);
-  for (size_t i = 0; i < text.size(); ++i) {
-    char32_t c = text[i];
-    if (c >= 0xD800 && c <= 0xDBFF) {
-      if (i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
-        c = 0x10000 + ((c - 0xD800) << 10) + (text[i + 1] - 0xDC00);
-        ++i;
-      } else {
-        c = kReplacement;
+  for (size_t i = 0; i < text.size();) {
+    const char32_t c = DecodeUtf16(text, i);
+    AppendUtf8(out, IsSurrogate(c) ? kReplacement : c);
+  }
+  return out;
+}
+
+std::u16string FileNameToWide(std::string_view name) {
+  std::u16string out;
+  out.reserve(name.size());
+  for (size_t i = 0; i < name.size();) {
+    const size_t start = i;
+    const char32_t c = DecodeUtf8(name, i);
+    if (c == kReplacement && name.substr(start, i - start) != "\xEF\xBF\xBD") {
+      // Every byte of an ill-formed subpart is 0x80 or above.
+      for (size_t k = start; k < i; ++k) {
+        out.push_back(static_cast<char16_t>(0xDC00 + static_cast<uint8_t>(name[k])));
       }
-    } else if (c >= 0xDC00 && c <= 0xDFFF) {
-      c = kReplacement;
+    } else {
+      AppendUtf16(out, c);
     }
-    AppendUtf8(out, c);
+  }
+  return out;
+}
+
+std::string WideToFileName(std::u16string_view name) {
+  std::string out;
+  out.reserve(name.size() * 3);
+  for (size_t i = 0; i < name.size();) {
+    const char32_t c = DecodeUtf16(name, i);
+    if (c >= 0xDC80 && c <= 0xDCFF) {
+      out.push_back(static_cast<char>(c - 0xDC00));  // a byte FileNameToWide kept
+    } else {
+      AppendUtf8(out, IsSurrogate(c) ? kReplacement : c);
+    }
   }
   return out;
 }

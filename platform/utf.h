@@ -12,6 +12,14 @@ namespace velk2 {
 std::u16string Utf8ToUtf16(std::string_view text);
 std::string Utf16ToUtf8(std::u16string_view text);
 
+// File names are bytes, and two different names must never become one: the
+// lossless pair maps every byte of an ill-formed UTF-8 sequence to the
+// reserved code unit U+DC00 + byte (U+DC80..U+DCFF, which well-formed UTF-8
+// never yields) and back, so any name round-trips exactly. Well-formed
+// UTF-8 converts as with Utf8ToUtf16.
+std::u16string FileNameToWide(std::string_view name);
+std::string WideToFileName(std::u16string_view name);
+
 // EscapeForDisplay makes text from a file safe to print as one line: control
 // characters (C0, DEL, C1), the characters that reorder text on screen
 // (bidirectional embeddings, overrides and isolates) and every byte of

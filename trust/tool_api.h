@@ -278,10 +278,21 @@ Result HashFile(const std::string& path, std::string* hex);
 
 // ---- Packages (answered in manifest/) ------------------------------------------------
 
+// What differs between what an entry records and what was found.
+struct Change {
+  std::string kind;             // "type", "content", "size", "mode", "owner", "link target"
+  std::string expected, found;  // digests in hex, modes in octal, owners "uid:gid", ...
+};
+
 // One entry of a package report.
 struct Entry {
-  std::string path;    // relative to the package (or as the manifest names it)
-  std::string status;  // "valid", "changed", "missing", "extra"
+  std::string path;  // relative to the package (or as the manifest names it), its bytes as on disk
+  std::string status;           // "valid", "changed", "missing", "extra", "unreadable"
+  std::vector<Change> changes;  // for a changed entry, what differs
+  // Why it could not be read, for an entry that could not ("Permission
+  // denied"): no success. It is "unreadable" unless what could be seen
+  // (mode, owner, type) already shows it changed.
+  std::string unreadable;
   bool directory = false;
   bool listed = false;          // a directory the manifest lists
   bool changed_during = false;  // rewritten while it was read
@@ -294,7 +305,8 @@ struct Move {
   std::string from, to;
 };
 struct Counts {
-  size_t valid = 0, changed = 0, missing = 0, extra = 0, moved = 0;
+  // An unreadable entry counts as unreadable, in no other count.
+  size_t valid = 0, changed = 0, missing = 0, extra = 0, moved = 0, unreadable = 0;
 };
 // The comparison of a manifest's tree with the disk or with another
 // manifest: every entry in the order found, the moves (a missing file whose
@@ -314,7 +326,12 @@ struct PackageRequest {
   int64_t not_before = 0, not_after = 0;  // 0 = not given
   bool allow_extra = false;
   bool allow_older = false;  // rollback protection admits an older manifest
+  // Ignore patterns (see manifest/patterns.h) added to those the manifest
+  // records; a pattern that does not read is an input problem.
   std::vector<std::string> ignore;
+  // The package directory itself is scanned for extra entries (the manifest
+  // file excepted), as the tool always does.
+  bool scan_root = true;
   unsigned threads = 1;
   bool explain = false;
   // Called before the disk is read with the number of files listed, then
@@ -339,7 +356,11 @@ struct RollbackInfo {
 };
 
 struct PackageVerdict {
-  Result result = 1;            // VerifyManifest's code
+  Result result = 1;  // VerifyManifest's code
+  // What is wrong with the question rather than with the package: empty when
+  // nothing is, else "no package directory", "not a directory", "not a
+  // manifest", "not an ignore pattern: P".
+  std::string input_problem;
   bool manifest_read = false;   // the manifest file could be read at all
   bool verified = false;        // every check of the manifest itself held
   std::string time_of_signing;  // date text
@@ -358,19 +379,25 @@ Result VerifyPackage(const PackageRequest& request, PackageVerdict* out);
 // CompareManifests: how manifest B's tree differs from A's (their
 // signatures and digests checked, not their signers). 22, 5, 74 or 0; the
 // reader's codes when one does not read.
+// |ignore|: patterns added to those manifest A records.
 Result CompareManifests(const std::string& a, const std::string& b,
                         const std::vector<std::string>& ignore, TreeReport* out);
 
 // One file or directory of a manifest's tree, depth first.
 struct TreeLine {
   int depth = 0;
-  std::string name;
+  std::string name;  // its bytes as recorded
   bool directory = false;
-  std::string digest;  // hex, files only
+  bool link = false;
+  std::string digest;  // hex, files and links
+  std::string target;  // a link's target
+  std::string mode;    // octal, when recorded
+  std::string owner;   // "uid:gid", when recorded
 };
 struct ManifestInfo {
-  std::string version, type;  // readable
-  std::string name;           // the package name its header records, or empty
+  std::string version, type;        // readable
+  std::string name;                 // the package name its header records, or empty
+  std::vector<std::string> ignore;  // the ignore patterns it records
   std::string time_of_signing;
   std::vector<CertificateInfo> chain;
   struct ShippedList {

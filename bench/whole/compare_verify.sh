@@ -21,25 +21,13 @@ files=${2:?files}
 kib=${3:?KiB per file}
 rounds=${4:-5}
 velk2=$(cd "$(dirname "$velk2")" && pwd)/$(basename "$velk2")
+here=$(cd "$(dirname "$0")" && pwd)
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 cd "$dir"
 
-# The tree: 100 files a directory; content from one random block, each file
-# starting with its own number so that no two are alike.
-mkdir -p pkg store/acl
-head -c $((kib * 1024)) /dev/urandom >block
-python3 - "$files" "$kib" <<'PY'
-import os, sys
-files, kib = int(sys.argv[1]), int(sys.argv[2])
-block = open("block", "rb").read()
-for i in range(files):
-    d = f"pkg/d{i // 100:04d}"
-    if i % 100 == 0:
-        os.makedirs(d, exist_ok=True)
-    with open(f"{d}/f{i:06d}", "wb") as f:
-        f.write(f"{i:012d}".encode() + block[12:])
-PY
+mkdir -p store/acl
+bash "$here/make_tree.sh" "$files" "$kib"
 "$velk2" key new --type rsa --out root >/dev/null
 "$velk2" key new --type rsa --out signer >/dev/null
 "$velk2" acl add --subject root.pub --tag '(pkg)' --propagate --out store/acl/root.acl >/dev/null

@@ -16,7 +16,10 @@
 #include "credentials/hash_value.h"
 #include "credentials/revocation_list.h"
 #include "frame/paths.h"
+#include "manifest/attributes.h"
+#include "manifest/body.h"
 #include "manifest/context.h"
+#include "manifest/patterns.h"
 #include "manifest/read.h"
 #include "manifest/rollback.h"
 #include "platform/utf.h"
@@ -33,12 +36,13 @@ std::string Atom(std::string_view bytes) {
 
 class Walker {
  public:
-  Walker(const ManifestRequest& request, std::string* problem)
-      : request_(request), problem_(problem) {}
+  Walker(const ManifestRequest& request, const IgnorePatterns& patterns, std::string* problem)
+      : request_(request), patterns_(patterns), problem_(problem) {}
 
-  // The entries of the directory open as |fd| at |relative| ("" for the root).
+  // The entries of the directory open as |fd| at |relative| ("" for the
+  // root), as raw name bytes: a name is recorded as it is on disk.
   Result Entries(int fd, const std::string& relative, std::string* out, int depth) {
-    if (depth > 200) return Refuse(relative, "is nested too deep");
+    if (depth > kMaxManifestDepth) return Refuse(relative, "is nested too deep");
     std::vector<std::string> names;
     const int copy = ::dup(fd);
     DIR* dir = copy >= 0 ? ::fdopendir(copy) : nullptr;
@@ -55,10 +59,16 @@ class Walker {
     for (const std::string& name : names) {
       const std::string path = relative.empty() ? name : relative + "/" + name;
       if (request_.ignore.count(path)) continue;
-      if (name.find('\\') != std::string::npos) return Refuse(path, "holds \"\\\"");
       struct stat st;
       if (::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
         return Refuse(path, "cannot be read");
+      }
+      if (patterns_.Matches(path, S_ISDIR(st.st_mode))) continue;
+      if (name.find('\\') != std::string::npos) return Refuse(path, "holds \"\\\"");
+      EntryAttributes attributes;
+      if (request_.owners) {
+        attributes.uid = st.st_uid;
+        attributes.gid = st.st_gid;
       }
       if (S_ISDIR(st.st_mode)) {
         const int child =
@@ -68,23 +78,41 @@ class Walker {
         const Result result = Entries(child, path, &inner, depth + 1);
         ::close(child);
         if (result != VELK2_SUCCESS) return result;
-        out->append("(3:dir").append(Atom(name)).append("0:").append(inner).append(")");
+        attributes.mode = st.st_mode & 07777;
+        out->append("(3:dir")
+            .append(Atom(name))
+            .append(Atom(FormatEntryAttributes(attributes, true)));
+        out->append(inner).append(")");
       } else if (S_ISREG(st.st_mode)) {
         const int file = ::openat(fd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
         if (file < 0) return Refuse(path, "cannot be opened");
         uint8_t digest[32];
-        const Result result = HashDescriptor(file, digest, nullptr);
+        struct stat opened;
+        const Result result = ::fstat(file, &opened) == 0 && S_ISREG(opened.st_mode)
+                                  ? HashDescriptor(file, digest, nullptr)
+                                  : VELK2_ERR_FILE_OPEN;
         ::close(file);
         if (result != VELK2_SUCCESS) return Refuse(path, "cannot be read");
-        out->append("(4:file").append(Atom(name)).append(Atom(std::to_string(st.st_size)));
-        out->append(Atom(std::string_view(reinterpret_cast<char*>(digest), sizeof digest)));
-        out->append(")");
+        attributes.size = static_cast<uint64_t>(opened.st_size);
+        attributes.mode = opened.st_mode & 07777;
+        AppendFile(name, attributes, digest, out);
+      } else if (S_ISLNK(st.st_mode)) {
+        // A link is recorded as a link: its target text, signed, never followed.
+        std::string target(static_cast<size_t>(st.st_size > 0 ? st.st_size : 0) + 1, '\0');
+        const ssize_t length = ::readlinkat(fd, name.c_str(), target.data(), target.size());
+        if (length <= 0 || static_cast<size_t>(length) >= target.size()) {
+          return Refuse(path, "is a symlink that cannot be read");
+        }
+        target.resize(static_cast<size_t>(length));
+        uint8_t digest[32];
+        if (HashBytes(target, digest) != VELK2_SUCCESS) return Refuse(path, "cannot be hashed");
+        attributes.link = true;
+        attributes.target = target;
+        AppendFile(name, attributes, digest, out);
       } else {
-        return Refuse(path, S_ISLNK(st.st_mode)
-                                ? "is a symlink: a manifest lists only regular files and "
-                                  "directories (leave it out with --ignore)"
-                                : "is neither a regular file nor a directory (leave it out "
-                                  "with --ignore)");
+        return Refuse(path,
+                      "is neither a regular file, a directory nor a symlink (leave it out "
+                      "with --ignore)");
       }
       ++entries_;
     }
@@ -94,12 +122,22 @@ class Walker {
   size_t entries() const { return entries_; }
 
  private:
+  static void AppendFile(const std::string& name, const EntryAttributes& attributes,
+                         const uint8_t (&digest)[32], std::string* out) {
+    out->append("(4:file")
+        .append(Atom(name))
+        .append(Atom(FormatEntryAttributes(attributes, false)));
+    out->append(Atom(std::string_view(reinterpret_cast<const char*>(digest), sizeof digest)));
+    out->append(")");
+  }
+
   Result Refuse(const std::string& path, const char* why) {
     *problem_ = (path.empty() ? std::string("the package directory") : path) + " " + why;
     return VELK2_ERR_INVALID_PARAM;
   }
 
   const ManifestRequest& request_;
+  const IgnorePatterns& patterns_;
   std::string* problem_;
   size_t entries_ = 0;
 };
@@ -123,6 +161,23 @@ Result MakeManifest(const PrivateKey& key, const ManifestRequest& request, std::
     *problem = "a package name is 1 to 255 bytes of UTF-8 without control characters";
     return VELK2_ERR_INVALID_PARAM;
   }
+  IgnorePatterns patterns;
+  for (const std::string& pattern : request.patterns) {
+    if (!patterns.Add(pattern)) {
+      *problem = "not an ignore pattern: " + pattern;
+      return VELK2_ERR_INVALID_PARAM;
+    }
+  }
+  // The header records the name and the patterns; without either its second
+  // atom stays the plain word older manifests hold.
+  const std::string attributes =
+      request.name.empty() && request.patterns.empty()
+          ? std::string("velk2")
+          : HeaderAttributeText(HeaderAttributes{request.name, request.patterns});
+  if (attributes.size() > kMaxAtomLength) {
+    *problem = "the name and ignore patterns take more than the 8 KiB a header atom holds";
+    return VELK2_ERR_INVALID_PARAM;
+  }
 
   const int package = ::open(request.package.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (package < 0) {
@@ -136,7 +191,7 @@ Result MakeManifest(const PrivateKey& key, const ManifestRequest& request, std::
   }
   std::string body = "(4:body(12:random-token4:";
   body.append(reinterpret_cast<char*>(token), sizeof token).append(")");
-  Walker walker(request, problem);
+  Walker walker(request, patterns, problem);
   result = walker.Entries(package, "", &body, 0);
   ::close(package);
   if (result != VELK2_SUCCESS) return result;
@@ -145,12 +200,7 @@ Result MakeManifest(const PrivateKey& key, const ManifestRequest& request, std::
   // The object certificate names the digest of the header lists and the body.
   const std::string date = DateText(request.time_of_signing);
   if (date.empty()) return VELK2_ERR_INVALID_PARAM;
-  // Without a name the second atom stays the plain word older manifests hold.
-  const std::string version =
-      "(7:version1:1" +
-      Atom(request.name.empty() ? std::string("velk2")
-                                : HeaderAttributeText(HeaderAttributes{request.name})) +
-      ")";
+  const std::string version = "(7:version1:1" + Atom(attributes) + ")";
   const std::string type = "(4:type5:plain)";
   const std::string signing = "(15:time-of-signing" + Atom(date) + ")";
   Ref<HashValue> digest = HashValue::New();

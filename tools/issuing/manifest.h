@@ -19,8 +19,12 @@ namespace velk2::issuing {
 
 struct ManifestRequest {
   std::string package;           // the package directory
-  std::set<std::string> ignore;  // paths inside it, "/"-separated, left out
-  Ref<SexpList> tag;             // (tag ...) of the object certificate
+  std::set<std::string> ignore;  // exact paths inside it, "/"-separated, left out (the manifest)
+  // Ignore patterns (manifest/patterns.h): what they match is left out, and
+  // they are recorded in the signed header, so verifying honours them too.
+  std::vector<std::string> patterns;
+  bool owners = false;  // record every entry's owner and group ids
+  Ref<SexpList> tag;    // (tag ...) of the object certificate
   int64_t time_of_signing = 0;
   Ref<CertificateSequence> chain;  // the signer's own certificate first
   std::string name;  // the package's name, recorded in the signed header; may be empty
@@ -30,12 +34,14 @@ struct ManifestRequest {
 };
 
 // MakeManifest writes the manifest of the package into |file| and the
-// number of files and directories listed into |entries| (optional). Only
-// regular files and directories can be listed: a symlink, FIFO, socket or
-// device inside the package (unless ignored) is refused, as is a name that
-// the readers refuse (holding "\"), with |problem| saying which and why
-// (VELK2_ERR_INVALID_PARAM (2)); a chain whose first certificate is not for
-// the signing key too, a name that ValidPackageName refuses, and a list that
+// number of files, symlinks and directories listed into |entries|
+// (optional). Each entry records its size and mode (and, with |owners|, its
+// owner); a symlink is recorded as a link whose digest covers its target
+// text. A FIFO, socket or device inside the package (unless ignored) is
+// refused, as is a name that the readers refuse (holding "\"), with
+// |problem| saying which and why (VELK2_ERR_INVALID_PARAM (2)); a chain whose
+// first certificate is not for the signing key too, a name that
+// ValidPackageName refuses, a pattern that does not read, and a list that
 // does not read as a revocation list. The manifest is read back by the library (signatures
 // and digest) before it is handed out.
 Result MakeManifest(const PrivateKey& key, const ManifestRequest& request, std::string* file,

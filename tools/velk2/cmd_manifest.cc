@@ -65,8 +65,8 @@ int AddStoreLists(const Options& options, const char* command, issuing::Manifest
 
 int RunManifestSign(const Args& args) {
   const char* kName = "manifest sign";
-  Options options({"key", "chain", "tag", "out", "name", "store", "time-of-signing"}, {},
-                  {"ignore", "crl"});
+  Options options({"key", "chain", "tag", "out", "name", "store", "time-of-signing"}, {"owners"},
+                  {"ignore", "ignore-from", "crl"});
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
   std::optional<std::string> key_path = options.Get("key"), chain_path = options.Get("chain"),
                              tag_text = options.Get("tag"), out = options.Get("out");
@@ -75,13 +75,18 @@ int RunManifestSign(const Args& args) {
   }
   issuing::ManifestRequest request;
   request.package = options.positional()[0];
-  for (std::string path : options.GetAll("ignore")) {
-    while (!path.empty() && path.back() == '/') path.pop_back();
-    request.ignore.insert(path);
-  }
-  // The manifest is not part of the package it describes.
+  if (int exit = ReadPatterns(options, kName, &request.patterns); exit != kExitOk) return exit;
+  request.owners = options.Has("owners");
+  // The manifest is not part of the package it describes: left out, and
+  // recorded as left out, so a verification never counts it extra.
   if (std::string inside = InsidePackage(request.package, *out); !inside.empty()) {
     request.ignore.insert(inside);
+    std::string pattern = "/";
+    for (char c : inside) {
+      if (c == '*' || c == '?' || c == '[' || c == '\\') pattern.push_back('\\');
+      pattern.push_back(c);
+    }
+    request.patterns.push_back(pattern);
   }
   if (std::optional<std::string> name = options.Get("name")) request.name = *name;
   request.time_of_signing = static_cast<int64_t>(std::time(nullptr));
@@ -169,12 +174,22 @@ int RunManifestShow(const Args& args) {
                 EscapeForDisplay(list.not_after).c_str());
   }
   std::printf("entries: %zu\n", manifest.entries);
+  for (const std::string& pattern : manifest.ignore) {
+    std::printf("ignore: %s\n", EscapeForDisplay(pattern).c_str());
+  }
   for (const api::TreeLine& line : manifest.tree) {
+    std::string what = line.mode.empty() ? std::string() : " mode " + line.mode;
+    if (!line.owner.empty()) what += " owner " + line.owner;
+    const int indent = 2 + 2 * line.depth;
     if (line.directory) {
-      std::printf("%*s%s/\n", 2 + 2 * line.depth, "", EscapeForDisplay(line.name).c_str());
+      std::printf("%*s%s/%s\n", indent, "", EscapeForDisplay(line.name).c_str(), what.c_str());
+    } else if (line.link) {
+      std::printf("%*s%s  %s -> %s%s\n", indent, "", line.digest.c_str(),
+                  EscapeForDisplay(line.name).c_str(), EscapeForDisplay(line.target).c_str(),
+                  what.c_str());
     } else {
-      std::printf("%*s%s  %s\n", 2 + 2 * line.depth, "", line.digest.c_str(),
-                  EscapeForDisplay(line.name).c_str());
+      std::printf("%*s%s  %s%s\n", indent, "", line.digest.c_str(),
+                  EscapeForDisplay(line.name).c_str(), what.c_str());
     }
   }
   return kExitOk;

@@ -29,34 +29,93 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+// A path as the report prints it: escaped, and in double quotes when it
+// holds anything but the bytes of plain names, so that the report's own
+// words (": content", "->") can never be read as part of a name.
+std::string Shown(const std::string& path) {
+  std::string shown = EscapeForDisplay(path);
+  const bool plain = !shown.empty() && shown.find_first_not_of(
+                                           "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                           "0123456789._/+,@%=~-") == std::string::npos;
+  if (plain) return shown;
+  std::string quoted = "\"";
+  for (char c : shown) quoted += c == '"' ? std::string("\\x22") : std::string(1, c);
+  return quoted + "\"";
+}
+
+// "content", "mode 0755 -> 4755", "link target \"a\" -> \"b\"": what changed.
+std::string ChangeText(const api::Change& change) {
+  if (change.kind == "content") return "content";
+  if (change.kind == "link target") {
+    return "link target " + Shown(change.expected) + " -> " + Shown(change.found);
+  }
+  return change.kind + " " + EscapeForDisplay(change.expected) + " -> " +
+         EscapeForDisplay(change.found);
+}
+
+// Sets |key| to |text|; a text that is not UTF-8 (a file name can be any
+// bytes) is also given exactly, in hex, as |key|_hex, since JSON strings
+// cannot hold it.
+void Put(Json* object, const std::string& key, const std::string& text) {
+  (*object)[key] = text;
+  if (Utf16ToUtf8(Utf8ToUtf16(text)) != text)
+    (*object)[key + "_hex"] = HexString(text.data(), text.size());
+}
+
 // Prints the entries that are not valid, one line each, and the counts.
 Json Report(const api::TreeReport& report, bool json) {
   Json entries = Json::array(), moves = Json::array();
   for (const api::Move& move : report.moves) {
     if (json) {
-      moves.push_back(Json{{"from", move.from}, {"to", move.to}});
+      Json item = Json::object();
+      Put(&item, "from", move.from);
+      Put(&item, "to", move.to);
+      moves.push_back(item);
     } else {
-      std::printf("moved %s -> %s\n", EscapeForDisplay(move.from).c_str(),
-                  EscapeForDisplay(move.to).c_str());
+      std::printf("moved %s -> %s\n", Shown(move.from).c_str(), Shown(move.to).c_str());
     }
   }
   for (size_t i = 0; i < report.entries.size(); ++i) {
     const api::Entry& entry = report.entries[i];
     if (json) {
-      Json item{{"path", entry.path}, {"status", entry.status}, {"directory", entry.directory}};
+      Json item = Json::object();
+      Put(&item, "path", entry.path);
+      item["status"] = entry.status;
+      item["directory"] = entry.directory;
       if (entry.changed_during) item["changed_during_verification"] = true;
+      if (!entry.changes.empty()) {
+        Json changes = Json::array();
+        for (const api::Change& change : entry.changes) {
+          Json item_change{{"kind", change.kind}};
+          Put(&item_change, "expected", change.expected);
+          Put(&item_change, "found", change.found);
+          changes.push_back(item_change);
+        }
+        item["changes"] = changes;
+      }
+      if (!entry.unreadable.empty()) item["unreadable"] = entry.unreadable;
       entries.push_back(item);
-    } else if (entry.status != "valid" && entry.counted && !report.in_move[i]) {
-      std::printf("%s %s%s%s\n", entry.status.c_str(), EscapeForDisplay(entry.path).c_str(),
-                  entry.directory ? "/" : "",
-                  entry.changed_during ? " (changed during verification)" : "");
+      continue;
     }
+    if (entry.status == "valid" || !entry.counted || report.in_move[i]) continue;
+    const std::string path = Shown(entry.path) + (entry.directory ? "/" : "");
+    std::string what;
+    for (const api::Change& change : entry.changes) {
+      what += (what.empty() ? ": " : ", ") + ChangeText(change);
+    }
+    if (!entry.unreadable.empty()) {
+      what += (what.empty() ? ": " : ", unreadable: ") + entry.unreadable;
+    }
+    if (entry.changed_during)
+      what += (what.empty() ? ": " : ", ") + std::string("changed during verification");
+    std::printf("%s %s%s\n", entry.status.c_str(), path.c_str(), what.c_str());
   }
   const api::Counts& c = report.counts;
   if (!json) {
     std::printf("valid %zu, changed %zu, missing %zu, extra %zu", c.valid, c.changed, c.missing,
                 c.extra);
     if (c.moved > 0) std::printf(" (moved %zu)", c.moved);
+    if (c.unreadable > 0) std::printf(", unreadable %zu", c.unreadable);
     std::printf("\n");
   }
   return Json{{"entries", entries},
@@ -65,7 +124,8 @@ Json Report(const api::TreeReport& report, bool json) {
                               {"changed", c.changed},
                               {"missing", c.missing},
                               {"extra", c.extra},
-                              {"moved", c.moved}}}};
+                              {"moved", c.moved},
+                              {"unreadable", c.unreadable}}}};
 }
 
 // Why rollback protection refused the manifest, naming both times; empty
@@ -162,7 +222,7 @@ int RunVerify(const Args& args) {
   const char* kName = "verify";
   Options options({"store", "tag", "manifest", "not-before", "not-after", "jobs"},
                   {"allow-extra", "allow-older", "explain", "json", "progress", "no-progress"},
-                  {"ignore"});
+                  {"ignore", "ignore-from"});
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
   std::optional<std::string> store = options.Get("store"), tag_text = options.Get("tag");
   if (options.positional().size() != 1 || !store || !tag_text) {
@@ -175,7 +235,7 @@ int RunVerify(const Args& args) {
   request.tag = *tag_text;
   request.allow_extra = options.Has("allow-extra");
   request.allow_older = options.Has("allow-older");
-  request.ignore = options.GetAll("ignore");
+  if (int exit = ReadPatterns(options, kName, &request.ignore); exit != kExitOk) return exit;
   request.explain = ShowsReasons(options);
   // Files are hashed by one thread per core unless told otherwise.
   request.threads = std::max(1u, std::thread::hardware_concurrency());
@@ -215,6 +275,21 @@ int RunVerify(const Args& args) {
   const Result result = api::VerifyPackage(request, &verdict);
   progress.reset();
   const bool json = options.Has("json");
+  // A mistake in the question is no verdict on the package.
+  if (!verdict.input_problem.empty()) {
+    const std::string& what = verdict.input_problem;
+    if (what == "not a manifest") {
+      return FailWith(kExitUsage, kName, EscapeForDisplay(request.manifest) + " is not a manifest",
+                      result);
+    }
+    if (what == "no package directory" || what == "not a directory") {
+      return Fail(
+          kExitUsage, kName,
+          EscapeForDisplay(request.package) +
+              (what == "no package directory" ? ": no such directory" : ": not a directory"));
+    }
+    return Fail(kExitUsage, kName, EscapeForDisplay(what));
+  }
   if (!verdict.manifest_read) {
     return FailWith(kExitUsage, kName,
                     "cannot read the manifest " + EscapeForDisplay(request.manifest), result);
@@ -291,13 +366,15 @@ int RunVerify(const Args& args) {
 
 int RunCompare(const Args& args) {
   const char* kName = "compare";
-  Options options({}, {"json"}, {"ignore"});
+  Options options({}, {"json"}, {"ignore", "ignore-from"});
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
   if (options.positional().size() != 2)
     return UsageError(kName, "two manifests A and B are required");
+  std::vector<std::string> patterns;
+  if (int exit = ReadPatterns(options, kName, &patterns); exit != kExitOk) return exit;
   api::TreeReport report;
-  const Result r = api::CompareManifests(options.positional()[0], options.positional()[1],
-                                         options.GetAll("ignore"), &report);
+  const Result r =
+      api::CompareManifests(options.positional()[0], options.positional()[1], patterns, &report);
   if (r != VELK2_SUCCESS && r != VELK2_ERR_HASH_MISMATCH && r != VELK2_ERR_FILE_NOT_FOUND &&
       r != VELK2_ERR_EXTRA_FILES) {
     return FailWith(kExitUsage, kName, "cannot read both manifests", r);

@@ -47,10 +47,10 @@ const std::span<const Command> Commands() {
        "verified, 1 not (revoked, unauthorized, bad signature), 2 usage or unreadable input; "
        "--explain says which stage failed and why, --json prints the verdict as JSON",
        RunCertVerify},
-      {"compare", "A B [--ignore PATH ...] [--json]",
+      {"compare", "A B [--ignore PATTERN ...] [--ignore-from FILE ...] [--json]",
        "compare two manifests (their signatures and digests checked, not their signers): "
        "one line per changed, missing (in A only), extra (in B only) or moved entry and the "
-       "counts; "
+       "counts, a changed entry with what differs; paths matching a PATTERN are passed over; "
        "exit 0 when they list the same, 1 when not, 2 when one cannot be read",
        RunCompare},
       {"crl import", "DIR --store DIR",
@@ -94,11 +94,18 @@ const std::span<const Command> Commands() {
        RunManifestShow},
       {"manifest sign",
        "PKGDIR --key KEY.pem --chain FILE.cert --tag TEXT --out FILE [--name NAME] "
-       "[--time-of-signing DATE] [--crl FILE.crl ...] [--store DIR] [--ignore PATH ...]",
-       "sign a manifest of every regular file and directory of PKGDIR, its object "
+       "[--time-of-signing DATE] [--crl FILE.crl ...] [--store DIR] [--owners] "
+       "[--ignore PATTERN ...] [--ignore-from FILE ...]",
+       "sign a manifest of every file, symlink and directory of PKGDIR, its object "
        "certificate by KEY granting TEXT, its chain FILE.cert (the key's own certificate "
-       "first); symlinks and special files are refused unless ignored, and an --out inside "
-       "PKGDIR is left out. --name records the package's name in the signed header (rollback "
+       "first). Each entry records its mode (permission bits with setuid, setgid and sticky), "
+       "a file its size and SHA-256, a symlink its target (never followed); --owners records "
+       "owner and group too. FIFOs, sockets and devices are refused unless ignored. A PATTERN "
+       "is a shell pattern (*, ?, [...], ** for any depth; one without / matches a name at any "
+       "depth, a leading / anchors it at PKGDIR, a trailing / matches directories only); "
+       "--ignore-from reads one a line. The patterns are recorded in the signed manifest and "
+       "honoured by every verification; an --out inside PKGDIR is left out. --name records the "
+       "package's name in the signed header (rollback "
        "protection then knows the package by it); --time-of-signing sets the time (default: "
        "now); --crl ships a revocation list with the manifest, and --store DIR ships the "
        "store's current list of every scope that the chain's certificates name (a scope with "
@@ -127,14 +134,19 @@ const std::span<const Command> Commands() {
        RunTagIntersect},
       {"verify",
        "PKGDIR --store DIR --tag TEXT [--manifest FILE] [--not-before DATE] [--not-after DATE] "
-       "[--allow-extra] [--allow-older] [--ignore PATH ...] [--jobs N] [--explain] [--json] "
-       "[--progress | --no-progress]",
+       "[--allow-extra] [--allow-older] [--ignore PATTERN ...] [--ignore-from FILE ...] "
+       "[--jobs N] [--explain] [--json] [--progress | --no-progress]",
        "is PKGDIR exactly what an authorized signer shipped? Verifies the manifest (default "
        "PKGDIR/manifest: signatures; every certificate of its chain against the revocation "
        "lists of the store that the ACL names and those shipped with the manifest, a revoked "
        "or uncleared certificate leaving the chain; its signer's authorization for TEXT under "
        "the store DIR, at the time of signing unless dates are given; its digest), then every "
-       "file: one line per changed, missing or extra entry and the counts. Rollback "
+       "entry of PKGDIR, its top level included (the manifest file excepted), never following "
+       "a symlink: one line per changed, missing, extra or unreadable entry and the counts. A "
+       "changed line says what differs: content, size, mode, owner, link target or type "
+       "(--json gives the expected and found values). Paths matching the patterns recorded in "
+       "the manifest, or an --ignore PATTERN, are passed over. A package directory that does "
+       "not exist, or a manifest that does not read as one, exits 2. Rollback "
        "protection: a manifest older than the newest verified for the same package (its "
        "recorded name, else its directory) is refused unless --allow-older, as is one dated "
        "more than five minutes ahead; after a verification that succeeds in full, DIR/rollback "

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tools/issuing/issuer.h"
 #include "tools/velk2/options.h"
@@ -26,6 +27,12 @@ bool FileExists(const std::string& path);
 // --json): only then does the library keep every step of the reduction,
 // which a big ACL makes costly.
 bool ShowsReasons(const Options& options);
+
+// ReadPatterns: the ignore patterns of --ignore and of the files named by
+// --ignore-from (one a line; empty lines and lines starting with "#" are
+// passed over). Returns kExitOk, or prints the problem and returns
+// kExitUsage.
+int ReadPatterns(const Options& options, const char* command, std::vector<std::string>* out);
 
 // ReadGrantOptions fills |grant| from --propagate, --tag (required),
 // --not-before, --not-after and --comment. Returns kExitOk, or prints the
