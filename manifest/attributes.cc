@@ -93,6 +93,8 @@ Result ParseEntryAttributes(std::string_view atom, bool directory, EntryAttribut
   }
   // An owner is both ids or none.
   if (has_uid != has_gid) return VELK2_ERR_PARSE_FILE;
+  // A symlink's own mode means nothing on Linux: it is never checked.
+  if (out->link) out->mode.reset();
   return VELK2_SUCCESS;
 }
 

@@ -623,6 +623,12 @@ std::vector<Change> FileChanges(const ManifestFileEntry& x, const ManifestFileEn
   return changes;
 }
 
+size_t ListedEntries(const ManifestDirectory& level) {
+  size_t count = level.files.size() + level.directories.size();
+  for (const ManifestDirectory& directory : level.directories) count += ListedEntries(directory);
+  return count;
+}
+
 Result CompareLevels(const ManifestDirectory& a, const ManifestDirectory& b,
                      const std::string& relative, const IgnorePatterns* patterns,
                      CompareResults* results) {
@@ -740,6 +746,9 @@ Result SummaryCode(const CompareResults& results, size_t first, size_t end) {
 Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
                        const Velk2Context* context, const DiskOptions& options) {
   if (results == nullptr) return VELK2_ERR_PARAM_NULL;
+  // One record a listed entry, made in place: a big tree's records are not
+  // moved again and again as they grow.
+  results->reserve(results->size() + ListedEntries(root) + 1);
   const std::string path = Utf16ToUtf8(root.path);
   auto package =
       std::make_shared<const Descriptor>(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

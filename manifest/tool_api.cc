@@ -103,6 +103,8 @@ TreeReport MakeReport(CompareResults* results, const std::u16string& base, bool 
   for (size_t to : moved) {
     if (to != SIZE_MAX) moved_to[to] = true;
   }
+  report.entries.reserve(results->size());
+  report.in_move.reserve(results->size());
   auto shown = [&](size_t i) {
     std::u16string path = (*results)[i].path;
     if (!base.empty() && path.size() > base.size() && path.compare(0, base.size(), base) == 0 &&

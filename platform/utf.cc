@@ -136,7 +136,9 @@ char32_t DecodeUtf16(std::u16string_view text, size_t& i) {
   return c;
 }
 
-bool IsSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDFFF; }
+bool IsSurrogate(char32_t c) {
+  return c >= 0xD800 && c <= 0xDFFF;
+}
 
 }  // namespace
 
@@ -153,7 +155,10 @@ std::string Utf16ToUtf8(std::u16string_view text) {
 std::u16string FileNameToWide(std::string_view name) {
   std::u16string out;
   out.reserve(name.size());
-  for (size_t i = 0; i < name.size();) {
+  // Most names are ASCII: each byte is its unit.
+  size_t i = 0;
+  while (i < name.size() && static_cast<unsigned char>(name[i]) < 0x80) out.push_back(name[i++]);
+  while (i < name.size()) {
     const size_t start = i;
     const char32_t c = DecodeUtf8(name, i);
     if (c == kReplacement && name.substr(start, i - start) != "\xEF\xBF\xBD") {
@@ -170,8 +175,11 @@ std::u16string FileNameToWide(std::string_view name) {
 
 std::string WideToFileName(std::u16string_view name) {
   std::string out;
-  out.reserve(name.size() * 3);
-  for (size_t i = 0; i < name.size();) {
+  size_t i = 0;
+  while (i < name.size() && name[i] < 0x80) ++i;
+  out.reserve(i == name.size() ? i : name.size() * 3);
+  for (size_t k = 0; k < i; ++k) out.push_back(static_cast<char>(name[k]));
+  while (i < name.size()) {
     const char32_t c = DecodeUtf16(name, i);
     if (c >= 0xDC80 && c <= 0xDCFF) {
       out.push_back(static_cast<char>(c - 0xDC00));  // a byte FileNameToWide kept

@@ -13,7 +13,7 @@
 # cold-cache run of each.
 #
 #   bash bench/whole/compare_verify.sh VELK2 FILES KIB_PER_FILE [ROUNDS (5)]
-#   e.g. ... build-release/tools/velk2/velk2 10000 104857   (1 GiB in 10,000 files)
+#   e.g. ... build-release/tools/velk2/velk2 10000 105   (1 GiB in 10,000 files)
 #        ... build-release/tools/velk2/velk2 100000 4       (100,000 files of 4 KiB)
 set -euo pipefail
 velk2=${1:?usage: compare_verify.sh VELK2 FILES KIB_PER_FILE [ROUNDS]}
