@@ -43,7 +43,7 @@ class Differential : public Package {
   ToolRun Tool(const std::vector<std::string>& args) {
     ToolRun run;
     run.command = Quoted(VELK2_TOOL);
-    for (const std::string& arg : args) run.command += " " + Quoted(arg);
+    for (const std::string& arg : args) run.command.append(" ").append(Quoted(arg));
     const std::string out = dir_.Sub("tool.out"), err = dir_.Sub("tool.err");
     const int status = std::system(
         ("timeout -s KILL 120 " + run.command + " </dev/null >" + Quoted(out) + " 2>" + Quoted(err))
