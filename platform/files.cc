@@ -15,8 +15,10 @@
 namespace velk2 {
 namespace {
 
+// The lossless conversion, so that a name read from a directory opens the
+// very file it came from, whatever its bytes.
 std::string NativePath(const char16_t* path) {
-  return Utf16ToUtf8(std::u16string_view(path));
+  return WideToFileName(std::u16string_view(path));
 }
 
 char16_t Fold(char16_t c) {

@@ -516,7 +516,7 @@ Result ReadableFile(const std::string& path, std::string* text, std::optional<in
 Result HashFile(const std::string& path, std::string* hex) {
   uint8_t digest[32];
   uint32_t length = sizeof digest;
-  const Result result = velk2::HashFile(Utf8ToUtf16(path).c_str(), digest, &length, nullptr);
+  const Result result = velk2::HashFile(FileNameToWide(path).c_str(), digest, &length, nullptr);
   if (result == VELK2_SUCCESS) *hex = HexString(digest, length);
   return result;
 }

@@ -105,15 +105,33 @@ TEST_F(Issuer, SignaturesNameTheDigestAndTheSigner) {
   EXPECT_EQ(issuing::SignObject(rsa_, *object, "dsa-sha1", 0, &signature), VELK2_ERR_SIGNATURE_ID);
 }
 
-TEST(IssuerDates, OnlyExactUtcDatesRead) {
+TEST(IssuerDates, NativeAndIsoDatesReadExactly) {
   int64_t t = -1;
   ASSERT_EQ(issuing::ParseDate("1970-01-01_00:00:00", &t), 0u);
   EXPECT_EQ(t, 0);
   ASSERT_EQ(issuing::ParseDate("2024-02-29_23:59:59", &t), 0u);
   EXPECT_EQ(issuing::FormatDate(t), "2024-02-29_23:59:59");
-  for (const char* bad : {"2023-02-29_00:00:00", "2024-13-01_00:00:00", "2024-01-01 00:00:00",
-                          "2024-1-01_00:00:00", "2024-01-01_24:00:00", "2024-01-01_00:00:6", "",
-                          "2024-01-01_00:00:00Z", "abcd-ef-gh_ij:kl:mn"}) {
+  // The ISO forms people type mean the same instant as the native one.
+  const struct {
+    const char* iso;
+    const char* native;
+  } kSame[] = {{"2026-01-01", "2026-01-01_00:00:00"},
+               {"2026-01-01T12:30:05Z", "2026-01-01_12:30:05"},
+               {"2026-01-01T12:30:05", "2026-01-01_12:30:05"},
+               {"2026-01-01 12:30:05", "2026-01-01_12:30:05"},
+               {"2026-01-01T01:00:00+02:00", "2025-12-31_23:00:00"},
+               {"2026-01-01T23:00:00-0530", "2026-01-02_04:30:00"}};
+  for (const auto& same : kSame) {
+    SCOPED_TRACE(same.iso);
+    ASSERT_EQ(issuing::ParseDate(same.iso, &t), 0u);
+    EXPECT_EQ(issuing::FormatDate(t), same.native);
+  }
+  for (const char* bad :
+       {"2023-02-29_00:00:00", "2024-13-01_00:00:00", "2024-1-01_00:00:00", "2024-01-01_24:00:00",
+        "2024-01-01_00:00:6", "", "2024-01-01_00:00:00Z", "abcd-ef-gh_ij:kl:mn", "2023-02-29",
+        "2024-04-31T00:00:00Z", "2024-01-01T23:59:60Z", "2024-01-01T00:00Z",
+        "2024-01-01T00:00:00+24:00", "2024-01-01T00:00:00+2", "2024-01-01T00:00:00 Z",
+        " 2024-01-01", "2024-01-01T", "20240101"}) {
     SCOPED_TRACE(bad);
     EXPECT_EQ(issuing::ParseDate(bad, &t), VELK2_ERR_INVALID_PARAM);
   }

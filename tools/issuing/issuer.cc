@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 #include <vector>
 
 #include "credentials/certificate.h"
@@ -131,7 +132,59 @@ Result ParseTag(const std::string& text, Ref<SexpList>* out) {
   return VELK2_SUCCESS;
 }
 
-Result ParseDate(const std::string& text, int64_t* out) {
+namespace {
+
+// ISO 8601 as people write it, read with the C library: "2026-01-01"
+// (midnight), "2026-01-01T12:00:00" or with a space for the "T", then
+// nothing (UTC), "Z", or an offset "+02:00", "-0530". The time in the
+// native form, or nullopt.
+std::optional<std::string> IsoToNative(const std::string& text) {
+  struct tm fields {};
+  const char* rest = ::strptime(text.c_str(), "%Y-%m-%d", &fields);
+  if (rest == nullptr || rest - text.c_str() != 10) return std::nullopt;
+  if (*rest == 'T' || *rest == ' ') {
+    const char* time_start = rest + 1;
+    rest = ::strptime(time_start, "%H:%M:%S", &fields);
+    if (rest == nullptr || rest - time_start != 8) return std::nullopt;
+  }
+  int64_t offset = 0;  // seconds east of UTC
+  if (*rest == 'Z') {
+    ++rest;
+  } else if (*rest == '+' || *rest == '-') {
+    const int sign = *rest == '-' ? -1 : 1;
+    int hours = 0, minutes = 0, used = 0;
+    if (std::sscanf(rest + 1, "%2d:%2d%n", &hours, &minutes, &used) != 2 || used != 5) {
+      used = 0;
+      if (std::sscanf(rest + 1, "%2d%2d%n", &hours, &minutes, &used) != 2 || used != 4) {
+        return std::nullopt;
+      }
+    }
+    if (hours > 23 || minutes > 59) return std::nullopt;
+    offset = sign * (hours * 3600 + minutes * 60);
+    rest += 1 + used;
+  }
+  if (*rest != '\0') return std::nullopt;
+  const struct tm asked = fields;
+  const time_t utc = ::timegm(&fields);
+  // timegm moves a day past the month's end into the next month: such a
+  // date was never a date.
+  if (fields.tm_mday != asked.tm_mday || fields.tm_mon != asked.tm_mon ||
+      fields.tm_hour != asked.tm_hour || fields.tm_min != asked.tm_min ||
+      fields.tm_sec != asked.tm_sec) {
+    return std::nullopt;
+  }
+  return DateText(static_cast<int64_t>(utc) - offset);
+}
+
+}  // namespace
+
+Result ParseDate(const std::string& input, int64_t* out) {
+  std::string text = input;
+  if (text.size() != kDateLength || text[10] != '_') {
+    std::optional<std::string> native = IsoToNative(text);
+    if (!native) return VELK2_ERR_INVALID_PARAM;
+    text = *native;
+  }
   // Exactly 19 bytes, "%04d-%02d-%02d_%02d:%02d:%02d".
   static const char kShape[] = "dddd-dd-dd_dd:dd:dd";
   if (text.size() != kDateLength) return VELK2_ERR_INVALID_PARAM;

@@ -38,8 +38,10 @@ Result SignObject(const PrivateKey& key, const SexpObject& object, const std::st
 Result ParseTag(const std::string& text, Ref<SexpList>* out);
 
 // ParseDate reads "YYYY-MM-DD_hh:mm:ss" (UTC) exactly: two digits for every
-// field but the year, the separators as written, every field in range.
-// VELK2_ERR_INVALID_PARAM (2) otherwise.
+// field but the year, the separators as written, every field in range; or
+// ISO 8601 as people write it: "YYYY-MM-DD" (midnight UTC),
+// "YYYY-MM-DDThh:mm:ss" then nothing (UTC), "Z" or an offset ("+02:00",
+// "-0530"). VELK2_ERR_INVALID_PARAM (2) otherwise.
 Result ParseDate(const std::string& text, int64_t* out);
 // FormatDate writes a time as "YYYY-MM-DD_hh:mm:ss" (UTC).
 std::string FormatDate(int64_t time);

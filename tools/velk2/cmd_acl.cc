@@ -34,8 +34,7 @@ bool EndsWithAcl(const std::string& path) {
 
 int RunAclAdd(const Args& args) {
   const char* kName = "acl add";
-  Options options({"subject", "subject-hash", "tag", "not-before", "not-after", "comment", "out"},
-                  {"propagate", "force"});
+  Options options(kName);
   if (!options.Parse(args)) return UsageError(kName, options.error());
   std::optional<std::string> out = options.Get("out");
   if (!options.Get("tag") || !out) return UsageError(kName, "--tag and --out are required");
@@ -67,7 +66,7 @@ int RunAclAdd(const Args& args) {
                         *out + "'s directory fail",
                     r);
   }
-  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot write " + *out, r);
+  if (r != VELK2_SUCCESS) return FailWriting(kExitUsage, kName, *out, r);
   std::printf("%s\n", out->c_str());
   return kExitOk;
 }

@@ -29,8 +29,7 @@ bool IsDirectory(const std::string& path) {
 }  // namespace
 
 int RunAuthorize(const Args& args) {
-  Options options({"acl-dir", "certs", "key", "tag", "not-before", "not-after"},
-                  {"explain", "json", "any-time"});
+  Options options(kName);
   if (!options.Parse(args)) return UsageError(kName, options.error());
   std::optional<std::string> acl_dir = options.Get("acl-dir");
   std::optional<std::string> certs = options.Get("certs");
@@ -39,6 +38,7 @@ int RunAuthorize(const Args& args) {
   if (!acl_dir || !certs || !key_path || !tag_text) {
     return UsageError(kName, "--acl-dir, --certs, --key and --tag are required");
   }
+  QuietIfAsked(options);
   api::AuthorizeRequest request;
   request.acl_directory = *acl_dir;
   request.certificates_file = *certs;
@@ -51,7 +51,7 @@ int RunAuthorize(const Args& args) {
   }
   Result r = issuing::ReadPublicKeyText(*key_path, &request.key);
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(*key_path), r);
+    return FailReading(kExitUsage, kName, *key_path, r);
   }
   request.on_skipped = [](const api::SkippedFile& file) {
     std::fprintf(stderr, "velk2 %s: skipped %s: %s\n", kName, EscapeForDisplay(file.file).c_str(),
@@ -63,7 +63,7 @@ int RunAuthorize(const Args& args) {
   if (r != VELK2_SUCCESS) {
     if (problem.what == "tag") return FailWith(kExitUsage, kName, "cannot read the tag", r);
     if (problem.what == "certificates") {
-      return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(*certs), r);
+      return FailReading(kExitUsage, kName, *certs, r);
     }
     if (problem.what == "acl") {
       return FailWith(
@@ -81,6 +81,7 @@ int RunAuthorize(const Args& args) {
     std::fputs(VerdictText(verdict, options.Has("explain")).c_str(), stdout);
   }
   const Result result = verdict.result;
+  HintAtTag(kName, *tag_text, result);
   if (verdict.stage == api::Stage::kSignatures && result != VELK2_SUCCESS) {
     return FailWith(kExitFailure, kName, verdict.why, result);
   }

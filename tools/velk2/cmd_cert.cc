@@ -26,9 +26,7 @@ std::string Stem(const std::string& path) {
 
 int RunCertIssue(const Args& args) {
   const char* kName = "cert issue";
-  Options options({"issuer", "subject", "subject-hash", "tag", "not-before", "not-after", "comment",
-                   "owner", "alg", "hash", "revocation-scope", "out"},
-                  {"propagate"});
+  Options options(kName);
   if (!options.Parse(args)) return UsageError(kName, options.error());
   std::optional<std::string> issuer_path = options.Get("issuer");
   std::optional<std::string> out = options.Get("out");
@@ -43,7 +41,7 @@ int RunCertIssue(const Args& args) {
 
   PrivateKey key;
   Result r = PrivateKey::LoadPem(*issuer_path, &key);
-  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read " + *issuer_path, r);
+  if (r != VELK2_SUCCESS) return FailReading(kExitUsage, kName, *issuer_path, r);
   std::string algorithm = key.type() == KeyType::kRsa ? issuing::kRsaPss : issuing::kDsaSha1;
   if (std::optional<std::string> alg = options.Get("alg")) algorithm = *alg;
   uint32_t hash_id = key.type() == KeyType::kRsa ? issuing::kHashSha256 : issuing::kHashSha1;
@@ -83,7 +81,7 @@ int RunCertIssue(const Args& args) {
                     "could use it",
                     r);
   }
-  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot write " + *out, r);
+  if (r != VELK2_SUCCESS) return FailWriting(kExitUsage, kName, *out, r);
   std::printf("%s\n", out->c_str());
   return kExitOk;
 }

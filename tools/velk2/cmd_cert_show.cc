@@ -24,7 +24,7 @@ int RunCertShow(const Args& args) {
   std::vector<api::CertificateInfo> certificates;
   const Result r = api::DescribeCertificateFile(args[0], &certificates);
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(args[0]), r);
+    return FailReading(kExitUsage, kName, args[0], r);
   }
   if (certificates.empty()) {
     std::printf("%s holds no certificate\n", EscapeForDisplay(args[0]).c_str());

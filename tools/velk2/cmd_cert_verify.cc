@@ -17,15 +17,19 @@ namespace velk2::cli {
 
 int RunCertVerify(const Args& args) {
   const char* kName = "cert verify";
-  Options options({"store", "tag", "not-before", "not-after"}, {"explain", "json"});
+  Options options(kName);
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
-  std::optional<std::string> store = options.Get("store");
-  std::optional<std::string> tag_text = options.Get("tag");
-  if (options.positional().size() != 1 || !store || !tag_text) {
-    return UsageError(kName, "one FILE, --store and --tag are required");
+  if (options.positional().size() != 1) return UsageError(kName, "one FILE is required");
+  Config config;
+  std::string store, store_from;
+  if (int exit = ReadDefaults(options, kName, &config, &store, &store_from); exit != kExitOk) {
+    return exit;
   }
+  if (!config.tag)
+    return UsageError(kName, "--tag TEXT is required (or tag = in the configuration)");
+  const std::optional<std::string> tag_text = config.tag;
   const std::string& file = options.positional()[0];
-  if (int exit = UseStore(kName, *store); exit != kExitOk) return exit;
+  QuietIfAsked(options);
   api::ChainRequest request;
   request.certificates_file = file;
   request.tag = *tag_text;
@@ -37,10 +41,10 @@ int RunCertVerify(const Args& args) {
   if (r != VELK2_SUCCESS) {
     if (problem.what == "tag") return FailWith(kExitUsage, kName, "cannot read the tag", r);
     if (problem.what == "acl") {
-      return FailWith(kExitUsage, kName, "no ACL loads from " + EscapeForDisplay(*store + "/acl"),
+      return FailWith(kExitUsage, kName, "no ACL loads from " + EscapeForDisplay(store + "/acl"),
                       r);
     }
-    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(file), r);
+    return FailReading(kExitUsage, kName, file, r);
   }
   const Result result = verdict.result;
   if (options.Has("json")) {
@@ -53,6 +57,7 @@ int RunCertVerify(const Args& args) {
       std::printf("\nstage: %s\nwhy: %s\n", api::StageName(verdict.stage), verdict.why.c_str());
     }
   }
+  HintAtTag(kName, *tag_text, result);
   if (!verdict.why.empty()) return FailWith(kExitFailure, kName, verdict.why, result);
   if (api::Undecided(result)) {
     return Fail(kExitUsage, kName, "the question could not be decided: " + StatusText(result));

@@ -36,7 +36,7 @@ int ReadRevokedCertificate(const char* command, const std::string& spec, Ref<Sex
                                    " certificates, not " + number);
   }
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, command, "cannot read " + EscapeForDisplay(file), r);
+    return FailReading(kExitUsage, command, file, r);
   }
   // A certificate is looked up in a list's certificate section only when it
   // names a scope; otherwise only its subject key is ever checked.
@@ -54,8 +54,7 @@ int ReadRevokedCertificate(const char* command, const std::string& spec, Ref<Sex
 
 int RunCrlIssue(const Args& args) {
   const char* kName = "crl issue";
-  Options options({"issuer", "tag", "revoked-at", "not-before", "not-after", "out"}, {},
-                  {"revoke-cert", "revoke-key"});
+  Options options(kName);
   if (!options.Parse(args)) return UsageError(kName, options.error());
   std::optional<std::string> issuer_path = options.Get("issuer");
   std::optional<std::string> tag_text = options.Get("tag");
@@ -70,10 +69,8 @@ int RunCrlIssue(const Args& args) {
   request.not_before = *period.not_before;
   request.not_after = *period.not_after;
   int64_t revoked_at = static_cast<int64_t>(std::time(nullptr));
-  if (std::optional<std::string> text = options.Get("revoked-at")) {
-    if (issuing::ParseDate(*text, &revoked_at) != VELK2_SUCCESS) {
-      return UsageError(kName, "--revoked-at '" + *text + "' is not a date YYYY-MM-DD_hh:mm:ss");
-    }
+  if (int exit = ReadDateOption(options, kName, "revoked-at", &revoked_at); exit != kExitOk) {
+    return exit;
   }
   Result r = issuing::ParseTag(*tag_text, &request.scope);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read the tag", r);
@@ -86,7 +83,7 @@ int RunCrlIssue(const Args& args) {
     Ref<SexpList> key;
     r = issuing::LoadPublicKey(path, &key);
     if (r != VELK2_SUCCESS) {
-      return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(path), r);
+      return FailReading(kExitUsage, kName, path, r);
     }
     request.keys.push_back({key, revoked_at});
   }
@@ -94,7 +91,7 @@ int RunCrlIssue(const Args& args) {
   issuing::PrivateKey key;
   r = issuing::PrivateKey::LoadPem(*issuer_path, &key);
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(*issuer_path), r);
+    return FailReading(kExitUsage, kName, *issuer_path, r);
   }
   std::string file;
   r = issuing::MakeRevocationList(key, request, &file);
@@ -102,7 +99,7 @@ int RunCrlIssue(const Args& args) {
   // A list is reissued often: the old one is replaced whole, never half-written.
   r = issuing::WriteFile(*out, file, 0644, true);
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot write " + EscapeForDisplay(*out), r);
+    return FailWriting(kExitUsage, kName, *out, r);
   }
   std::printf("%s\n", EscapeForDisplay(*out).c_str());
   return kExitOk;
@@ -114,7 +111,7 @@ int RunCrlShow(const Args& args) {
   api::RevocationListInfo list;
   const Result r = api::DescribeRevocationList(args[0], &list);
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(args[0]), r);
+    return FailReading(kExitUsage, kName, args[0], r);
   }
   auto or_none = [](const std::string& text) {
     return text.empty() ? std::string("(none)") : EscapeForDisplay(text);

@@ -24,20 +24,21 @@ std::string Date(const std::string& date) {
 
 int RunCrlImport(const Args& args) {
   const char* kName = "crl import";
-  Options options({"store"}, {});
+  Options options(kName);
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
-  std::optional<std::string> store = options.Get("store");
-  if (options.positional().size() != 1 || !store) {
-    return UsageError(kName, "one DIR and --store are required");
+  if (options.positional().size() != 1) return UsageError(kName, "one DIR is required");
+  Config config;
+  std::string store, store_from;
+  if (int exit = ReadDefaults(options, kName, &config, &store, &store_from); exit != kExitOk) {
+    return exit;
   }
-  if (int exit = UseStore(kName, *store); exit != kExitOk) return exit;
   std::vector<api::ImportedList> lists;
   const Result r = api::ImportRevocationLists(options.positional()[0], &lists);
   // The library imports nothing, and says nothing, without an ACL: say it here.
   if (r == VELK2_ERR_ACL_ENTRY_NOT_FOUND) {
     return FailWith(
         kExitUsage, kName,
-        "no ACL loads from " + EscapeForDisplay(*store + "/acl") + "; nothing is imported", r);
+        "no ACL loads from " + EscapeForDisplay(store + "/acl") + "; nothing is imported", r);
   }
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName,
@@ -72,7 +73,7 @@ int RunCrlImport(const Args& args) {
             to.c_str(), Date(list.stored_ends).c_str());
       } else if (outcome == "lock failed") {
         std::printf("cannot take the store's lock %s: %s\n",
-                    EscapeForDisplay(*store + "/cert/store.lock").c_str(),
+                    EscapeForDisplay(store + "/cert/store.lock").c_str(),
                     StatusText(list.code).c_str());
       } else if (outcome == "unreadable") {
         std::printf("not a revocation list: %s\n", StatusText(list.code).c_str());
@@ -90,13 +91,14 @@ int RunCrlImport(const Args& args) {
 
 int RunCrlVerify(const Args& args) {
   const char* kName = "crl verify";
-  Options options({"store", "tag"}, {});
+  Options options(kName);
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
-  std::optional<std::string> store = options.Get("store");
-  if (options.positional().size() != 1 || !store) {
-    return UsageError(kName, "one FILE and --store are required");
+  if (options.positional().size() != 1) return UsageError(kName, "one FILE is required");
+  Config config;
+  std::string store, store_from;
+  if (int exit = ReadDefaults(options, kName, &config, &store, &store_from); exit != kExitOk) {
+    return exit;
   }
-  if (int exit = UseStore(kName, *store); exit != kExitOk) return exit;
   const std::string& file = options.positional()[0];
   std::optional<std::string> tag = options.Get("tag");
   if (tag) {
@@ -110,7 +112,7 @@ int RunCrlVerify(const Args& args) {
   api::ListVerdict verdict;
   Result r = api::VerifyRevocationListFile(file, tag, now, &verdict);
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(file), r);
+    return FailReading(kExitUsage, kName, file, r);
   }
   r = verdict.result;
   std::printf("scope: %s\n",

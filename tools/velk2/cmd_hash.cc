@@ -1,6 +1,7 @@
 // velk2 hash FILE...: the SHA-256 of each file as the library computes it
 // (the digest a manifest entry carries), one "HEX  NAME" line each, the form
-// sha256sum prints. Only regular files are read.
+// sha256sum prints, so that sha256sum -c reads it back. Only regular files
+// are read.
 #include <cstdio>
 #include <string>
 
@@ -10,6 +11,37 @@
 #include "trust/tool_api.h"
 
 namespace velk2::cli {
+namespace {
+
+// A name as sha256sum writes it: its bytes unchanged, except that a name
+// holding a backslash, a newline or a carriage return has them written
+// "\\", "\n" and "\r" and its line starts with a backslash. The bytes stay
+// raw, not escaped for display, because the checker reads them back.
+std::string ChecksumLine(const std::string& hex, const std::string& name) {
+  std::string escaped;
+  bool marked = false;
+  for (const char c : name) {
+    switch (c) {
+      case '\\':
+        escaped += "\\\\";
+        marked = true;
+        break;
+      case '\n':
+        escaped += "\\n";
+        marked = true;
+        break;
+      case '\r':
+        escaped += "\\r";
+        marked = true;
+        break;
+      default:
+        escaped += c;
+    }
+  }
+  return (marked ? "\\" : "") + hex + "  " + escaped + "\n";
+}
+
+}  // namespace
 
 int RunHash(const Args& args) {
   constexpr char kName[] = "hash";
@@ -22,7 +54,8 @@ int RunHash(const Args& args) {
       exit = FailWith(kExitUsage, kName, "cannot hash " + EscapeForDisplay(file), r);
       continue;
     }
-    std::printf("%s  %s\n", hex.c_str(), EscapeForDisplay(file).c_str());
+    const std::string line = ChecksumLine(hex, file);
+    std::fwrite(line.data(), 1, line.size(), stdout);
   }
   return std::fflush(stdout) == 0 ? exit : kExitUsage;
 }

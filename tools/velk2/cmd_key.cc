@@ -18,7 +18,7 @@ using issuing::PrivateKey;
 }  // namespace
 
 int RunKeyNew(const Args& args) {
-  Options options({"type", "bits", "out"}, {"force"});
+  Options options("key new");
   if (!options.Parse(args)) return UsageError("key new", options.error());
   std::optional<std::string> type = options.Get("type");
   std::optional<std::string> out = options.Get("out");
@@ -47,9 +47,9 @@ int RunKeyNew(const Args& args) {
   if (r != VELK2_SUCCESS)
     return FailWith(kExitFailure, "key new", "cannot build the public key", r);
   r = key.SavePem(pem, force);
-  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, "key new", "cannot write " + pem, r);
+  if (r != VELK2_SUCCESS) return FailWriting(kExitUsage, "key new", pem, r);
   r = issuing::WriteFile(pub, issuing::CanonicalText(*public_key), 0644, force);
-  if (r != VELK2_SUCCESS) return FailWith(kExitUsage, "key new", "cannot write " + pub, r);
+  if (r != VELK2_SUCCESS) return FailWriting(kExitUsage, "key new", pub, r);
   std::printf("%s\n%s\n", pem.c_str(), pub.c_str());
   return kExitOk;
 }
@@ -58,8 +58,7 @@ int RunKeyShow(const Args& args) {
   if (args.size() != 1) return UsageError("key show", "expected one FILE");
   issuing::KeyInfo info;
   Result r = issuing::ReadKeyInfo(args[0], &info);
-  if (r != VELK2_SUCCESS)
-    return FailWith(kExitUsage, "key show", "cannot read a key from " + args[0], r);
+  if (r != VELK2_SUCCESS) return FailReading(kExitUsage, "key show", args[0], r);
   std::printf("type: %s\nbits: %u\nsha256: %s\n", info.type.c_str(), info.bits,
               info.fingerprint.c_str());
   return kExitOk;

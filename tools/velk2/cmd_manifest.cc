@@ -65,8 +65,7 @@ int AddStoreLists(const Options& options, const char* command, issuing::Manifest
 
 int RunManifestSign(const Args& args) {
   const char* kName = "manifest sign";
-  Options options({"key", "chain", "tag", "out", "name", "store", "time-of-signing"}, {"owners"},
-                  {"ignore", "ignore-from", "crl"});
+  Options options(kName);
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
   std::optional<std::string> key_path = options.Get("key"), chain_path = options.Get("chain"),
                              tag_text = options.Get("tag"), out = options.Get("out");
@@ -90,17 +89,15 @@ int RunManifestSign(const Args& args) {
   }
   if (std::optional<std::string> name = options.Get("name")) request.name = *name;
   request.time_of_signing = static_cast<int64_t>(std::time(nullptr));
-  if (std::optional<std::string> text = options.Get("time-of-signing")) {
-    if (issuing::ParseDate(*text, &request.time_of_signing) != VELK2_SUCCESS) {
-      return UsageError(kName, "--time-of-signing '" + EscapeForDisplay(*text) +
-                                   "' is not a date YYYY-MM-DD_hh:mm:ss");
-    }
+  if (int exit = ReadDateOption(options, kName, "time-of-signing", &request.time_of_signing);
+      exit != kExitOk) {
+    return exit;
   }
   Result r = issuing::ParseTag(*tag_text, &request.tag);
   if (r != VELK2_SUCCESS) return FailWith(kExitUsage, kName, "cannot read the tag", r);
   r = issuing::ReadChainFile(*chain_path, &request.chain);
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(*chain_path), r);
+    return FailReading(kExitUsage, kName, *chain_path, r);
   }
   if (request.chain->entry_count() == 0) {
     return UsageError(kName, EscapeForDisplay(*chain_path) +
@@ -120,7 +117,7 @@ int RunManifestSign(const Args& args) {
   issuing::PrivateKey key;
   r = issuing::PrivateKey::LoadPem(*key_path, &key);
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(*key_path), r);
+    return FailReading(kExitUsage, kName, *key_path, r);
   }
   std::string file, problem;
   size_t entries = 0;
@@ -131,7 +128,7 @@ int RunManifestSign(const Args& args) {
   }
   r = issuing::WriteFile(*out, file, 0644, true);
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot write " + EscapeForDisplay(*out), r);
+    return FailWriting(kExitUsage, kName, *out, r);
   }
   std::printf("%s: %zu entries", EscapeForDisplay(*out).c_str(), entries);
   if (!request.lists.empty()) std::printf(", %zu revocation lists", request.lists.size());
@@ -145,7 +142,7 @@ int RunManifestShow(const Args& args) {
   api::ManifestInfo manifest;
   const Result r = api::DescribeManifest(args[0], &manifest);
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, kName, "cannot read " + EscapeForDisplay(args[0]), r);
+    return FailReading(kExitUsage, kName, args[0], r);
   }
   std::printf("version: %s\n", manifest.version.c_str());
   std::printf("type: %s\n", manifest.type.c_str());

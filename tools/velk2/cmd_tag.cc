@@ -30,7 +30,7 @@ int Refused(const char* command, const Options& options, Result code) {
 
 int RunTagCompare(const Args& args) {
   const char* kCommand = "tag compare";
-  Options options({}, {});
+  Options options(kCommand);
   if (!options.Parse(args, /*allow_positional=*/true)) return UsageError(kCommand, options.error());
   if (options.positional().size() != 2) return UsageError(kCommand, "expected two tags A and B");
   std::string relation;
@@ -42,7 +42,7 @@ int RunTagCompare(const Args& args) {
 
 int RunTagIntersect(const Args& args) {
   const char* kCommand = "tag intersect";
-  Options options({}, {"canonical"});
+  Options options(kCommand);
   if (!options.Parse(args, /*allow_positional=*/true)) return UsageError(kCommand, options.error());
   if (options.positional().size() != 2) return UsageError(kCommand, "expected two tags A and B");
   bool disjoint = false;

@@ -220,15 +220,18 @@ void PrintRollback(const api::RollbackInfo& rollback) {
 
 int RunVerify(const Args& args) {
   const char* kName = "verify";
-  Options options({"store", "tag", "manifest", "not-before", "not-after", "jobs"},
-                  {"allow-extra", "allow-older", "explain", "json", "progress", "no-progress"},
-                  {"ignore", "ignore-from"});
+  Options options(kName);
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
-  std::optional<std::string> store = options.Get("store"), tag_text = options.Get("tag");
-  if (options.positional().size() != 1 || !store || !tag_text) {
-    return UsageError(kName, "PKGDIR, --store and --tag are required");
+  if (options.positional().size() != 1) return UsageError(kName, "one PKGDIR is required");
+  Config config;
+  std::string store, store_from;
+  if (int exit = ReadDefaults(options, kName, &config, &store, &store_from); exit != kExitOk) {
+    return exit;
   }
-  if (int exit = UseStore(kName, *store); exit != kExitOk) return exit;
+  if (!config.tag)
+    return UsageError(kName, "--tag TEXT is required (or tag = in the configuration)");
+  const std::optional<std::string> tag_text = config.tag;
+  QuietIfAsked(options);
   api::PackageRequest request;
   request.package = options.positional()[0];
   request.manifest = options.Get("manifest").value_or(request.package + "/manifest");
@@ -238,7 +241,7 @@ int RunVerify(const Args& args) {
   if (int exit = ReadPatterns(options, kName, &request.ignore); exit != kExitOk) return exit;
   request.explain = ShowsReasons(options);
   // Files are hashed by one thread per core unless told otherwise.
-  request.threads = std::max(1u, std::thread::hardware_concurrency());
+  request.threads = config.jobs.value_or(std::max(1u, std::thread::hardware_concurrency()));
   if (std::optional<std::string> text = options.Get("jobs")) {
     if (text->empty() || text->size() > 3 ||
         text->find_first_not_of("0123456789") != std::string::npos || std::stoul(*text) == 0 ||
@@ -254,11 +257,8 @@ int RunVerify(const Args& args) {
   int64_t* times[2] = {&request.not_before, &request.not_after};
   const char* const fields[] = {"not-before", "not-after"};
   for (int i = 0; i < 2; ++i) {
-    if (std::optional<std::string> text = options.Get(fields[i])) {
-      if (issuing::ParseDate(*text, times[i]) != VELK2_SUCCESS) {
-        return UsageError(kName, "--" + std::string(fields[i]) + " '" + EscapeForDisplay(*text) +
-                                     "' is not a date YYYY-MM-DD_hh:mm:ss");
-      }
+    if (int exit = ReadDateOption(options, kName, fields[i], times[i]); exit != kExitOk) {
+      return exit;
     }
   }
   if (options.Has("progress") && options.Has("no-progress")) {
@@ -315,6 +315,7 @@ int RunVerify(const Args& args) {
                                               : StatusMessage(result)},
                {"manifest_verified", verdict.verified}};
     if (verdict.has_signer) out["signer"] = VerdictJson(verdict.signer);
+    out["store"] = Json{{"path", store}, {"from", store_from}};
     out["revocation_lists"] =
         Json{{"store", verdict.lists_from_store}, {"embedded", verdict.lists_embedded}};
     out["rollback"] = RollbackJson(rollback);
@@ -331,6 +332,10 @@ int RunVerify(const Args& args) {
         !signer.revocation_cause.empty()) {
       std::printf("revocation: %s\n", signer.revocation_cause.c_str());
     }
+  }
+  if (!json && options.Has("explain")) {
+    std::printf("store: %s (from %s)\n", EscapeForDisplay(store).c_str(),
+                EscapeForDisplay(store_from).c_str());
   }
   if (!json && options.Has("explain") && verdict.has_signer) {
     std::printf("revocation lists: %zu from the store, %zu from the manifest\n",
@@ -354,6 +359,7 @@ int RunVerify(const Args& args) {
                     std::to_string(result) + ")");
   }
   if (!verdict.verified) {
+    HintAtTag(kName, *tag_text, result);
     return FailWith(kExitFailure, kName, "the manifest does not verify", result);
   }
   if (result == VELK2_SUCCESS && rollback.checked && !rollback.written && !rollback.read_only) {
@@ -366,10 +372,11 @@ int RunVerify(const Args& args) {
 
 int RunCompare(const Args& args) {
   const char* kName = "compare";
-  Options options({}, {"json"}, {"ignore", "ignore-from"});
+  Options options(kName);
   if (!options.Parse(args, true)) return UsageError(kName, options.error());
   if (options.positional().size() != 2)
     return UsageError(kName, "two manifests A and B are required");
+  QuietIfAsked(options);
   std::vector<std::string> patterns;
   if (int exit = ReadPatterns(options, kName, &patterns); exit != kExitOk) return exit;
   api::TreeReport report;

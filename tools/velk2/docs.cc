@@ -28,19 +28,35 @@ std::string Roff(const std::string& text) {
   return out;
 }
 
-// The options a usage names: every word that starts with "--".
-std::set<std::string> OptionsOf(const std::string& usage) {
-  std::set<std::string> options;
-  for (size_t at = usage.find("--"); at != std::string::npos; at = usage.find("--", at + 2)) {
-    size_t end = at + 2;
-    while (end < usage.size() &&
-           (std::isalnum(static_cast<unsigned char>(usage[end])) || usage[end] == '-')) {
-      ++end;
+// |text| broken into lines of at most |width| columns, each indented by
+// |indent| spaces; a word longer than a line stands alone.
+std::string Wrap(const std::string& text, size_t indent, size_t width) {
+  std::string out, line;
+  size_t at = 0;
+  while (at < text.size()) {
+    size_t end = text.find(' ', at);
+    if (end == std::string::npos) end = text.size();
+    const std::string word = text.substr(at, end - at);
+    at = end + 1;
+    if (word.empty()) continue;
+    if (!line.empty() && indent + line.size() + 1 + word.size() > width) {
+      out += std::string(indent, ' ') + line + "\n";
+      line.clear();
     }
-    if (end > at + 2) options.insert(usage.substr(at, end - at));
-    at = end - 2;
+    line += (line.empty() ? "" : " ") + word;
   }
-  return options;
+  if (!line.empty()) out += std::string(indent, ' ') + line + "\n";
+  return out;
+}
+
+// "-s, --store DIR" or "--json": how an option is written.
+std::string Written(const OptionSpec& option) {
+  std::string written;
+  if (option.short_name != 0) written = std::string("-") + option.short_name + ", ";
+  written += std::string("--") + option.name;
+  if (option.value != nullptr) written += std::string(" ") + option.value;
+  if (option.repeated) written += " (repeatable)";
+  return written;
 }
 
 std::string Version() {
@@ -51,9 +67,21 @@ std::string Version() {
 
 }  // namespace
 
+std::string CommandHelp(const Command& command) {
+  std::string out = Wrap("usage: velk2 " + std::string(command.name) + " " + Usage(command), 0, 80);
+  out += "\n" + Wrap(command.summary, 2, 80);
+  out += "\noptions:\n";
+  for (const OptionSpec& option : command.options) {
+    out += "  " + Written(option) + "\n" + Wrap(option.help, 6, 80);
+  }
+  out += "  -h, --help\n      print this help\n";
+  return out;
+}
+
 std::string ManualPage() {
   std::ostringstream out;
-  out << ".TH VELK2 1 \"\" \"velk2 " << Version() << "\" \"User Commands\"\n"
+  out << ".TH VELK2 1 \"" << VELK2_MANUAL_DATE << "\" \"velk2 " << Version()
+      << "\" \"User Commands\"\n"
       << ".SH NAME\nvelk2 \\- decide whether signed packages and SPKI credentials may be trusted\n"
       << ".SH SYNOPSIS\n.B velk2\n.I COMMAND\n[\\fIARGS\\fR...]\n"
       << ".br\n.B velk2 \\-\\-help\n.br\n.B velk2\n.I COMMAND\n.B \\-\\-help\n"
@@ -66,15 +94,31 @@ std::string ManualPage() {
       << ".SH COMMANDS\n";
   for (const Command& c : Commands()) {
     out << ".TP\n.B velk2 " << Roff(c.name) << "\n"
-        << Roff(c.usage) << "\n.IP\n"
+        << Roff(Usage(c)) << "\n.IP\n"
         << Roff(c.summary) << "\n";
+  }
+  out << ".SH OPTIONS\n"
+      << "Options take their value as the next argument or after \\fB=\\fR\n"
+      << "(\\fB\\-\\-store=/etc/velk2\\fR); a short form takes it next or joined\n"
+      << "(\\fB\\-j4\\fR); a switch may be written \\fB\\-\\-name=yes\\fR or\n"
+      << "\\fB\\-\\-name=no\\fR; \\fB\\-\\-\\fR ends the options. Every command takes\n"
+      << "\\fB\\-h\\fR, \\fB\\-\\-help\\fR.\n";
+  for (const Command& c : Commands()) {
+    if (c.options.empty()) continue;
+    out << ".SS velk2 " << Roff(c.name) << "\n";
+    for (const OptionSpec& option : c.options) {
+      out << ".TP\n" << Roff(Written(option)) << "\n" << Roff(option.help) << "\n";
+    }
   }
   out << ".SH CONVENTIONS\n"
       << "Tags are written readably, such as \\fB(pkg install)\\fR or\n"
       << "\\fB(ftp (* set read write))\\fR; each top\\-level element of the text is one\n"
       << "element of the tag and each token an atom exactly as typed, as every export of\n"
       << "the library reads a tag text (there is no other form).\n"
-      << "Dates are \\fBYYYY\\-MM\\-DD_hh:mm:ss\\fR in UTC. Every text that comes from a file\n"
+      << "Dates are \\fBYYYY\\-MM\\-DD_hh:mm:ss\\fR in UTC, \\fBYYYY\\-MM\\-DD\\fR (midnight\n"
+      << "UTC) or ISO 8601 (\\fB2026\\-01\\-01T12:00:00Z\\fR, "
+         "\\fB2026\\-01\\-01T14:00:00+02:00\\fR);\n"
+      << "they are always written in the first form. Every text that comes from a file\n"
       << "is printed escaped. Only regular files are read as credentials.\n"
       << ".SH EXIT STATUS\n"
       << "0 success or verified; 1 failure, not verified or not authorized; 2 usage,\n"
@@ -122,7 +166,24 @@ std::string ManualPage() {
       << "minutes ahead of the clock is refused always. The record is written whole, under\n"
       << "the store's lock, only after a verification that succeeded and only when the\n"
       << "store is writable: a read\\-only store is checked, not written.\n"
+      << ".SH ENVIRONMENT\n"
+      << ".TP\n.B VELK2_STORE\n"
+      << "the store when no \\fB\\-\\-store\\fR is given.\n"
+      << ".TP\n.B VELK2_CONFIG\n"
+      << "the configuration file to read instead of the ones under FILES.\n"
+      << ".TP\n.B XDG_CONFIG_HOME\n"
+      << "where a user's configuration lies (default: \\fI~/.config\\fR).\n"
       << ".SH FILES\n"
+      << ".TP\n.I /etc/velk2/velk2.conf\n"
+      << "the system's configuration: lines \\fBstore = DIR\\fR, \\fBtag = TEXT\\fR and\n"
+      << "\\fBjobs = N\\fR, \\fB#\\fR starting a comment; they give the defaults of\n"
+      << "\\fB\\-\\-store\\fR, \\fB\\-\\-tag\\fR and \\fB\\-\\-jobs\\fR for\n"
+      << "\\fBverify\\fR and \\fBcert verify\\fR (the store for \\fBcrl import\\fR and\n"
+      << "\\fBcrl verify\\fR too). The store falls back to \\fB$VELK2_STORE\\fR, then the\n"
+      << "configuration, then \\fI/etc/velk2\\fR.\n"
+      << ".TP\n.I ~/.config/velk2/velk2.conf\n"
+      << "a user's configuration, read before the system's: what it sets wins.\n"
+      << ".TP\n.I /etc/velk2\n"
       << "A store (\\fB\\-\\-store DIR\\fR) holds \\fIDIR\\fB/acl/*.acl\\fR, one ACL entry a\n"
       << "file, \\fIDIR\\fB/cert/\\fR with certificate files (\\fB*.cert\\fR), revocation\n"
       << "lists (\\fB*.crl\\fR, one per scope, named after it) and the lock\n"
@@ -131,11 +192,15 @@ std::string ManualPage() {
          "new\\fR).\n"
       << "A package's manifest is \\fIPKGDIR\\fB/manifest\\fR unless named.\n"
       << ".SH EXAMPLES\n"
-      << ".nf\nvelk2 verify /opt/hello \\-\\-store /etc/velk2 \\-\\-tag '(pkg install)'\n"
+      << ".nf\nvelk2 verify /opt/hello \\-t '(pkg install)'\n"
+      << "velk2 verify /opt/hello \\-\\-store /etc/velk2 \\-\\-tag '(pkg install)' \\-\\-json\n"
       << "velk2 manifest sign pkg \\-\\-key build.pem \\-\\-chain signer.cert "
          "\\-\\-tag '(pkg install)' \\-\\-out pkg/manifest\n"
       << "velk2 cert verify chain.cert \\-\\-store /etc/velk2 \\-\\-tag '(pkg install)' "
-         "\\-\\-explain\n.fi\n";
+         "\\-\\-explain\n.fi\n"
+      << ".SH SEE ALSO\n"
+      << ".BR sha256sum (1),\n.BR mtree (8),\n.BR aide (1),\n.BR debsums (1),\n"
+      << ".BR openssl (1),\n.BR dpkg (1)\n";
   return out.str();
 }
 
@@ -147,7 +212,9 @@ std::string BashCompletion() {
     const size_t space = name.find(' ');
     words[name.substr(0, space)];
     if (space != std::string::npos) words[name.substr(0, space)].insert(name.substr(space + 1));
-    options[name] = OptionsOf(c.usage);
+    for (const OptionSpec& option : c.options) {
+      options[name].insert(std::string("--") + option.name);
+    }
     options[name].insert("--help");
   }
   std::ostringstream out;

@@ -7,6 +7,11 @@
 
 namespace velk2::cli {
 
+struct Command;
+
+// "velk2 NAME --help": the usage line, what the command does and one entry
+// per option, wrapped to 80 columns.
+std::string CommandHelp(const Command& command);
 // velk2(1) in roff.
 std::string ManualPage();
 // A bash completion script for commands, their words and their options.

@@ -19,9 +19,10 @@ void PrintHelp(std::FILE* out) {
                "Decides whether signed packages and SPKI credentials may be trusted.\n\n"
                "commands:\n");
   for (const Command& c : Commands()) {
-    std::fprintf(out, "  velk2 %s %s\n      %s\n", c.name, c.usage, c.summary);
+    std::fprintf(out, "  velk2 %s %s\n", c.name, Usage(c).c_str());
   }
   std::fprintf(out,
+               "\n  velk2 COMMAND --help prints what a command does and each of its options.\n"
                "  velk2 --version\n      print the library version\n"
                "  velk2 --help\n      print this help\n"
                "  velk2 --manpage, velk2 --bash-completion\n"
@@ -36,7 +37,7 @@ bool PrintFamily(std::FILE* out, const char* family) {
   bool found = false;
   for (const Command& c : Commands()) {
     if (std::string(c.name).rfind(prefix, 0) != 0) continue;
-    std::fprintf(out, "usage: velk2 %s %s\n      %s\n", c.name, c.usage, c.summary);
+    std::fprintf(out, "usage: velk2 %s %s\n      %s\n", c.name, Usage(c).c_str(), c.summary);
     found = true;
   }
   return found;
@@ -68,7 +69,7 @@ int UsageError(const char* name, const std::string& message) {
   std::fprintf(stderr, "velk2 %s: %s\n", name, message.c_str());
   for (const Command& c : Commands()) {
     if (std::strcmp(c.name, name) == 0)
-      std::fprintf(stderr, "usage: velk2 %s %s\n", c.name, c.usage);
+      std::fprintf(stderr, "usage: velk2 %s %s\n", c.name, Usage(c).c_str());
   }
   return kExitUsage;
 }
@@ -115,8 +116,9 @@ int Run(int argc, char** argv) {
   }
   Args args(argv + 1 + words, argv + argc);
   for (const std::string& a : args) {
+    if (a == "--") break;
     if (a == "--help" || a == "-h") {
-      std::printf("usage: velk2 %s %s\n  %s\n", command->name, command->usage, command->summary);
+      std::fputs(CommandHelp(*command).c_str(), stdout);
       return kExitOk;
     }
   }

@@ -1,11 +1,15 @@
-// Option parsing shared by the commands: "--name value" options and "--flag"
-// switches, each known in advance; anything else is a usage error.
+// Option parsing shared by the commands, as GNU users expect it: "--name
+// VALUE" or "--name=VALUE", "-x VALUE" or "-xVALUE" for the short forms,
+// switches as "--name" (or "--name=yes|no"), "--" ending the options. Each
+// command's options come from its row of the command table; anything else
+// is a usage error.
 #ifndef VELK2_TOOLS_VELK2_OPTIONS_H_
 #define VELK2_TOOLS_VELK2_OPTIONS_H_
 
 #include <map>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -15,30 +19,35 @@ namespace velk2::cli {
 
 class Options {
  public:
-  // |valued| are the options that take a value, |flags| those that do not.
-  // |repeated| are valued options that may be given more than once.
-  Options(std::set<std::string> valued, std::set<std::string> flags,
-          std::set<std::string> repeated = {})
-      : valued_(std::move(valued)), flags_(std::move(flags)), repeated_(std::move(repeated)) {}
+  // The options of the command named |command| in the table.
+  explicit Options(const char* command);
+  explicit Options(std::span<const OptionSpec> specs) : specs_(specs) {}
 
   // Parse reads |args|; false with error() set on an unknown option, a missing
-  // value, an option given twice or a stray argument (when none are allowed).
+  // value, an option given twice, a switch given a value that is not yes or
+  // no, or an operand when none are allowed.
   bool Parse(const Args& args, bool allow_positional = false);
   const std::string& error() const { return error_; }
 
   std::optional<std::string> Get(const std::string& name) const;
   // Every value of a repeated option, in the order given.
   std::vector<std::string> GetAll(const std::string& name) const;
-  bool Has(const std::string& name) const { return values_.count(name) || set_flags_.count(name); }
+  // Whether a valued option was given, or a switch is on.
+  bool Has(const std::string& name) const { return values_.count(name) || on_.count(name); }
   const std::vector<std::string>& positional() const { return positional_; }
 
  private:
-  std::set<std::string> valued_;
-  std::set<std::string> flags_;
-  std::set<std::string> repeated_;
-  std::map<std::string, std::vector<std::string>> repeated_values_;
-  std::map<std::string, std::string> values_;
-  std::set<std::string> set_flags_;
+  const OptionSpec* Find(const std::string& name) const;
+  const OptionSpec* FindShort(char name) const;
+  // Takes |spec| with its value: |inline_value| when given in the same
+  // word, else the next argument.
+  bool Take(const OptionSpec& spec, const std::string& shown,
+            const std::optional<std::string>& inline_value, const Args& args, size_t* i);
+
+  std::span<const OptionSpec> specs_;
+  std::map<std::string, std::vector<std::string>> values_;
+  std::set<std::string> on_;     // switches that are on
+  std::set<std::string> given_;  // every option given, on or off
   std::vector<std::string> positional_;
   std::string error_;
 };

@@ -13,13 +13,9 @@ int ReadGrantOptions(const Options& options, const char* command, issuing::Grant
     grant->comment = comment;
   }
   for (const char* field : {"not-before", "not-after"}) {
-    std::optional<std::string> text = options.Get(field);
-    if (!text) continue;
+    if (!options.Get(field)) continue;
     int64_t time = 0;
-    if (issuing::ParseDate(*text, &time) != VELK2_SUCCESS) {
-      return UsageError(command, "--" + std::string(field) + " '" + *text +
-                                     "' is not a date YYYY-MM-DD_hh:mm:ss");
-    }
+    if (int exit = ReadDateOption(options, command, field, &time); exit != kExitOk) return exit;
     (field[4] == 'b' ? grant->not_before : grant->not_after) = time;
   }
   if (grant->not_before && grant->not_after && *grant->not_before > *grant->not_after) {
@@ -48,7 +44,7 @@ int ReadSubjectOption(const Options& options, const char* command, Ref<SexpObjec
     if (r == VELK2_SUCCESS) r = issuing::MakeHashPrincipal(*named, &principal);
   }
   if (r != VELK2_SUCCESS) {
-    return FailWith(kExitUsage, command, "cannot read " + (key_path ? *key_path : *hash_path), r);
+    return FailReading(kExitUsage, command, key_path ? *key_path : *hash_path, r);
   }
   *subject = std::move(principal);
   return kExitOk;

@@ -2,24 +2,33 @@
 #include <ctime>
 #include <string>
 
+#include "platform/utf.h"
 #include "tools/issuing/issuer.h"
 #include "tools/velk2/commands.h"
 #include "tools/velk2/support.h"
 
 namespace velk2::cli {
 
+int ReadDateOption(const Options& options, const char* command, const std::string& field,
+                   int64_t* out) {
+  const std::optional<std::string> text = options.Get(field);
+  if (!text) return kExitOk;
+  if (issuing::ParseDate(*text, out) != VELK2_SUCCESS) {
+    return UsageError(command, "--" + field + " '" + EscapeForDisplay(*text) +
+                                   "' is not a date (YYYY-MM-DD_hh:mm:ss, YYYY-MM-DD or ISO "
+                                   "8601 such as 2026-01-01T12:00:00Z)");
+  }
+  return kExitOk;
+}
+
 int ReadPeriodOptions(const Options& options, const char* command, api::Period* period) {
   std::optional<int64_t>* times[2] = {&period->not_before, &period->not_after};
   const char* const fields[] = {"not-before", "not-after"};
   for (int i = 0; i < 2; ++i) {
-    if (std::optional<std::string> text = options.Get(fields[i])) {
-      int64_t time = 0;
-      if (issuing::ParseDate(*text, &time) != VELK2_SUCCESS) {
-        return UsageError(command, "--" + std::string(fields[i]) + " '" + *text +
-                                       "' is not a date YYYY-MM-DD_hh:mm:ss");
-      }
-      *times[i] = time;
-    }
+    if (!options.Get(fields[i])) continue;
+    int64_t time = 0;
+    if (int exit = ReadDateOption(options, command, fields[i], &time); exit != kExitOk) return exit;
+    *times[i] = time;
   }
   if (period->not_before && period->not_after && *period->not_before > *period->not_after) {
     return UsageError(command, "--not-before is after --not-after");

@@ -22,6 +22,61 @@ int FailWith(int exit_code, const char* command, const std::string& message, Res
   return Fail(exit_code, command, message + ": " + StatusText(code));
 }
 
+namespace {
+
+// Why the system would not let |path| be read (or written, into its
+// directory), as strerror words it; empty when nothing stands in the way,
+// and the trouble lies in what the file holds.
+std::string SystemReason(const std::string& path, bool writing) {
+  struct stat st {};
+  if (writing) {
+    const size_t slash = path.find_last_of('/');
+    const std::string directory = slash == std::string::npos ? "."
+                                  : slash == 0               ? "/"
+                                                             : path.substr(0, slash);
+    if (::access(directory.c_str(), W_OK | X_OK) != 0) return std::strerror(errno);
+    if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return std::strerror(EISDIR);
+    return std::string();
+  }
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return std::strerror(errno);
+  const bool stated = ::fstat(fd, &st) == 0;
+  ::close(fd);
+  if (stated && S_ISDIR(st.st_mode)) return std::strerror(EISDIR);
+  if (stated && !S_ISREG(st.st_mode)) return "not a regular file";
+  return std::string();
+}
+
+int FailOnFile(int exit_code, const char* command, const std::string& path, Result code,
+               bool writing) {
+  const std::string reason = SystemReason(path, writing);
+  return Fail(exit_code, command,
+              std::string(writing ? "cannot write " : "cannot read ") + EscapeForDisplay(path) +
+                  ": " +
+                  (reason.empty() ? StatusText(code) : reason + " (" + StatusText(code) + ")"));
+}
+
+}  // namespace
+
+int FailReading(int exit_code, const char* command, const std::string& path, Result code) {
+  return FailOnFile(exit_code, command, path, code, false);
+}
+
+int FailWriting(int exit_code, const char* command, const std::string& path, Result code) {
+  return FailOnFile(exit_code, command, path, code, true);
+}
+
+void HintAtTag(const char* command, const std::string& tag, Result result) {
+  if (result != VELK2_ERR_NOT_AUTHORIZED && result != VELK2_ERR_NOT_GRANTED) return;
+  const size_t first = tag.find_first_not_of(" \t\n");
+  if (first == std::string::npos || tag[first] == '(') return;
+  const size_t last = tag.find_last_not_of(" \t\n");
+  std::fprintf(stderr,
+               "velk2 %s: hint: the tag '%s' is not a list; write it in parentheses: '%s'\n",
+               command, EscapeForDisplay(tag).c_str(),
+               EscapeForDisplay("(" + tag.substr(first, last - first + 1) + ")").c_str());
+}
+
 bool FileExists(const std::string& path) {
   struct stat st;
   return ::lstat(path.c_str(), &st) == 0;
@@ -62,6 +117,12 @@ int ReadPatterns(const Options& options, const char* command, std::vector<std::s
     }
   }
   return kExitOk;
+}
+
+void QuietIfAsked(const Options& options) {
+  if (!options.Has("quiet")) return;
+  // When freopen fails it has closed stdout: nothing is printed there either way.
+  [[maybe_unused]] std::FILE* null = std::freopen("/dev/null", "w", stdout);
 }
 
 bool ShowsReasons(const Options& options) {

@@ -1,6 +1,8 @@
 // The store a command works on: --store DIR, the directory of acl/ and cert/.
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "platform/utf.h"
@@ -10,12 +12,15 @@
 
 namespace velk2::cli {
 
-int UseStore(const char* command, const std::string& store) {
+int UseStore(const char* command, const std::string& store, const std::string& from) {
   struct stat st;
-  if (::stat(store.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-    return UsageError(command, "--store: no directory " + EscapeForDisplay(store));
+  const std::string named =
+      "the store " + EscapeForDisplay(store) + " (from " + EscapeForDisplay(from) + ")";
+  if (::stat(store.c_str(), &st) != 0) {
+    return Fail(kExitUsage, command, "cannot use " + named + ": " + std::strerror(errno));
   }
-  if (store.size() >= 259) return UsageError(command, "--store: the path is too long");
+  if (!S_ISDIR(st.st_mode)) return Fail(kExitUsage, command, named + " is not a directory");
+  if (store.size() >= 259) return Fail(kExitUsage, command, named + ": the path is too long");
   Velk2GlobalDirectoryA(store.c_str());
   Velk2HomeDirectoryA(store.c_str());
   return kExitOk;

@@ -1,0 +1,157 @@
+// The defaults of a question: the store, the tag and the number of hashing
+// threads, from the options, the environment and the configuration files.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/utf.h"
+#include "tools/velk2/commands.h"
+#include "tools/velk2/support.h"
+
+namespace velk2::cli {
+namespace {
+
+constexpr const char* kSystemConfig = "/etc/velk2/velk2.conf";
+constexpr const char* kDefaultStore = "/etc/velk2";
+constexpr off_t kMaxConfig = 64 * 1024;
+
+std::string Trimmed(const std::string& text) {
+  const size_t first = text.find_first_not_of(" \t\r");
+  if (first == std::string::npos) return std::string();
+  return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
+// Reads |path| into |out|: false with |error| set when it cannot be read;
+// |absent| tells a file that is not there for this user (missing, or below
+// a directory it may not enter, as another user's home is when a command
+// runs under setpriv or sudo), which is no error for the files looked for
+// by default.
+bool ReadSmallFile(const std::string& path, std::string* out, std::string* error, bool* absent) {
+  *absent = false;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    *absent = errno == ENOENT || errno == ENOTDIR ||
+              (errno == EACCES && ::access(path.c_str(), F_OK) != 0);
+    *error = std::strerror(errno);
+    return false;
+  }
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxConfig) {
+    ::close(fd);
+    *error = S_ISREG(st.st_mode) ? "larger than 64 KiB" : "not a regular file";
+    return false;
+  }
+  out->resize(static_cast<size_t>(st.st_size));
+  const ssize_t got = ::read(fd, out->data(), out->size());
+  ::close(fd);
+  if (got < 0) {
+    *error = std::strerror(errno);
+    return false;
+  }
+  out->resize(static_cast<size_t>(got));
+  return true;
+}
+
+// Reads the settings of |text| (the file |path|) into |config|, a later
+// file's settings replacing an earlier one's.
+bool ParseConfig(const std::string& path, const std::string& text, Config* config,
+                 std::string* error) {
+  size_t number = 0;
+  for (size_t at = 0; at <= text.size();) {
+    size_t end = text.find('\n', at);
+    if (end == std::string::npos) end = text.size();
+    const std::string line = Trimmed(text.substr(at, end - at));
+    at = end + 1;
+    ++number;
+    if (line.empty() || line[0] == '#') continue;
+    const std::string where = EscapeForDisplay(path) + ":" + std::to_string(number) + ": ";
+    const size_t equals = line.find('=');
+    if (equals == std::string::npos) {
+      *error = where + "not a setting 'NAME = VALUE'";
+      return false;
+    }
+    const std::string name = Trimmed(line.substr(0, equals));
+    const std::string value = Trimmed(line.substr(equals + 1));
+    if (value.empty()) {
+      *error = where + "'" + EscapeForDisplay(name) + "' has no value";
+      return false;
+    }
+    if (name == "store") {
+      config->store = value;
+      config->store_from = path;
+    } else if (name == "tag") {
+      config->tag = value;
+    } else if (name == "jobs") {
+      if (value.size() > 2 || value.find_first_not_of("0123456789") != std::string::npos ||
+          std::stoul(value) == 0 || std::stoul(value) > 64) {
+        *error = where + "jobs takes a number of threads from 1 to 64";
+        return false;
+      }
+      config->jobs = static_cast<unsigned>(std::stoul(value));
+    } else {
+      *error = where + "unknown setting '" + EscapeForDisplay(name) + "' (known: store, tag, jobs)";
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+int LoadConfig(const char* command, Config* out) {
+  *out = Config{};
+  std::vector<std::pair<std::string, bool>> files;  // path, required
+  if (const char* named = std::getenv("VELK2_CONFIG")) {
+    // Set and empty: no configuration at all.
+    if (*named != '\0') files.emplace_back(named, true);
+  } else {
+    files.emplace_back(kSystemConfig, false);
+    const char* xdg = std::getenv("XDG_CONFIG_HOME");
+    const char* home = std::getenv("HOME");
+    if (xdg != nullptr && *xdg == '/') {
+      files.emplace_back(std::string(xdg) + "/velk2/velk2.conf", false);
+    } else if (home != nullptr && *home == '/') {
+      files.emplace_back(std::string(home) + "/.config/velk2/velk2.conf", false);
+    }
+  }
+  for (const auto& [path, required] : files) {
+    std::string text, error;
+    bool absent = false;
+    if (!ReadSmallFile(path, &text, &error, &absent)) {
+      if (absent && !required) continue;
+      return Fail(kExitUsage, command,
+                  "cannot read the configuration " + EscapeForDisplay(path) + ": " + error);
+    }
+    if (!ParseConfig(path, text, out, &error)) return Fail(kExitUsage, command, error);
+    out->files.push_back(path);
+  }
+  return kExitOk;
+}
+
+int ReadDefaults(const Options& options, const char* command, Config* config, std::string* store,
+                 std::string* store_from) {
+  if (int exit = LoadConfig(command, config); exit != kExitOk) return exit;
+  if (std::optional<std::string> given = options.Get("store")) {
+    *store = *given;
+    *store_from = "--store";
+  } else if (const char* env = std::getenv("VELK2_STORE"); env != nullptr && *env != '\0') {
+    *store = env;
+    *store_from = "VELK2_STORE";
+  } else if (config->store) {
+    *store = *config->store;
+    *store_from = config->store_from;
+  } else {
+    *store = kDefaultStore;
+    *store_from = "the default";
+  }
+  if (std::optional<std::string> tag = options.Get("tag")) config->tag = tag;
+  return UseStore(command, *store, *store_from);
+}
+
+}  // namespace velk2::cli
