@@ -131,7 +131,7 @@ Result HashValue::Finish() {
 }
 
 Result HashDescriptor(int fd, uint8_t (&digest)[32], const Velk2Context* context,
-                      std::vector<uint8_t>* block, int64_t size) {
+                      std::vector<uint8_t>* block, int64_t size, HashCounters* counters) {
   const uint32_t word = ContextWord(context);
   ZCRY_HASH hash = nullptr;
   std::vector<uint8_t> own;
@@ -151,6 +151,9 @@ Result HashDescriptor(int fd, uint8_t (&digest)[32], const Velk2Context* context
       if (got == 0) break;
       status = zcry_HashUpdate(hash, block->data(), static_cast<size_t>(got), word);
       if (status != VELK2_SUCCESS) return status;
+      if (counters != nullptr) {
+        counters->bytes.fetch_add(static_cast<uint64_t>(got), std::memory_order_relaxed);
+      }
       // A regular file reads short only at its end: no read to learn it again.
       if (size >= 0 && static_cast<size_t>(got) < kFileBlockSize) break;
     }

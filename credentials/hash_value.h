@@ -12,6 +12,7 @@
 #include "frame/context.h"
 #include "frame/ref.h"
 #include "frame/result.h"
+#include "platform/progress.h"
 #include "platform/zcry.h"
 #include "sexp/object.h"
 #include "sexp/source.h"
@@ -98,10 +99,12 @@ Result HashFile(const char16_t* path, uint8_t* digest, uint32_t* length,
 // HashDescriptor: the SHA-256 of what remains to be read from the open file
 // |fd|, read in large blocks. |block| (optional) is a buffer kept between
 // calls by a caller that hashes many files; |size| the regular file's size
-// (a hint: a short read then ends the file), or -1 for a file of any kind.
+// (a hint: a short read then ends the file), or -1 for a file of any kind;
+// |counters| (optional) get every block's bytes.
 // VELK2_ERR_READ_FILE (10) on a read error; crypto codes; 3 for memory.
 Result HashDescriptor(int fd, uint8_t (&digest)[32], const Velk2Context* context,
-                      std::vector<uint8_t>* block = nullptr, int64_t size = -1);
+                      std::vector<uint8_t>* block = nullptr, int64_t size = -1,
+                      HashCounters* counters = nullptr);
 
 // HashBytes: the SHA-256 of |bytes| (a symbolic link's target, for one).
 // Crypto codes.

@@ -183,9 +183,11 @@ class HashPool {
     std::vector<Change> changes;
   };
 
-  HashPool(unsigned threads, const Velk2Context* context, const FileProgress* on_file)
+  HashPool(unsigned threads, const Velk2Context* context, const FileProgress* on_file,
+           HashCounters* counters)
       : context_(context),
         on_file_(on_file),
+        counters_(counters),
         threads_(std::max(threads, 1u)),
         limit_(32 * threads_) {
     // More than one thread: that many workers hash while the walk opens files.
@@ -311,11 +313,12 @@ class HashPool {
     uint8_t digest[32];
     Result hashed = VELK2_FAILURE;
     try {
-      hashed = HashDescriptor(opened.get(), digest, context_, block, before.st_size);
+      hashed = HashDescriptor(opened.get(), digest, context_, block, before.st_size, counters_);
     } catch (const std::bad_alloc&) {
       hashed = VELK2_ERR_MEM_ALLOC;
     }
     if (hashed == VELK2_ERR_READ_FILE) job.out->read_error = errno != 0 ? errno : EIO;
+    if (counters_ != nullptr) counters_->files.fetch_add(1, std::memory_order_relaxed);
     if (on_file_ != nullptr && *on_file_) {
       std::lock_guard<std::mutex> lock(progress_mutex_);
       (*on_file_)(static_cast<uint64_t>(before.st_size));
@@ -376,6 +379,7 @@ class HashPool {
 
   const Velk2Context* context_;
   const FileProgress* on_file_;
+  HashCounters* counters_;
   const size_t threads_;
   const size_t limit_;
   std::vector<uint8_t> block_;  // the inline path's read buffer
@@ -391,7 +395,9 @@ class HashPool {
 class DiskWalk {
  public:
   DiskWalk(CompareResults* results, const Velk2Context* context, const DiskOptions& options)
-      : results_(results), options_(options), pool_(options.threads, context, options.on_file) {}
+      : results_(results),
+        options_(options),
+        pool_(options.threads, context, options.on_file, options.counters) {}
 
   // The walk, then the statuses that wait for hashing: files, then each
   // directory from the records below it (they all precede it).

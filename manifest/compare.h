@@ -15,6 +15,7 @@
 #include "frame/result.h"
 #include "manifest/body.h"
 #include "manifest/patterns.h"
+#include "platform/progress.h"
 #include "velk2.h"
 
 namespace velk2 {
@@ -79,8 +80,9 @@ using CompareResults = std::vector<CompareResult>;
 // How the disk is read: |threads| hash files while the walk goes on (1: the
 // walk hashes each file itself); the results are the same for any number.
 // |on_file| (optional) hears of every file read, with its size, one call at
-// a time. A file whose size, times or inode change while it is read is
-// Invalid, with changed_during set (an extension: one read has no digest).
+// a time; |counters| (optional) count the bytes and files as they are read. A file whose size,
+// times or inode change while it is read is Invalid, with changed_during set (an extension: one
+// read has no digest).
 //
 // What an entry records is checked too, never by following a link: a
 // symlink entry is Invalid unless a symlink with the listed target is there;
@@ -91,6 +93,7 @@ using FileProgress = std::function<void(uint64_t bytes)>;
 struct DiskOptions {
   unsigned threads = 1;
   const FileProgress* on_file = nullptr;
+  HashCounters* counters = nullptr;
   // The package directory itself is scanned for extra entries too, but for
   // |root_exception| (the manifest's own name when it lies there).
   bool scan_root = false;

@@ -88,10 +88,15 @@ std::u16string ManifestNameInPackage(const ManifestContext& context) {
   return FileNameToWide(manifest.filename().string());
 }
 
-size_t CountFiles(const ManifestDirectory& level) {
-  size_t count = level.files.size();
-  for (const ManifestDirectory& directory : level.directories) count += CountFiles(directory);
-  return count;
+// The files |level| lists, below it too, and the sizes they record.
+void CountFiles(const ManifestDirectory& level, size_t* files, uint64_t* bytes) {
+  *files += level.files.size();
+  for (const ManifestFileEntry& file : level.files) {
+    if (!file.attributes.link) *bytes += file.attributes.size.value_or(0);
+  }
+  for (const ManifestDirectory& directory : level.directories) {
+    CountFiles(directory, files, bytes);
+  }
 }
 
 }  // namespace
@@ -119,14 +124,15 @@ Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_a
   if (result != VELK2_SUCCESS) return result;
   CompareResults results;
   if (report != nullptr) {
-    report->files_listed = CountFiles(root);
-    if (report->on_start) report->on_start(report->files_listed);
+    CountFiles(root, &report->files_listed, &report->bytes_listed);
+    if (report->on_start) report->on_start(report->files_listed, report->bytes_listed);
   }
   IgnorePatterns patterns;
   PatternsOf(*context, &patterns);
   DiskOptions options;
   options.threads = context->hash_threads;
   options.on_file = report != nullptr ? &report->on_file : nullptr;
+  options.counters = report != nullptr ? report->counters : nullptr;
   options.patterns = patterns.empty() ? nullptr : &patterns;
   options.scan_root = context->scan_root;
   options.root_exception = ManifestNameInPackage(*context);

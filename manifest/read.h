@@ -23,6 +23,7 @@
 #include "frame/result.h"
 #include "manifest/context.h"
 #include "manifest/rollback.h"
+#include "platform/progress.h"
 #include "trust/revocation.h"
 
 namespace velk2 {
@@ -72,7 +73,9 @@ struct ManifestReport {
   // and told to |on_start|, before the disk is read) and a call after every
   // file read.
   size_t files_listed = 0;
-  std::function<void(size_t files)> on_start;
+  uint64_t bytes_listed = 0;  // the sizes the entries record (0: none records one)
+  std::function<void(size_t files, uint64_t bytes)> on_start;
+  HashCounters* counters = nullptr;  // bytes and files read, as they are read
   std::function<void(uint64_t bytes)> on_file;
 };
 

@@ -271,6 +271,7 @@ Result VerifyPackage(const PackageRequest& request, PackageVerdict* out) {
   if (request.on_file) report.on_file = request.on_file;
   CompareResults found;
   report.on_start = request.on_start;
+  report.counters = request.counters;
   result = velk2::VerifyPackage(&context, request.not_before, request.not_after, &report, &found);
   out->result = result;
   out->manifest_read = result != VELK2_ERR_OPEN_MANIFEST_FILE;

@@ -24,6 +24,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/progress.h"
+
 namespace velk2::api {
 
 using Result = uint32_t;  // a VELK2_RESULT, or an engine status passed through
@@ -334,10 +336,13 @@ struct PackageRequest {
   bool scan_root = true;
   unsigned threads = 1;
   bool explain = false;
-  // Called before the disk is read with the number of files listed, then
-  // after every file read with its size.
-  std::function<void(size_t files)> on_start;
+  // Called before the disk is read with the number of files listed and the
+  // sizes they record, then after every file read with its size; |counters|
+  // (optional) count bytes and files as they are read, for a caller that
+  // shows progress from another thread.
+  std::function<void(size_t files, uint64_t bytes)> on_start;
   std::function<void(uint64_t bytes)> on_file;
+  HashCounters* counters = nullptr;
 };
 
 struct RollbackInfo {

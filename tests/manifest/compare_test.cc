@@ -330,13 +330,18 @@ TEST_F(DiskComparison, EachFileReadIsToldWithItsSize) {
       ++calls;
       bytes += size;
     };
+    HashCounters counters;
     DiskOptions options;
     options.threads = threads;
     options.on_file = &progress;
+    options.counters = &counters;
     CompareResults results;
     EXPECT_EQ(CompareWithDisk(root, &results, nullptr, options), VELK2_ERR_HASH_MISMATCH);
     EXPECT_EQ(calls, 2u);
     EXPECT_EQ(bytes, std::string("app, patched").size() + std::string("read me").size());
+    // The counters a progress display reads from another thread agree.
+    EXPECT_EQ(counters.files.load(), 2u);
+    EXPECT_EQ(counters.bytes.load(), bytes);
   }
   CompareResults* none = nullptr;
   EXPECT_EQ(CompareWithDisk(root, none, nullptr), VELK2_ERR_PARAM_NULL);

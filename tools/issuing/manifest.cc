@@ -88,11 +88,15 @@ class Walker {
         if (file < 0) return Refuse(path, "cannot be opened");
         uint8_t digest[32];
         struct stat opened;
-        const Result result = ::fstat(file, &opened) == 0 && S_ISREG(opened.st_mode)
-                                  ? HashDescriptor(file, digest, nullptr)
-                                  : VELK2_ERR_FILE_OPEN;
+        const Result result =
+            ::fstat(file, &opened) == 0 && S_ISREG(opened.st_mode)
+                ? HashDescriptor(file, digest, nullptr, nullptr, opened.st_size, request_.counters)
+                : VELK2_ERR_FILE_OPEN;
         ::close(file);
         if (result != VELK2_SUCCESS) return Refuse(path, "cannot be read");
+        if (request_.counters != nullptr) {
+          request_.counters->files.fetch_add(1, std::memory_order_relaxed);
+        }
         attributes.size = static_cast<uint64_t>(opened.st_size);
         attributes.mode = opened.st_mode & 07777;
         AppendFile(name, attributes, digest, out);

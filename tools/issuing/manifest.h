@@ -12,6 +12,7 @@
 #include "credentials/certificate_sequence.h"
 #include "frame/ref.h"
 #include "frame/result.h"
+#include "platform/progress.h"
 #include "sexp/object.h"
 #include "tools/issuing/private_key.h"
 
@@ -31,6 +32,7 @@ struct ManifestRequest {
   // Revocation lists shipped with the manifest, each a list file's bytes;
   // they lie outside the signed digest (each list is signed by its issuer).
   std::vector<std::string> lists;
+  HashCounters* counters = nullptr;  // advanced as files are hashed (optional)
 };
 
 // MakeManifest writes the manifest of the package into |file| and the

@@ -20,6 +20,7 @@
 #include "tools/velk2/commands.h"
 #include "tools/velk2/messages.h"
 #include "tools/velk2/options.h"
+#include "tools/velk2/progress.h"
 #include "tools/velk2/support.h"
 #include "tools/velk2/verdict.h"
 #include "trust/tool_api.h"
@@ -166,44 +167,6 @@ Json RollbackJson(const api::RollbackInfo& rollback) {
               {"read_only_store", rollback.read_only}};
 }
 
-// Files and bytes hashed, the rate and the time left, on one line of stderr
-// that is rewritten at most five times a second.
-class Progress {
- public:
-  Progress() : start_(Clock::now()) {}
-  ~Progress() {
-    if (shown_) std::fputs("\n", stderr);
-  }
-
-  void Start(size_t files) { listed_ = files; }
-
-  void File(uint64_t bytes) {
-    ++files_;
-    bytes_ += bytes;
-    const Clock::time_point now = Clock::now();
-    if (now - last_ < std::chrono::milliseconds(200) && files_ != listed_) return;
-    last_ = now;
-    shown_ = true;
-    const double seconds = std::chrono::duration<double>(now - start_).count();
-    const double rate = seconds > 0 ? static_cast<double>(bytes_) / seconds : 0;
-    const size_t total = std::max(listed_, files_);
-    const double left =
-        files_ > 0 ? seconds * static_cast<double>(total - files_) / static_cast<double>(files_)
-                   : 0;
-    std::fprintf(stderr, "\rhashed %zu/%zu files, %.1f MiB, %.1f MiB/s, %.0f s left   ", files_,
-                 total, static_cast<double>(bytes_) / (1 << 20), rate / (1 << 20), left);
-    std::fflush(stderr);
-  }
-
- private:
-  using Clock = std::chrono::steady_clock;
-  Clock::time_point start_, last_;
-  size_t listed_ = 0;
-  size_t files_ = 0;
-  uint64_t bytes_ = 0;
-  bool shown_ = false;
-};
-
 // The --explain line of rollback protection.
 void PrintRollback(const api::RollbackInfo& rollback) {
   const std::string now = rollback.advanced
@@ -264,16 +227,15 @@ int RunVerify(const Args& args) {
   if (options.Has("progress") && options.Has("no-progress")) {
     return UsageError(kName, "--progress and --no-progress exclude each other");
   }
-  std::optional<Progress> progress;
-  if (options.Has("progress") || (!options.Has("no-progress") && ::isatty(STDERR_FILENO))) {
-    progress.emplace();
-    request.on_start = [&progress](size_t files) { progress->Start(files); };
-    request.on_file = [&progress](uint64_t bytes) { progress->File(bytes); };
+  Progress progress(!options.Has("no-progress"));
+  if (progress.shown()) {
+    request.on_start = [&progress](size_t files, uint64_t bytes) { progress.Start(files, bytes); };
+    request.counters = progress.counters();
   }
 
   api::PackageVerdict verdict;
   const Result result = api::VerifyPackage(request, &verdict);
-  progress.reset();
+  progress.Stop();
   const bool json = options.Has("json");
   // A mistake in the question is no verdict on the package.
   if (!verdict.input_problem.empty()) {
