@@ -19,7 +19,7 @@ mkdir acl
   --propagate --not-before 2026-01-01_00:00:00 --not-after 2036-01-01_00:00:00 --owner root \
   --out chain.cert >/dev/null
 "$velk2" cert issue --issuer vendor.pem --subject build.pub --tag '(pkg install)' --owner vendor \
-  --out chain.cert >/dev/null
+  --out chain.cert --prepend >/dev/null
 # The signer's chain for manifests: its own certificate first.
 "$velk2" cert issue --issuer vendor.pem --subject build.pub --tag '(pkg install)' --owner vendor \
   --out signer.cert >/dev/null

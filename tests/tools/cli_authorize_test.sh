@@ -57,12 +57,13 @@ has "last-file note" err.txt 'the last file, mixed/b.acl, does not load'
 has "good entry still listed" out.txt "$root_fp"
 
 # ---- certificates ----
-"$velk2" cert issue --issuer root.pem --subject dev.pub --tag "$any_tag" --propagate --out chain.cert >/dev/null ||
-  fail "issue 1"
+# Chain files hold the leaf certificate first.
 "$velk2" cert issue --issuer dev.pem --subject pkg.pub --tag '(pkg install)' \
-  --not-before 2026-01-01_00:00:00 --not-after 2030-01-01_00:00:00 --out chain.cert >/dev/null || fail "issue 2"
-"$velk2" cert issue --issuer root.pem --subject dev.pub --tag "$any_tag" --out short.cert >/dev/null || fail "issue 3"
-"$velk2" cert issue --issuer dev.pem --subject pkg.pub --tag '(pkg install)' --out short.cert >/dev/null || fail "issue 4"
+  --not-before 2026-01-01_00:00:00 --not-after 2030-01-01_00:00:00 --out chain.cert >/dev/null || fail "issue 1"
+"$velk2" cert issue --issuer root.pem --subject dev.pub --tag "$any_tag" --propagate --out chain.cert >/dev/null ||
+  fail "issue 2"
+"$velk2" cert issue --issuer dev.pem --subject pkg.pub --tag '(pkg install)' --out short.cert >/dev/null || fail "issue 3"
+"$velk2" cert issue --issuer root.pem --subject dev.pub --tag "$any_tag" --out short.cert >/dev/null || fail "issue 4"
 printf '(8:sequence)' > none.cert
 ask=("$velk2" authorize --acl-dir acl --certs chain.cert --key pkg.pub)
 
@@ -120,21 +121,21 @@ at = data.index(b'(3:pkg7:install)')
 open('tampered.cert', 'wb').write(data[:at] + b'(3:pkg7:instalX)' + data[at + 16:])
 EOF
 check "tampered certificate" 1 "$velk2" authorize --acl-dir acl --certs tampered.cert --key pkg.pub --tag '(pkg install)' --any-time
-has "tampered entry named" err.txt 'certificate 2 of tampered.cert \(owner dev\): its signature does not verify: 22 '
+has "tampered entry named" err.txt 'certificate 1 of tampered.cert \(owner dev\): its signature does not verify: 22 '
 
 # ---- --explain ----
 check "explain yes" 0 "${ask[@]}" --tag '(pkg install)' --explain --any-time
 has "explain question" out.txt "^question: does pkg.pub \[${pkg_fp:0:16}\] hold \(pkg install\) at any time\?"
 has "explain reduced entry" out.txt '1\. \[[0-9]+\] the ACL grants pkg.pub .* \(pkg install\), from 2026-01-01_00:00:00 until 2030-01-01_00:00:00'
 has "explain ACL entry" out.txt 'ACL entry root.acl, which states \(pkg \(\* set install remove\)\)'
-has "explain certificate" out.txt 'certificate chain.cert #2 \(owner dev\)'
+has "explain certificate" out.txt 'certificate chain.cert #1 \(owner dev\)'
 has "explain derivation" out.txt 'chained from \[[0-9]+\] and \[[0-9]+\]'
 has "explain issuer named" out.txt "owner \"root\" \[${root_fp:0:16}\] grants owner \"dev\""
 check "explain no propagate" 1 "$velk2" authorize --acl-dir acl --certs short.cert --key pkg.pub --tag '(pkg install)' --explain --any-time
 has "explain empty" out.txt 'reduced ACL: empty'
 has "explain why" out.txt 'owner "dev" \[[0-9a-f]+\] grants towards the key .* lack propagate, so it cannot pass authority on'
 check "explain period" 1 "${ask[@]}" --tag '(pkg install)' --not-before 2031-01-01_00:00:00 --explain
-has "explain left out" out.txt 'certificate chain.cert #2 \(owner dev\) names the key but was left out'
+has "explain left out" out.txt 'certificate chain.cert #1 \(owner dev\) names the key but was left out'
 check "explain narrower" 1 "${ask[@]}" --tag "$any_tag" --explain --any-time
 has "explain 67" out.txt 'grants \(pkg install\), which does not cover the requested \(pkg \(\* set install remove\)\)'
 
@@ -149,7 +150,7 @@ json "json no" "j['result'] == 31 and j['authorized'] is False and j['entries'] 
 check "json 67" 1 "${ask[@]}" --tag "$any_tag" --json --any-time
 json "json 67" "j['result'] == 67 and j['message'].startswith('The specified package') and len(j['entries']) == 1"
 check "json tampered" 1 "$velk2" authorize --acl-dir acl --certs tampered.cert --key pkg.pub --tag '(pkg install)' --json --any-time
-json "json tampered" "j['result'] == 22 and j['stage'] == 'signatures' and j['certificate'] == 2 and j['owner'] == 'dev'"
+json "json tampered" "j['result'] == 22 and j['stage'] == 'signatures' and j['certificate'] == 1 and j['owner'] == 'dev'"
 mkdir first-bad
 printf 'not an entry' > first-bad/a.acl
 cp acl/root.acl first-bad/b.acl

@@ -17,7 +17,7 @@ grep -qx "type: rsa" out.txt && grep -qx "bits: 2048" out.txt || { echo "FAIL: s
 check "show pem" 0 "$velk2" key show root.pem
 [ "$(grep sha256 out.txt)" = "$pub_fp" ] || { echo "FAIL: pem and pub fingerprints differ"; failures=$((failures + 1)); }
 check "show dsa" 0 "$velk2" key show dev.pub
-grep -qx "bits: 1024" out.txt || { echo "FAIL: dsa bits"; failures=$((failures + 1)); }
+grep -qx "bits: 2048" out.txt || { echo "FAIL: dsa bits"; failures=$((failures + 1)); }
 printf '(3:foo)' > junk.pub
 check "show junk" 2 "$velk2" key show junk.pub
 check "show missing" 2 "$velk2" key show missing.pub
@@ -26,7 +26,7 @@ check "issue" 0 "$velk2" cert issue --issuer root.pem --subject dev.pub --tag '(
   --propagate --not-before 2026-01-01_00:00:00 --not-after 2027-01-01_00:00:00 --comment dev --out chain.cert
 size1=$(stat -c %s chain.cert)
 check "issue by hash" 0 "$velk2" cert issue --issuer dev.pem --subject-hash root.pub --tag '(pkg install)' \
-  --alg dsa-sha1 --hash sha1 --owner me --out chain.cert
+  --alg dsa-sha1 --hash sha1 --owner me --out chain.cert --prepend
 [ "$(stat -c %s chain.cert)" -gt "$size1" ] || { echo "FAIL: second entry not appended"; failures=$((failures + 1)); }
 grep -q "(5:owner2:me)" chain.cert || { echo "FAIL: owner"; failures=$((failures + 1)); }
 grep -q "(5:owner4:root)" chain.cert || { echo "FAIL: default owner"; failures=$((failures + 1)); }

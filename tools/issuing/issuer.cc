@@ -297,31 +297,88 @@ Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out
   return r;
 }
 
-namespace {}  // namespace
+namespace {
+
+// The principal in the (|field| ...) element of the certificate body |cert|
+// ("issuer" or "subject"); null when it has none.
+const SexpObject* CertificateField(const SexpObject* cert, const char* field) {
+  const SexpList* list = cert && cert->IsList() ? cert->AsList() : nullptr;
+  for (size_t i = 1; list != nullptr && i < list->ChildCount(); ++i) {
+    const SexpObject* child = list->ChildAt(i);
+    if (!child->IsList() || child->AsList()->ChildCount() < 2) continue;
+    const SexpObject* keyword = child->AsList()->FirstChild();
+    if (!keyword->IsList() && keyword->AsAtom()->AtomEqualsText(field)) {
+      return child->AsList()->ChildAt(1);
+    }
+  }
+  return nullptr;
+}
+
+bool IsCertificate(const SexpObject* object) {
+  const SexpObject* head = object->IsList() ? object->AsList()->FirstChild() : nullptr;
+  return head != nullptr && !head->IsList() && head->AsAtom()->AtomEqualsText("cert");
+}
+
+// Whether |later| may follow |earlier| in a chain file, leaf first: not
+// when |later| was issued by |earlier|'s subject, unless it also grants
+// |earlier|'s issuer. A certificate a key issues to itself belongs to no
+// order and may stand anywhere.
+bool MayFollow(const SexpObject* earlier, const SexpObject* later) {
+  auto same = [](const SexpObject* a, const char* a_field, const SexpObject* b,
+                 const char* b_field) {
+    return SameCanonicalForm(CertificateField(a, a_field), CertificateField(b, b_field));
+  };
+  if (same(earlier, "issuer", earlier, "subject") || same(later, "issuer", later, "subject")) {
+    return true;
+  }
+  return !same(later, "issuer", earlier, "subject") || same(later, "subject", earlier, "issuer");
+}
+
+}  // namespace
 
 Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpList> signature,
-                         const std::string& owner) {
+                         const std::string& owner, Placement placement) {
   if (body == nullptr || !FitsTheEngine(*body)) return VELK2_ERR_INVALID_S_EXPRESSION;
-  Ref<SexpList> sequence;
+  const bool prepend = placement == Placement::kPrependLeafFirst;
+  Ref<SexpList> existing;
   struct stat st;
-  Result r;
+  Result r = VELK2_SUCCESS;
   if (::stat(path.c_str(), &st) == 0) {
-    r = ReadObjectFile(path, &sequence);
+    r = ReadObjectFile(path, &existing);
     if (r != VELK2_SUCCESS) return r;
-    const SexpObject* head = sequence->FirstChild();
+    const SexpObject* head = existing->FirstChild();
     if (head == nullptr || head->IsList() || !head->AsAtom()->AtomEqualsText("sequence")) {
       return VELK2_ERR_INVALID_SEQUENCE;
     }
+    // The neighbour: the last certificate for an append, the first for a prepend.
+    const SexpObject* neighbour = nullptr;
+    for (size_t i = 1; placement != Placement::kAppend && i < existing->ChildCount(); ++i) {
+      if (!IsCertificate(existing->ChildAt(i))) continue;
+      neighbour = existing->ChildAt(i);
+      if (prepend) break;
+    }
+    if (neighbour != nullptr &&
+        !(prepend ? MayFollow(body.get(), neighbour) : MayFollow(neighbour, body.get()))) {
+      return VELK2_ERR_SIGNING_CERT_ORDER;
+    }
+  }
+  Ref<SexpList> sequence, owner_list;
+  if (existing && !prepend) {
+    sequence = std::move(existing);
   } else {
     r = NewKeywordList(&sequence, "sequence", nullptr);
-    if (r != VELK2_SUCCESS) return r;
   }
-  Ref<SexpList> owner_list;
-  r = owner.empty() ? NewKeywordList(&owner_list, "owner", nullptr)
-                    : NewKeywordListWithText(&owner_list, "owner", owner.c_str(), nullptr);
+  if (r == VELK2_SUCCESS) {
+    r = owner.empty() ? NewKeywordList(&owner_list, "owner", nullptr)
+                      : NewKeywordListWithText(&owner_list, "owner", owner.c_str(), nullptr);
+  }
   if (r == VELK2_SUCCESS) r = sequence->Append(std::move(body));
   if (r == VELK2_SUCCESS) r = sequence->Append(std::move(signature));
   if (r == VELK2_SUCCESS) r = sequence->Append(std::move(owner_list));
+  // Prepended: the file's entries follow the new one.
+  for (size_t i = 1; r == VELK2_SUCCESS && existing && i < existing->ChildCount(); ++i) {
+    r = sequence->Append(Ref<SexpObject>::Share(existing->ChildAt(i)));
+  }
   if (r != VELK2_SUCCESS) return r;
   std::string bytes = StoredForm(*sequence);
   if (bytes.empty()) return VELK2_ERR_WRITE_FILE;
@@ -350,10 +407,10 @@ uint32_t BitLength(const SexpAtom* atom) {
 
 }  // namespace
 
-Result LoadPublicKey(const std::string& path, Ref<SexpList>* out) {
+Result LoadPublicKey(const std::string& path, Ref<SexpList>* out, const std::string* passphrase) {
   if (EndsWith(path, ".pem")) {
     issuing::PrivateKey key;
-    Result r = issuing::PrivateKey::LoadPem(path, &key);
+    Result r = issuing::PrivateKey::LoadPem(path, &key, passphrase);
     if (r != VELK2_SUCCESS) return r;
     return issuing::MakePublicKey(key, out);
   }
@@ -376,9 +433,9 @@ Result ReadPublicKeyText(const std::string& path, std::string* canonical) {
   return canonical->empty() ? VELK2_ERR_MEM_ALLOC : VELK2_SUCCESS;
 }
 
-Result ReadKeyInfo(const std::string& path, KeyInfo* info) {
+Result ReadKeyInfo(const std::string& path, KeyInfo* info, const std::string* passphrase) {
   Ref<SexpList> key;
-  Result r = LoadPublicKey(path, &key);
+  Result r = LoadPublicKey(path, &key, passphrase);
   if (r != VELK2_SUCCESS) return r;
   const SexpList* algorithm = key->ChildAt(1)->AsList();
   info->type = std::string(algorithm->FirstChild()->AsAtom()->bytes());

@@ -78,15 +78,32 @@ struct CertificateRequest : GrantFields {
 // [(7:comment c)] [(10:revocation scope...)]). 2 without issuer or subject.
 Result MakeCertificateBody(const CertificateRequest& request, Ref<SexpList>* out);
 
+// Where AppendCertificate puts a certificate in a chain file. A chain file
+// holds its leaf first: `manifest sign` and `cert verify` take the first
+// certificate's subject as the key the chain is about, and each next
+// certificate grants the issuer of the one before. The LeafFirst placements
+// keep that order: they refuse a certificate that would stand on the wrong
+// side of its neighbour, appended after the certificate that granted its
+// issuer (root first) or prepended before a certificate whose issuer it
+// grants. Certificates that do not chain to their neighbour, and those a
+// key issues to itself, may stand in any order.
+enum class Placement {
+  kAppend,            // at the end, whatever the order
+  kAppendLeafFirst,   // at the end, keeping the order
+  kPrependLeafFirst,  // first, keeping the order
+};
+
 // AppendCertificate adds the entry body, signature, (5:owner |owner|) to the
-// (8:sequence ...) in the file at |path|, creating it when missing. The file
-// is replaced whole through a temporary file, so it is never half-written.
+// (8:sequence ...) in the file at |path|, creating it when missing, where
+// |placement| says. The file is replaced whole through a temporary file, so
+// it is never half-written, and kept as it was on any failure.
 // The reader's codes when the existing file is not a sequence;
-// VELK2_ERR_INVALID_S_EXPRESSION (29) when the certificate nests deeper than
-// the engine goes; VELK2_ERR_BUFFER_OVERFLOW (30) when the file would grow
-// past kMaxSourceFileSize, the most any reader loads (the file is kept).
+// VELK2_ERR_SIGNING_CERT_ORDER (36) when a LeafFirst placement would break
+// the order; VELK2_ERR_INVALID_S_EXPRESSION (29) when the certificate nests
+// deeper than the engine goes; VELK2_ERR_BUFFER_OVERFLOW (30) when the file
+// would grow past kMaxSourceFileSize, the most any reader loads.
 Result AppendCertificate(const std::string& path, Ref<SexpList> body, Ref<SexpList> signature,
-                         const std::string& owner);
+                         const std::string& owner, Placement placement = Placement::kAppend);
 
 // What `key show` prints of a key.
 struct KeyInfo {
@@ -96,11 +113,13 @@ struct KeyInfo {
 };
 // LoadPublicKey reads a public key: a canonical .pub file that the library's
 // key reader accepts (nothing may follow the key), or the public half of a
-// .pem private key. The reader's or the key's code when it is not one.
-Result LoadPublicKey(const std::string& path, Ref<SexpList>* out);
+// .pem private key, opened with |passphrase| when it is encrypted. The
+// reader's or the key's code (PrivateKey::LoadPem's) when it is not one.
+Result LoadPublicKey(const std::string& path, Ref<SexpList>* out,
+                     const std::string* passphrase = nullptr);
 // The same as the key's canonical text, as the library's questions take it.
 Result ReadPublicKeyText(const std::string& path, std::string* canonical);
-Result ReadKeyInfo(const std::string& path, KeyInfo* info);
+Result ReadKeyInfo(const std::string& path, KeyInfo* info, const std::string* passphrase = nullptr);
 
 // ReadCertificateAt reads certificate |index| (0-based) of the certificate
 // file at |path|: its body, whether it names a revocation scope, and how

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <string>
 
+#include "platform/utf.h"
 #include "tools/issuing/issuer.h"
 #include "tools/issuing/private_key.h"
 #include "tools/velk2/commands.h"
@@ -40,7 +41,9 @@ int RunCertIssue(const Args& args) {
   }
 
   PrivateKey key;
-  Result r = PrivateKey::LoadPem(*issuer_path, &key);
+  std::string problem;
+  Result r = issuing::LoadKeyFile(*issuer_path, options.Get("passphrase-file"), &key, &problem);
+  if (!problem.empty()) return Fail(kExitUsage, kName, problem);
   if (r != VELK2_SUCCESS) return FailReading(kExitUsage, kName, *issuer_path, r);
   std::string algorithm = key.type() == KeyType::kRsa ? issuing::kRsaPss : issuing::kDsaSha1;
   if (std::optional<std::string> alg = options.Get("alg")) algorithm = *alg;
@@ -56,6 +59,9 @@ int RunCertIssue(const Args& args) {
     return UsageError(kName, "--alg " + algorithm + " with this hash does not fit a " +
                                  (key.type() == KeyType::kRsa ? "RSA" : "DSA") + " key");
   }
+  if (hash_id == issuing::kHashSha1) {
+    std::fprintf(stderr, "velk2 %s: warning: %s\n", kName, issuing::kSha1Warning);
+  }
 
   Ref<SexpList> issuer;
   r = issuing::MakePublicKey(key, &issuer);
@@ -67,7 +73,24 @@ int RunCertIssue(const Args& args) {
   if (r == VELK2_SUCCESS) r = issuing::SignObject(key, *body, algorithm, hash_id, &signature);
   if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot sign the certificate", r);
   std::string owner = options.Get("owner").value_or(Stem(*issuer_path));
-  r = issuing::AppendCertificate(*out, std::move(body), std::move(signature), owner);
+  const bool prepend = options.Has("prepend");
+  r = issuing::AppendCertificate(
+      *out, std::move(body), std::move(signature), owner,
+      prepend ? issuing::Placement::kPrependLeafFirst : issuing::Placement::kAppendLeafFirst);
+  if (r == VELK2_ERR_SIGNING_CERT_ORDER) {
+    const std::string file = EscapeForDisplay(*out);
+    return Fail(kExitUsage, kName,
+                prepend ? file +
+                              " starts with a certificate issued by this certificate's subject; a "
+                              "chain file holds its leaf certificate first, so this one belongs "
+                              "after it: issue it without --prepend. The file is kept as it was"
+                        : file +
+                              " ends with the certificate that granted this certificate's "
+                              "issuer; a chain file holds its leaf certificate first, each next "
+                              "one granting the issuer of the one before, as manifest sign and "
+                              "cert verify read it: use --prepend to put this certificate first, "
+                              "or issue the leaf certificate first. The file is kept as it was");
+  }
   if (r == VELK2_ERR_BUFFER_OVERFLOW) {
     return FailWith(kExitUsage, kName,
                     *out +

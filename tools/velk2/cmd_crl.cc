@@ -89,9 +89,15 @@ int RunCrlIssue(const Args& args) {
   }
 
   issuing::PrivateKey key;
-  r = issuing::PrivateKey::LoadPem(*issuer_path, &key);
+  std::string key_problem;
+  r = issuing::LoadKeyFile(*issuer_path, options.Get("passphrase-file"), &key, &key_problem);
+  if (!key_problem.empty()) return Fail(kExitUsage, kName, key_problem);
   if (r != VELK2_SUCCESS) {
     return FailReading(kExitUsage, kName, *issuer_path, r);
+  }
+  // A DSA key signs SHA-1 digests only.
+  if (key.type() == issuing::KeyType::kDsa) {
+    std::fprintf(stderr, "velk2 %s: warning: %s\n", kName, issuing::kSha1Warning);
   }
   std::string file;
   r = issuing::MakeRevocationList(key, request, &file);

@@ -13,6 +13,7 @@
 #include "tools/velk2/commands.h"
 #include "tools/velk2/messages.h"
 #include "tools/velk2/options.h"
+#include "tools/velk2/progress.h"
 #include "tools/velk2/support.h"
 #include "trust/tool_api.h"
 
@@ -115,13 +116,23 @@ int RunManifestSign(const Args& args) {
   }
   if (int exit = AddStoreLists(options, kName, &request); exit != kExitOk) return exit;
   issuing::PrivateKey key;
-  r = issuing::PrivateKey::LoadPem(*key_path, &key);
+  std::string key_problem;
+  r = issuing::LoadKeyFile(*key_path, options.Get("passphrase-file"), &key, &key_problem);
+  if (!key_problem.empty()) return Fail(kExitUsage, kName, key_problem);
   if (r != VELK2_SUCCESS) {
     return FailReading(kExitUsage, kName, *key_path, r);
   }
+  // A DSA key signs SHA-1 digests only.
+  if (key.type() == issuing::KeyType::kDsa) {
+    std::fprintf(stderr, "velk2 %s: warning: %s\n", kName, issuing::kSha1Warning);
+  }
   std::string file, problem;
   size_t entries = 0;
+  Progress progress(!options.Has("no-progress"));
+  request.counters = progress.counters();
+  progress.Start(0, 0);  // the sizes are learnt as the walk goes
   r = issuing::MakeManifest(key, request, &file, &entries, &problem);
+  progress.Stop();
   if (r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName, problem.empty() ? "cannot sign" : EscapeForDisplay(problem),
                     r);

@@ -1,6 +1,8 @@
 // The velk2 command table: every command, its operands, what it does and
 // each of its options, in the order --help prints them. A constant table,
 // so what the tool offers never depends on how it was linked.
+#include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "tools/velk2/commands.h"
@@ -67,6 +69,13 @@ constexpr OptionSpec kSubjectHash{
 constexpr OptionSpec kPropagate{"propagate", 0,     nullptr,
                                 false,       false, "the subject may delegate what it is granted"};
 constexpr OptionSpec kComment{"comment", 0, "TEXT", false, false, "a comment kept with the entry"};
+constexpr OptionSpec kPassphraseFile{"passphrase-file",
+                                     0,
+                                     "FILE",
+                                     false,
+                                     false,
+                                     "open an encrypted private key with the passphrase on the "
+                                     "first line of FILE (a regular file of at most 4 KiB)"};
 
 constexpr OptionSpec kAclAdd[] = {
     kSubject,    kSubjectHash,
@@ -100,7 +109,10 @@ constexpr OptionSpec kCertIssue[] = {
     {"hash", 0, "sha1|sha256", false, false, "the hash the signature covers (default: sha256)"},
     {"revocation-scope", 0, "TEXT", false, false,
      "good only while a revocation list of this scope tag clears it"},
-    {"out", 0, "FILE.cert", false, true, "the certificate file to append to (made when missing)"}};
+    {"out", 0, "FILE.cert", false, true, "the certificate file to append to (made when missing)"},
+    {"prepend", 0, nullptr, false, false,
+     "put the certificate first in FILE.cert: a chain file holds its leaf certificate first"},
+    kPassphraseFile};
 constexpr OptionSpec kCertVerify[] = {kStore,   kTagAsked, kNotBefore, kNotAfter,
                                       kExplain, kJson,     kQuiet};
 constexpr OptionSpec kCompare[] = {kIgnore, kIgnoreFrom, kJson, kQuiet};
@@ -115,14 +127,28 @@ constexpr OptionSpec kCrlIssue[] = {
     {"not-before", 0, "DATE", false, true,
      "the list's issue time: a store takes a new list only when it was issued later"},
     {"not-after", 0, "DATE", false, true, "the end of the list's period"},
-    {"out", 0, "FILE.crl", false, true, "the list file, replaced whole"}};
+    {"out", 0, "FILE.crl", false, true, "the list file, replaced whole"},
+    kPassphraseFile};
 constexpr OptionSpec kCrlVerify[] = {
     kStore, {"tag", 't', "TEXT", false, false, "the scope the list must have"}};
 constexpr OptionSpec kKeyNew[] = {
     {"type", 0, "rsa|dsa", false, true, "the key type"},
-    {"bits", 0, "N", false, false, "the key size (default: 2048)"},
+    {"bits", 0, "N", false, false,
+     "the key size: RSA 2048 to 16384, DSA 2048 or (weak) 1024 (default: 2048)"},
     {"out", 0, "NAME", false, true, "write NAME.pem (private, mode 0600) and NAME.pub"},
+    {"passphrase-file", 0, "FILE", false, false,
+     "encrypt NAME.pem (PKCS#8, AES-256-CBC) under the passphrase on the first line of FILE (a "
+     "regular file of at most 4 KiB)"},
+    {"encrypt", 0, nullptr, false, false,
+     "encrypt NAME.pem under a passphrase asked twice on the terminal (without "
+     "--passphrase-file)"},
     kForce};
+constexpr OptionSpec kKeyShow[] = {kPassphraseFile};
+constexpr OptionSpec kProgress = {
+    "progress", 0,
+    nullptr,    false,
+    false,      "show progress on stderr when it is a terminal (the default; never elsewhere)"};
+constexpr OptionSpec kNoProgress = {"no-progress", 0, nullptr, false, false, "show no progress"};
 constexpr OptionSpec kManifestSign[] = {
     {"key", 0, "KEY.pem", false, true, "the signer's private key"},
     {"chain", 0, "FILE.cert", false, true, "the signer's chain, its own certificate first"},
@@ -136,7 +162,10 @@ constexpr OptionSpec kManifestSign[] = {
      "ship the store's current list of every scope the chain's certificates name"},
     {"owners", 0, nullptr, false, false, "record each entry's owner and group"},
     kIgnore,
-    kIgnoreFrom};
+    kIgnoreFrom,
+    kProgress,
+    kNoProgress,
+    kPassphraseFile};
 constexpr OptionSpec kTagIntersect[] = {
     {"canonical", 0, nullptr, false, false, "print the intersection in canonical form"}};
 constexpr OptionSpec kVerify[] = {
@@ -156,9 +185,8 @@ constexpr OptionSpec kVerify[] = {
     kExplain,
     kJson,
     kQuiet,
-    {"progress", 0, nullptr, false, false,
-     "show progress on stderr (the default when stderr is a terminal)"},
-    {"no-progress", 0, nullptr, false, false, "show no progress"}};
+    kProgress,
+    kNoProgress};
 
 }  // namespace
 
@@ -179,8 +207,11 @@ const std::span<const Command> Commands() {
        "authorized, 1 not, 2 usage, unreadable input or undecided (an engine limit or error)",
        RunAuthorize, kAuthorize},
       {"cert issue", "",
-       "sign a certificate and append it to FILE.cert; with --revocation-scope the "
-       "certificate is good only while a revocation list of that scope clears it",
+       "sign a certificate and append it to FILE.cert (or put it first with --prepend); with "
+       "--revocation-scope the certificate is good only while a revocation list of that scope "
+       "clears it. A chain file holds its leaf certificate first, each next one granting the "
+       "issuer of the one before: a certificate that would break that order is refused and the "
+       "file kept",
        RunCertIssue, kCertIssue},
       {"cert show",
        "FILE",
@@ -226,14 +257,13 @@ const std::span<const Command> Commands() {
        "contents, its signature and its period. Exit 0 verified, 1 not, 2 unreadable",
        RunCrlVerify, kCrlVerify},
       {"key new", "",
-       "make a key pair: NAME.pem (private, mode 0600) and NAME.pub (canonical public key)",
+       "make a key pair: NAME.pem (private, mode 0600; encrypted with --passphrase-file or "
+       "--encrypt) and NAME.pub (canonical public key)",
        RunKeyNew, kKeyNew},
-      {"key show",
-       "FILE",
+      {"key show", "FILE",
        "print a key's type, size and the SHA-256 fingerprint of its canonical form "
        "(FILE is a .pub or a .pem)",
-       RunKeyShow,
-       {}},
+       RunKeyShow, kKeyShow},
       {"manifest show",
        "FILE",
        "print a manifest: header, time of signing, the chain, the ignore patterns, the entry "
@@ -315,6 +345,15 @@ std::string Usage(const Command& command) {
     usage += word;
   }
   return usage;
+}
+
+int UsageError(const char* name, const std::string& message) {
+  std::fprintf(stderr, "velk2 %s: %s\n", name, message.c_str());
+  for (const Command& c : Commands()) {
+    if (std::strcmp(c.name, name) == 0)
+      std::fprintf(stderr, "usage: velk2 %s %s\n", c.name, Usage(c).c_str());
+  }
+  return kExitUsage;
 }
 
 }  // namespace velk2::cli

@@ -63,22 +63,6 @@ const Command* FindCommand(int argc, char** argv, int* words_used) {
   return best;
 }
 
-}  // namespace
-
-int UsageError(const char* name, const std::string& message) {
-  std::fprintf(stderr, "velk2 %s: %s\n", name, message.c_str());
-  for (const Command& c : Commands()) {
-    if (std::strcmp(c.name, name) == 0)
-      std::fprintf(stderr, "usage: velk2 %s %s\n", c.name, Usage(c).c_str());
-  }
-  return kExitUsage;
-}
-
-}  // namespace velk2::cli
-
-namespace velk2::cli {
-namespace {
-
 int Run(int argc, char** argv) {
   if (argc < 2) {
     PrintHelp(stderr);
