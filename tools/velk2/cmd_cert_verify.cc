@@ -22,17 +22,16 @@ int RunCertVerify(const Args& args) {
   if (options.positional().size() != 1) return UsageError(kName, "one FILE is required");
   Config config;
   std::string store, store_from;
-  if (int exit = ReadDefaults(options, kName, &config, &store, &store_from); exit != kExitOk) {
+  std::string tag_text;
+  if (int exit = ReadStoreAndTag(options, kName, &config, &store, &store_from, &tag_text);
+      exit != kExitOk) {
     return exit;
   }
-  if (!config.tag)
-    return UsageError(kName, "--tag TEXT is required (or tag = in the configuration)");
-  const std::optional<std::string> tag_text = config.tag;
   const std::string& file = options.positional()[0];
   QuietIfAsked(options);
   api::ChainRequest request;
   request.certificates_file = file;
-  request.tag = *tag_text;
+  request.tag = tag_text;
   request.explain = ShowsReasons(options);
   if (int exit = ReadPeriodOptions(options, kName, &request.period); exit != kExitOk) return exit;
   api::Verdict verdict;
@@ -57,7 +56,7 @@ int RunCertVerify(const Args& args) {
       std::printf("\nstage: %s\nwhy: %s\n", api::StageName(verdict.stage), verdict.why.c_str());
     }
   }
-  HintAtTag(kName, *tag_text, result);
+  HintAtTag(kName, tag_text, result);
   if (!verdict.why.empty()) return FailWith(kExitFailure, kName, verdict.why, result);
   if (api::Undecided(result)) {
     return Fail(kExitUsage, kName, "the question could not be decided: " + StatusText(result));

@@ -188,17 +188,16 @@ int RunVerify(const Args& args) {
   if (options.positional().size() != 1) return UsageError(kName, "one PKGDIR is required");
   Config config;
   std::string store, store_from;
-  if (int exit = ReadDefaults(options, kName, &config, &store, &store_from); exit != kExitOk) {
+  std::string tag_text;
+  if (int exit = ReadStoreAndTag(options, kName, &config, &store, &store_from, &tag_text);
+      exit != kExitOk) {
     return exit;
   }
-  if (!config.tag)
-    return UsageError(kName, "--tag TEXT is required (or tag = in the configuration)");
-  const std::optional<std::string> tag_text = config.tag;
   QuietIfAsked(options);
   api::PackageRequest request;
   request.package = options.positional()[0];
   request.manifest = options.Get("manifest").value_or(request.package + "/manifest");
-  request.tag = *tag_text;
+  request.tag = tag_text;
   request.allow_extra = options.Has("allow-extra");
   request.allow_older = options.Has("allow-older");
   if (int exit = ReadPatterns(options, kName, &request.ignore); exit != kExitOk) return exit;
@@ -214,7 +213,7 @@ int RunVerify(const Args& args) {
     request.threads = static_cast<unsigned>(std::stoul(*text));
   }
   api::Tag tag;
-  if (Result r = api::ReadTag(*tag_text, &tag); r != VELK2_SUCCESS) {
+  if (Result r = api::ReadTag(tag_text, &tag); r != VELK2_SUCCESS) {
     return FailWith(kExitUsage, kName, "cannot read the tag", r);
   }
   int64_t* times[2] = {&request.not_before, &request.not_after};
@@ -321,7 +320,7 @@ int RunVerify(const Args& args) {
                     std::to_string(result) + ")");
   }
   if (!verdict.verified) {
-    HintAtTag(kName, *tag_text, result);
+    HintAtTag(kName, tag_text, result);
     return FailWith(kExitFailure, kName, "the manifest does not verify", result);
   }
   if (result == VELK2_SUCCESS && rollback.checked && !rollback.written && !rollback.read_only) {

@@ -94,6 +94,10 @@ int LoadConfig(const char* command, Config* out);
 // returns kExitUsage.
 int ReadDefaults(const Options& options, const char* command, Config* config, std::string* store,
                  std::string* store_from);
+// ReadStoreAndTag: ReadDefaults for a command that asks about a tag, which
+// must then come from --tag or the configuration, into |tag|.
+int ReadStoreAndTag(const Options& options, const char* command, Config* config, std::string* store,
+                    std::string* store_from, std::string* tag);
 
 // ReadPeriodOptions reads --not-before and --not-after (and --any-time where
 // the command offers it); without any, both are now. Returns kExitOk, or

@@ -154,4 +154,16 @@ int ReadDefaults(const Options& options, const char* command, Config* config, st
   return UseStore(command, *store, *store_from);
 }
 
+int ReadStoreAndTag(const Options& options, const char* command, Config* config, std::string* store,
+                    std::string* store_from, std::string* tag) {
+  if (int exit = ReadDefaults(options, command, config, store, store_from); exit != kExitOk) {
+    return exit;
+  }
+  if (!config->tag) {
+    return UsageError(command, "--tag TEXT is required (or tag = in the configuration)");
+  }
+  *tag = *config->tag;
+  return kExitOk;
+}
+
 }  // namespace velk2::cli
