@@ -400,9 +400,12 @@ def verify_package(pkgdir: PathArg, *, store: PathArg, tag: str,
     # "/" would double.
     package = package.rstrip(b"/") or b"/"
     detail = (f"the manifest {os.fsdecode(manifest_path)!r} of the package "
-              f"{os.fsdecode(package)!r} does not verify for the tag {tag} under the store "
+              f"{os.fsdecode(package)!r} does not verify for the tag {tag!r} under the store "
               f"{os.fsdecode(store_path)!r}")
     lib = _library.library()
+    # The report's refinements read the manifest again: only the very file
+    # the library verified is read.
+    verified = _manifest.identity(manifest_path)
     with _store_in_use(store_path), \
             _manifest_context(package, manifest_path, tag_text, detail) as handle:
         if lib.SetIgnoredEntries(handle, ignored.head()) != 0 or \
@@ -416,7 +419,7 @@ def verify_package(pkgdir: PathArg, *, store: PathArg, tag: str,
         raise Velk2Error(code, detail)
     moves: List[Tuple[bytes, bytes]] = []
     if lists.differs():
-        listing = _manifest.read(manifest_path)
+        listing = _manifest.read(manifest_path, verified)
         if listing is None:
             # Without the manifest's entries (a file replaced since it was
             # verified): an unlisted directory is reported alone, so one
@@ -461,7 +464,7 @@ def verify_chain(cert_file: PathArg, *, store: PathArg, tag: str,
     with _store_in_use(store_path):
         code = lib.Velk2CertVerifyFileA(path, tag_text, start, end)
     if code != 0:
-        raise Velk2Error(code, f"the chain {os.fsdecode(path)!r} does not verify for the tag {tag} "
+        raise Velk2Error(code, f"the chain {os.fsdecode(path)!r} does not verify for the tag {tag!r} "
                          f"under the store {os.fsdecode(store_path)!r}")
     return True
 
@@ -485,6 +488,7 @@ def compare_manifests(a: PathArg, b: PathArg, ignore: Iterable[PathArg] = ()) ->
     ignored = _library.NameList(_ignored(ignore))
     detail = f"cannot compare {os.fsdecode(first)!r} with {os.fsdecode(second)!r}"
     lib = _library.library()
+    identities = _manifest.identity(first), _manifest.identity(second)
     # The context wants a package directory and a tag; a comparison uses neither.
     with _library_lock, _manifest_context(os.path.dirname(first) or b".", first,
                                           b"(compare)", detail) as handle:
@@ -496,7 +500,8 @@ def compare_manifests(a: PathArg, b: PathArg, ignore: Iterable[PathArg] = ()) ->
         raise Velk2Error(code, detail)
     moves: List[Tuple[bytes, bytes]] = []
     if lists.differs():
-        listing_a, listing_b = _manifest.read(first), _manifest.read(second)
+        listing_a = _manifest.read(first, identities[0])
+        listing_b = _manifest.read(second, identities[1])
 
         def state(path: bytes, recorded: _manifest.Entry) -> str:
             other = listing_b.get(path)

@@ -66,6 +66,9 @@ _library: Optional[ctypes.CDLL] = None
 def _load() -> ctypes.CDLL:
     named = os.environ.get("VELK2_LIBRARY")
     where = f"{named!r} (from VELK2_LIBRARY)" if named else SONAME
+    # Only a regular file is handed to the loader: a FIFO would block it.
+    if named and "/" in named and not os.path.isfile(named):
+        raise OSError(f"velk2: cannot load {where}: not a regular file")
     try:
         lib = ctypes.CDLL(named or SONAME)
     except OSError as error:

@@ -40,17 +40,13 @@ class Entry(NamedTuple):
 class Listing:
     """The entries of a manifest by their path relative to the package
     (bytes, "/" between names, no trailing "/"). Names match byte for byte,
-    else without regard to ASCII case, as the library matches them."""
+    as the library matches them: "BIN" beside a listed "bin" is another entry."""
 
     def __init__(self, entries: Dict[bytes, Entry]) -> None:
         self._entries = entries
-        self._folded = {}
-        for path in sorted(entries):
-            self._folded.setdefault(path.lower(), entries[path])
 
     def get(self, path: bytes) -> Optional[Entry]:
-        found = self._entries.get(path)
-        return found if found is not None else self._folded.get(path.lower())
+        return self._entries.get(path)
 
     def is_directory(self, path: bytes) -> bool:
         found = self.get(path)
@@ -134,11 +130,32 @@ def _entries(level: List[Expression], prefix: bytes, out: Dict[bytes, Entry]) ->
             _entries(entry[3:], path + b"/", out)
 
 
-def read(path: bytes) -> Optional[Listing]:
-    """The entries listed in the manifest file at |path|; None when it cannot
-    be read as a manifest (the parts of a Report that need it stay empty)."""
+Identity = tuple
+
+
+def identity(path: bytes) -> Optional[Identity]:
+    """What tells the file at |path| from another or a rewritten one: device,
+    inode, size, modification and change times; None when it cannot be seen."""
     try:
-        with open(path, "rb") as f:
+        st = os.stat(path)
+    except OSError:
+        return None
+    return (st.st_dev, st.st_ino, st.st_size, st.st_mtime_ns, st.st_ctime_ns)
+
+
+def read(path: bytes, expected: Optional[Identity]) -> Optional[Listing]:
+    """The entries listed in the manifest file at |path|, which must still be
+    the file |expected| identifies (the one the library verified); None when
+    it is another, is no regular file or cannot be read as a manifest (the
+    parts of a Report that need it stay empty)."""
+    try:
+        # Non-blocking: a FIFO put in the manifest's place must not hang.
+        fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK | getattr(os, "O_CLOEXEC", 0))
+        with os.fdopen(fd, "rb") as f:
+            st = os.fstat(f.fileno())
+            if (not stat.S_ISREG(st.st_mode) or expected is None or
+                    (st.st_dev, st.st_ino, st.st_size, st.st_mtime_ns, st.st_ctime_ns) != expected):
+                return None
             data = f.read(_MAX_SIZE + 1)
         if len(data) > _MAX_SIZE:
             return None

@@ -13,6 +13,7 @@ import re
 import shutil
 import subprocess
 import sys
+import tempfile
 import threading
 import tracemalloc
 from datetime import date, datetime, timedelta, timezone
@@ -98,6 +99,7 @@ def test_tampered_copy_reports_exactly_what_differs(example_store, example_copy)
     (pkg / "share" / "locale" / "de" / "extra.po").write_text("msgid \"x\"\n")
     make_tree(pkg / "share" / "new", {"inside": "x", "deeper/more": "y"})
     (pkg / "toplevel.txt").write_text("at the root\n")
+    make_tree(pkg / "BIN", {"hello": "not the listed bin/"})  # names match byte for byte
     odd = os.fsencode(pkg / "share") + b"/odd-\xff"
     with open(odd, "wb") as f:
         f.write(b"not UTF-8 named\n")
@@ -107,7 +109,7 @@ def test_tampered_copy_reports_exactly_what_differs(example_store, example_copy)
     assert report.changed == ["bin/hello"]
     assert report.missing == ["share/doc/hello/README"]
     odd_name = os.fsdecode(b"share/odd-\xff")
-    assert report.extra == sorted(["share/locale/de/extra.po", "share/new/", odd_name,
+    assert report.extra == sorted(["BIN/", "share/locale/de/extra.po", "share/new/", odd_name,
                                    "share/readme-moved", "toplevel.txt"], key=os.fsencode)
     assert report.moved == [("share/doc/hello/README", "share/readme-moved")]
     assert os.path.exists(os.path.join(pkg, odd_name))
@@ -121,7 +123,9 @@ def test_tampered_copy_reports_exactly_what_differs(example_store, example_copy)
 
     # The root left unscanned, and paths left out.
     unscanned = velk2.verify_package(pkg, store=example_store, tag=TAG, scan_root=False)
-    assert "toplevel.txt" not in unscanned.extra and len(unscanned.extra) == 4
+    assert "toplevel.txt" not in unscanned.extra and "BIN/" not in unscanned.extra
+    assert len(unscanned.extra) == 4
+    shutil.rmtree(pkg / "BIN")
     with pytest.raises(ValueError):  # the library takes UTF-8 paths only
         velk2.verify_package(pkg, store=example_store, tag=TAG, ignore=[odd_name])
     os.unlink(odd)
@@ -533,6 +537,13 @@ def test_how_the_library_is_found():
                    dict(base, LD_LIBRARY_PATH=str(Path(named).resolve().parent)))
     assert done.returncode == 0, done.stderr
     assert done.stdout.split()[0] == velk2.__version__
+    # A FIFO in the library's place is refused, not waited on.
+    fifo = Path(tempfile.mkdtemp()) / "libvelk2.so.1"
+    os.mkfifo(fifo)
+    done = _python("import velk2\ntry:\n    velk2.version()\nexcept OSError as e:\n    print(e)",
+                   dict(base, VELK2_LIBRARY=str(fifo)))
+    shutil.rmtree(fifo.parent)
+    assert "not a regular file" in done.stdout, done.stdout + done.stderr
     # A library of another interface version is refused.
     done = _python("import velk2\ntry:\n    velk2.version()\nexcept OSError as e:\n    print(e)",
                    dict(base, VELK2_LIBRARY="libc.so.6"))

@@ -67,6 +67,25 @@ check "an ISO date with an offset" 0 "$velk2" verify pkg -s store -t '(pkg insta
 check "an impossible date" 2 "$velk2" verify pkg -s store -t '(pkg install)' --not-before 2023-02-29
 has "the date named" err.txt "2023-02-29"
 
+check "the first second, which the library reads as no date" 2 "$velk2" verify pkg -s store \
+  -t '(pkg install)' --not-before 1970-01-01 --not-after 1970-01-01
+check "an inverted period" 2 "$velk2" verify pkg -s store -t '(pkg install)' --not-before 2026-06-02 \
+  --not-after 2026-06-01
+check "one date that ends the period before the time of signing" 2 "$velk2" verify pkg -s store \
+  -t '(pkg install)' --not-after 2020-01-01
+has "the time of signing named" err.txt "ends before it starts: the manifest was signed"
+check "an empty tag" 2 "$velk2" verify pkg -s store --tag=
+printf 'store = %s/store\0/../elsewhere\n' "$dir" > nul.conf
+check "a NUL in the configuration" 2 env VELK2_CONFIG="$dir/nul.conf" "$velk2" verify pkg -t '(pkg install)'
+has "NUL named" err.txt "nul.conf:1: holds a NUL byte"
+cp -r store "$(printf 'store\377')"
+check "a store path that is not UTF-8" 2 "$velk2" verify pkg -s "$(printf 'store\377')" -t '(pkg install)'
+has "not UTF-8 said" err.txt 'store\\xff.*not UTF-8'
+check "an unknown option with control characters" 2 "$velk2" verify pkg "$(printf -- '--\e]0;x\a')"
+grep -q $'\e' err.txt && fail "a control character reached the terminal: $(cat -A err.txt)"
+check "an unknown command with control characters" 2 "$velk2" "$(printf '\e[31mcmd')"
+grep -q $'\e' err.txt && fail "a control character reached the terminal: $(cat -A err.txt)"
+
 # The system's reason, and a hint for the tag written without parentheses.
 check "a missing chain" 2 "$velk2" cert verify absent.cert -s store -t '(pkg install)'
 has "strerror reason" err.txt "absent.cert: No such file or directory"
@@ -75,6 +94,12 @@ has "hint" err.txt "hint: the tag 'pkg install' is not a list; write it in paren
 check "a list tag gets no hint" 1 "$velk2" verify pkg -s store -t '(pkg remove)' --allow-older
 ! grep -q hint err.txt || fail "hint for a tag in parentheses"
 
+# A key pair that cannot be written whole is not begun: the old one stays.
+check "a key pair" 0 "$velk2" key new --type rsa --out pair
+cp pair.pem pair.before && rm pair.pub && mkdir pair.pub
+check "a pair whose public half cannot be written" 2 "$velk2" key new --type rsa --out pair --force
+cmp -s pair.pem pair.before || fail "a refused key new replaced the private key"
+
 # velk2 hash writes what sha256sum writes, and sha256sum -c reads it back.
 mkdir names && cd names
 printf a > 'back\slash'
@@ -82,8 +107,9 @@ printf b > "$(printf 'new\nline')"
 printf c > "$(printf 'carriage\rreturn')"
 printf d > "$(printf 'byte\377')"
 printf e > 'plain name'
-"$velk2" hash * > ../ours.sum || fail "hash"
-sha256sum * > ../theirs.sum
+printf f > -dash
+"$velk2" hash -- * > ../ours.sum || fail "hash"
+sha256sum -- * > ../theirs.sum
 cmp -s ../ours.sum ../theirs.sum || { fail "hash lines differ from sha256sum's"; diff ../ours.sum ../theirs.sum; }
 sha256sum --quiet -c ../ours.sum || fail "sha256sum -c cannot read velk2 hash"
 cd ..
@@ -109,6 +135,10 @@ in_terminal 200 "$velk2" verify pkg -s store -t '(pkg install)' --allow-older --
 in_terminal 200 "$velk2" manifest sign pkg --key signer.pem --chain chain.cert -t '(pkg install)' \
   --out signed-again
 has "signing shows progress" terminal.txt "hashed [0-9]+ files, [0-9.]+ MiB"
+in_terminal 200 "$velk2" verify pkg -s store -t '(pkg install)' --allow-older -q
+! grep -q hashed terminal.txt || fail "--quiet drew progress"
+in_terminal 200 env TERM=dumb "$velk2" verify pkg -s store -t '(pkg install)' --allow-older
+! grep -q hashed terminal.txt || fail "progress drawn on a dumb terminal"
 check "not on a pipe, even when asked" 0 "$velk2" verify pkg -s store -t '(pkg install)' --allow-older --progress
 ! grep -q hashed err.txt || fail "progress written to a file"
 

@@ -42,10 +42,11 @@ int RunAclAdd(const Args& args) {
   if (!EndsWithAcl(*out)) return UsageError(kName, "--out must name a file NAME.acl");
   const size_t slash = out->find_last_of('/');
   const std::string parent = slash == std::string::npos ? "." : out->substr(0, slash + 1);
-  if (!IsDirectory(parent)) return Fail(kExitUsage, kName, "no directory " + parent);
+  if (!IsDirectory(parent))
+    return Fail(kExitUsage, kName, "no directory " + EscapeForDisplay(parent));
   const bool force = options.Has("force");
   if (!force && FileExists(*out)) {
-    return Fail(kExitUsage, kName, *out + " exists (use --force to replace it)");
+    return Fail(kExitUsage, kName, EscapeForDisplay(*out) + " exists (use --force to replace it)");
   }
 
   issuing::AclEntryRequest request;
@@ -57,7 +58,7 @@ int RunAclAdd(const Args& args) {
   if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot build the entry", r);
   r = issuing::WriteAclEntry(*out, *entry, force);
   if (r == VELK2_ERR_PARAM_NOT_NULL) {
-    return Fail(kExitUsage, kName, *out + " exists (use --force to replace it)");
+    return Fail(kExitUsage, kName, EscapeForDisplay(*out) + " exists (use --force to replace it)");
   }
   if (r == VELK2_ERR_INVALID_S_EXPRESSION) {
     return FailWith(kExitUsage, kName,
@@ -67,7 +68,7 @@ int RunAclAdd(const Args& args) {
                     r);
   }
   if (r != VELK2_SUCCESS) return FailWriting(kExitUsage, kName, *out, r);
-  std::printf("%s\n", out->c_str());
+  std::printf("%s\n", EscapeForDisplay(*out).c_str());
   return kExitOk;
 }
 
@@ -104,7 +105,8 @@ int RunAclList(const Args& args) {
   if (args.size() != 1) return UsageError(kName, "expected one DIR");
   api::AclListing listing;
   const Result r = api::ListAcl(args[0], &listing);
-  if (r == VELK2_ERR_FIND_DIR) return Fail(kExitUsage, kName, "no directory " + args[0]);
+  if (r == VELK2_ERR_FIND_DIR)
+    return Fail(kExitUsage, kName, "no directory " + EscapeForDisplay(args[0]));
   if (r != VELK2_SUCCESS) return Fail(kExitUsage, kName, args[0] + " holds no *.acl file");
   // Entries and refusals in the order the library reads the files.
   size_t skipped = 0, too_deep = 0;

@@ -105,7 +105,7 @@ int RunCertIssue(const Args& args) {
                     r);
   }
   if (r != VELK2_SUCCESS) return FailWriting(kExitUsage, kName, *out, r);
-  std::printf("%s\n", out->c_str());
+  std::printf("%s\n", EscapeForDisplay(*out).c_str());
   return kExitOk;
 }
 

@@ -45,13 +45,16 @@ std::string ChecksumLine(const std::string& hex, const std::string& name) {
 
 int RunHash(const Args& args) {
   constexpr char kName[] = "hash";
-  if (args.empty()) return UsageError(kName, "expected at least one FILE");
+  // As with sha256sum, a first "--" ends the options (there are none), so
+  // that a file named "-x" can follow it.
+  const Args files(args.begin() + (!args.empty() && args[0] == "--" ? 1 : 0), args.end());
+  if (files.empty()) return UsageError(kName, "expected at least one FILE");
   int exit = kExitOk;
-  for (const std::string& file : args) {
+  for (const std::string& file : files) {
     std::string hex;
     const Result r = api::HashFile(file, &hex);
     if (r != VELK2_SUCCESS) {
-      exit = FailWith(kExitUsage, kName, "cannot hash " + EscapeForDisplay(file), r);
+      exit = FailReading(kExitUsage, kName, file, r);
       continue;
     }
     const std::string line = ChecksumLine(hex, file);

@@ -1,4 +1,5 @@
 // velk2 key new / key show: key pairs for the issuing toolkit.
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -6,10 +7,12 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <optional>
 #include <string>
 
+#include "platform/utf.h"
 #include "tools/issuing/issuer.h"
 #include "tools/issuing/private_key.h"
 #include "tools/velk2/commands.h"
@@ -140,7 +143,9 @@ int RunKeyNew(const Args& args) {
   bool force = options.Has("force");
   std::string pem = *out + ".pem", pub = *out + ".pub";
   if (!force && (FileExists(pem) || FileExists(pub))) {
-    return Fail(kExitUsage, kName, pem + " or " + pub + " exists (use --force to replace)");
+    return Fail(kExitUsage, kName,
+                EscapeForDisplay(pem) + " or " + EscapeForDisplay(pub) +
+                    " exists (use --force to replace)");
   }
   std::string passphrase;
   const std::optional<std::string> passphrase_file = options.Get("passphrase-file");
@@ -153,6 +158,15 @@ int RunKeyNew(const Args& args) {
   } else if (encrypt) {
     if (int exit = AskPassphrase(kName, &passphrase); exit != kExitOk) return exit;
   }
+  // The pair is written one file after the other: what would stop the
+  // second is looked for first, so that a refusal leaves the old pair whole.
+  for (const std::string& path : {pem, pub}) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+      return Fail(kExitUsage, kName,
+                  "cannot write " + EscapeForDisplay(path) + ": " + std::strerror(EISDIR));
+    }
+  }
   PrivateKey key;
   Result r = PrivateKey::Generate(*type == "rsa" ? KeyType::kRsa : KeyType::kDsa, bits, &key);
   if (r != VELK2_SUCCESS) return FailWith(kExitFailure, kName, "cannot generate the key", r);
@@ -163,8 +177,14 @@ int RunKeyNew(const Args& args) {
   issuing::Wipe(&passphrase);
   if (r != VELK2_SUCCESS) return FailWriting(kExitUsage, kName, pem, r);
   r = issuing::WriteFile(pub, issuing::CanonicalText(*public_key), 0644, force);
-  if (r != VELK2_SUCCESS) return FailWriting(kExitUsage, kName, pub, r);
-  std::printf("%s\n%s\n", pem.c_str(), pub.c_str());
+  if (r != VELK2_SUCCESS) {
+    FailWriting(kExitUsage, kName, pub, r);
+    return Fail(kExitUsage, kName,
+                EscapeForDisplay(pem) +
+                    " holds a new private key without its public key: make the "
+                    "pair again with --force");
+  }
+  std::printf("%s\n%s\n", EscapeForDisplay(pem).c_str(), EscapeForDisplay(pub).c_str());
   return kExitOk;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "platform/utf.h"
 #include "tools/velk2/commands.h"
 #include "tools/velk2/messages.h"
 
@@ -18,7 +19,7 @@ int RunMessage(const Args& args) {
     long long value = std::strtoll(text.c_str(), &end, 0);
     if (text.empty() || *end != '\0' || errno == ERANGE || value < INT32_MIN ||
         value > UINT32_MAX) {
-      return UsageError("message", "'" + text + "' is not a result code");
+      return UsageError("message", "'" + EscapeForDisplay(text) + "' is not a result code");
     }
     values.push_back(value);
   }

@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "platform/utf.h"
 #include "tools/velk2/commands.h"
 #include "tools/velk2/docs.h"
 #include "velk2.h"
@@ -95,7 +96,8 @@ int Run(int argc, char** argv) {
     bool help =
         argc > 2 && (std::strcmp(argv[2], "--help") == 0 || std::strcmp(argv[2], "-h") == 0);
     if (PrintFamily(help ? stdout : stderr, argv[1])) return help ? kExitOk : kExitUsage;
-    std::fprintf(stderr, "velk2: unknown command '%s' (see velk2 --help)\n", argv[1]);
+    std::fprintf(stderr, "velk2: unknown command '%s' (see velk2 --help)\n",
+                 EscapeForDisplay(argv[1]).c_str());
     return kExitUsage;
   }
   Args args(argv + 1 + words, argv + argc);

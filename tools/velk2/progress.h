@@ -31,8 +31,8 @@ std::string ProgressLine(const std::string& text, size_t columns);
 
 class Progress {
  public:
-  // |wanted|: the command was not told --no-progress. Nothing is drawn
-  // unless stderr is a terminal too.
+  // |wanted|: the command was not told --no-progress or --quiet. Nothing is
+  // drawn unless stderr is a terminal too, and one that is not "dumb".
   explicit Progress(bool wanted);
   ~Progress();
   Progress(const Progress&) = delete;

@@ -71,6 +71,11 @@ bool ParseConfig(const std::string& path, const std::string& text, Config* confi
     ++number;
     if (line.empty() || line[0] == '#') continue;
     const std::string where = EscapeForDisplay(path) + ":" + std::to_string(number) + ": ";
+    // A NUL would cut the value short where the system reads it.
+    if (line.find('\0') != std::string::npos) {
+      *error = where + "holds a NUL byte";
+      return false;
+    }
     const size_t equals = line.find('=');
     if (equals == std::string::npos) {
       *error = where + "not a setting 'NAME = VALUE'";
@@ -159,7 +164,7 @@ int ReadStoreAndTag(const Options& options, const char* command, Config* config,
   if (int exit = ReadDefaults(options, command, config, store, store_from); exit != kExitOk) {
     return exit;
   }
-  if (!config->tag) {
+  if (!config->tag || config->tag->find_first_not_of(" \t") == std::string::npos) {
     return UsageError(command, "--tag TEXT is required (or tag = in the configuration)");
   }
   *tag = *config->tag;

@@ -1,4 +1,6 @@
 #include "tools/velk2/options.h"
+
+#include "platform/utf.h"
 #include "tools/velk2/support.h"
 
 namespace velk2::cli {
@@ -32,7 +34,7 @@ bool Options::Take(const OptionSpec& spec, const std::string& shown,
     if (word == "yes" || word == "true" || word == "1" || word == "on") {
       on_.insert(spec.name);
     } else if (word != "no" && word != "false" && word != "0" && word != "off") {
-      error_ = shown + " takes yes or no, not '" + word + "'";
+      error_ = shown + " takes yes or no, not '" + EscapeForDisplay(word) + "'";
       return false;
     }
     return true;
@@ -56,7 +58,7 @@ bool Options::Parse(const Args& args, bool allow_positional) {
     // "-" alone names standard input or output: an operand.
     if (options_ended || a.size() < 2 || a[0] != '-') {
       if (!allow_positional) {
-        error_ = "unexpected argument '" + a + "'";
+        error_ = "unexpected argument '" + EscapeForDisplay(a) + "'";
         return false;
       }
       positional_.push_back(a);
@@ -71,7 +73,7 @@ bool Options::Parse(const Args& args, bool allow_positional) {
       }
       const OptionSpec* spec = Find(name);
       if (spec == nullptr) {
-        error_ = "unknown option '--" + name + "'";
+        error_ = "unknown option '--" + EscapeForDisplay(name) + "'";
         return false;
       }
       if (!Take(*spec, "--" + name, inline_value, args, &i)) return false;
@@ -82,7 +84,7 @@ bool Options::Parse(const Args& args, bool allow_positional) {
     for (size_t k = 1; k < a.size(); ++k) {
       const OptionSpec* spec = FindShort(a[k]);
       if (spec == nullptr) {
-        error_ = std::string("unknown option '-") + a[k] + "'";
+        error_ = "unknown option '-" + EscapeForDisplay(std::string(1, a[k])) + "'";
         return false;
       }
       const std::string shown = std::string("-") + a[k];

@@ -18,6 +18,11 @@ int ReadDateOption(const Options& options, const char* command, const std::strin
                                    "' is not a date (YYYY-MM-DD_hh:mm:ss, YYYY-MM-DD or ISO "
                                    "8601 such as 2026-01-01T12:00:00Z)");
   }
+  // The library reads a date of 0 as no date at all.
+  if (*out <= 0) {
+    return UsageError(command, "--" + field + " '" + EscapeForDisplay(*text) +
+                                   "' is not after 1970-01-01_00:00:00, the earliest date");
+  }
   return kExitOk;
 }
 

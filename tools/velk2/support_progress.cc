@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "tools/velk2/progress.h"
@@ -63,7 +65,18 @@ std::string ProgressLine(const std::string& text, size_t columns) {
   return "\r" + text.substr(0, room) + "\x1b[K";
 }
 
-Progress::Progress(bool wanted) : shown_(wanted && ::isatty(STDERR_FILENO) == 1) {}
+namespace {
+
+// A terminal that can erase a line: "dumb" ones cannot.
+bool DrawableTerminal() {
+  if (::isatty(STDERR_FILENO) != 1) return false;
+  const char* term = std::getenv("TERM");
+  return term == nullptr || std::strcmp(term, "dumb") != 0;
+}
+
+}  // namespace
+
+Progress::Progress(bool wanted) : shown_(wanted && DrawableTerminal()) {}
 
 Progress::~Progress() {
   Stop();

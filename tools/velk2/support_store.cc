@@ -21,6 +21,11 @@ int UseStore(const char* command, const std::string& store, const std::string& f
   }
   if (!S_ISDIR(st.st_mode)) return Fail(kExitUsage, command, named + " is not a directory");
   if (store.size() >= 259) return Fail(kExitUsage, command, named + ": the path is too long");
+  // The library takes the store's path as text: other bytes would name
+  // another directory.
+  if (Utf16ToUtf8(Utf8ToUtf16(store)) != store) {
+    return Fail(kExitUsage, command, named + ": the path is not UTF-8");
+  }
   Velk2GlobalDirectoryA(store.c_str());
   Velk2HomeDirectoryA(store.c_str());
   return kExitOk;
