@@ -330,6 +330,21 @@ VELK2_EXPORT VELK2_RESULT SetRollbackProtection(ManifestContext* context, uint32
  * itself too (but for the manifest file, when it lies there), not only in
  * the directories below it. */
 VELK2_EXPORT VELK2_RESULT SetScanPackageRoot(ManifestContext* context, uint32_t on);
+/* SetIncrementalCache (an extension; off by default, as VerifyManifest reads
+ * every file): with |on| nonzero, VerifyManifest takes a regular file for
+ * valid without reading it when the global store's "cache" directory holds
+ * an entry, made by an earlier VerifyManifest of the same package directory
+ * and manifest that returned 0, under which the file's device, inode, size,
+ * modification and change times (in nanoseconds), mode and owner, and the
+ * manifest entry it was checked against, are all unchanged, and the file was
+ * not modified within two seconds of being read then. Every other file,
+ * and every symlink, is read as without the cache. After a VerifyManifest
+ * that returns 0 the package's entries are written whole under the lock
+ * "cert/store.lock"; the directory is made with mode 0700 and not used when
+ * group or others may write it or another user owns it; a cache file that
+ * is damaged or not this package's is ignored and rewritten. A cache that
+ * cannot be read or written is no error. */
+VELK2_EXPORT VELK2_RESULT SetIncrementalCache(ManifestContext* context, uint32_t on);
 /* GetTimeOfSigning: the manifest's time of signing, 0 before one was read. */
 VELK2_EXPORT int64_t GetTimeOfSigning(ManifestContext* context);
 

@@ -14,7 +14,6 @@
 #include <mutex>
 #include <string_view>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 
 #include "credentials/hash_value.h"
@@ -83,12 +82,6 @@ void CompareMetadata(const EntryAttributes& recorded, const struct stat& st, boo
   }
 }
 
-std::u16string Folded(const std::u16string& name) {
-  std::u16string folded = name;
-  for (char16_t& c : folded) c = FoldAscii(c);
-  return folded;
-}
-
 // One directory's entries, listed once, each claimed by at most one listed name.
 class Listing {
  public:
@@ -124,12 +117,10 @@ class Listing {
       return false;
     }
     ::closedir(dir);
+    // Sorted without regard to case, names equal but for case side by side:
+    // a lookup is a binary search to that run of names, no index to build.
     std::sort(entries_.begin(), entries_.end(),
               [](const Entry& a, const Entry& b) { return NameLess(a.wide, b.wide); });
-    for (size_t i = 0; i < entries_.size(); ++i) {
-      exact_.emplace(entries_[i].wide, i);
-      folded_.emplace(Folded(entries_[i].wide), i);
-    }
     return true;
   }
 
@@ -137,37 +128,40 @@ class Listing {
   // unclaimed. Every listed name of a level claims its exact entry before
   // any claims by case, so "A.TXT" listed before "a.txt" never takes a.txt.
   const Entry* ClaimExact(const std::u16string& name) {
-    auto exact = exact_.find(name);
-    return exact != exact_.end() && !entries_[exact->second].claimed ? Take(exact->second)
-                                                                     : nullptr;
+    auto [first, last] = SameButForCase(name);
+    for (auto it = first; it != last; ++it) {
+      if (!it->claimed && it->wide == name) return Take(&*it);
+    }
+    return nullptr;
   }
   // The first unclaimed entry equal to |name| but for case.
   const Entry* ClaimFolded(const std::u16string& name) {
-    auto [first, last] = folded_.equal_range(Folded(name));
-    size_t best = entries_.size();
+    auto [first, last] = SameButForCase(name);
     for (auto it = first; it != last; ++it) {
-      if (!entries_[it->second].claimed) best = std::min(best, it->second);
+      if (!it->claimed) return Take(&*it);
     }
-    return best < entries_.size() ? Take(best) : nullptr;
+    return nullptr;
   }
 
   const std::vector<Entry>& entries() const { return entries_; }
   int error = 0;  // why the directory could not be listed
-  // Frees the name index once every listed name has been claimed.
-  void DropIndex() {
-    exact_ = {};
-    folded_ = {};
-  }
 
  private:
-  const Entry* Take(size_t index) {
-    entries_[index].claimed = true;
-    return &entries_[index];
+  std::pair<std::vector<Entry>::iterator, std::vector<Entry>::iterator> SameButForCase(
+      const std::u16string& name) {
+    return std::equal_range(
+        entries_.begin(), entries_.end(), name,
+        [](const auto& a, const auto& b) { return CompareNoCase(Wide(a), Wide(b)) < 0; });
+  }
+  static const char16_t* Wide(const Entry& entry) { return entry.wide.c_str(); }
+  static const char16_t* Wide(const std::u16string& name) { return name.c_str(); }
+
+  static const Entry* Take(Entry* entry) {
+    entry->claimed = true;
+    return entry;
   }
 
   std::vector<Entry> entries_;
-  std::unordered_map<std::u16string, size_t> exact_;
-  std::unordered_multimap<std::u16string, size_t> folded_;
 };
 
 // The hashing of the files a walk opens: inline with one thread, else on a
@@ -181,13 +175,19 @@ class HashPool {
     bool changed = false;  // the file changed while it was read
     int read_error = 0;    // errno when it could not be read
     std::vector<Change> changes;
+    // A regular file found Valid: what it was found as, for the cache.
+    bool stamped = false;
+    bool from_cache = false;  // the cache vouched for it: not read
+    FileStamp stamp;
+    int64_t hashed_at = 0;  // the cache entry's, for a file from the cache
   };
 
   HashPool(unsigned threads, const Velk2Context* context, const FileProgress* on_file,
-           HashCounters* counters)
+           HashCounters* counters, int64_t racy_margin)
       : context_(context),
         on_file_(on_file),
         counters_(counters),
+        racy_margin_(racy_margin),
         threads_(std::max(threads, 1u)),
         limit_(32 * threads_) {
     // More than one thread: that many workers hash while the walk opens files.
@@ -213,6 +213,36 @@ class HashPool {
     }
     queue_.push_back(std::move(job));
     if (idle_ > 0) work_.notify_one();
+  }
+
+  // Whether |cached| vouches for the directory's |entry|, listed as |file|,
+  // as it stands: then |out| holds it, Valid, and it is not read. One look
+  // at it, never an open, so the walk asks before it submits anything: a
+  // file the cache vouches for costs what a stat costs. The symlink is
+  // looked at, never followed; anything but the regular file the entry
+  // describes is read as without a cache.
+  bool Vouch(const Descriptor& directory, const Listing::Entry& entry,
+             const ManifestFileEntry& file, const CacheEntry& cached, Outcome* out) {
+    struct stat st;
+    if (file.attributes.link ||
+        ::fstatat(directory.get(), entry.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      return false;
+    }
+    const FileStamp found = FileStampOf(st);
+    if (!CacheVouches(cached, found, EntryStampOf(file), racy_margin_)) return false;
+    // The entry was made only for a file that matched the same manifest
+    // entry; what the entry records of mode and owner is checked again all
+    // the same, as cheap as it is.
+    std::vector<Change> changes;
+    CompareMetadata(file.attributes, st, true, &changes);
+    if (!changes.empty()) return false;
+    out->status = VELK2_ENTRY_VALID;
+    out->stamped = true;
+    out->from_cache = true;
+    out->stamp = found;
+    out->hashed_at = cached.hashed_at;
+    if (counters_ != nullptr) counters_->files.fetch_add(1, std::memory_order_relaxed);
+    return true;
   }
 
   // Waits until every file submitted is hashed.
@@ -341,8 +371,12 @@ class HashPool {
                          HexString(digest, sizeof digest)});
     }
     CompareMetadata(recorded, before, true, &changes);
-    return hashed == VELK2_SUCCESS && !job.out->changed && changes.empty() ? VELK2_ENTRY_VALID
-                                                                           : VELK2_ENTRY_INVALID;
+    if (hashed != VELK2_SUCCESS || job.out->changed || !changes.empty()) {
+      return VELK2_ENTRY_INVALID;
+    }
+    job.out->stamped = true;
+    job.out->stamp = FileStampOf(before);
+    return VELK2_ENTRY_VALID;
   }
 
   // A symlink entry: the link itself, its target text hashed, never followed.
@@ -380,6 +414,7 @@ class HashPool {
   const Velk2Context* context_;
   const FileProgress* on_file_;
   HashCounters* counters_;
+  const int64_t racy_margin_;
   const size_t threads_;
   const size_t limit_;
   std::vector<uint8_t> block_;  // the inline path's read buffer
@@ -393,11 +428,17 @@ class HashPool {
 };
 
 class DiskWalk {
+  // For the cache: a file's path below the package, and its entry.
+  struct PendingEntry {
+    std::string path;
+    const ManifestFileEntry* file;
+  };
+
  public:
   DiskWalk(CompareResults* results, const Velk2Context* context, const DiskOptions& options)
       : results_(results),
         options_(options),
-        pool_(options.threads, context, options.on_file, options.counters) {}
+        pool_(options.threads, context, options.on_file, options.counters, options.racy_margin) {}
 
   // The walk, then the statuses that wait for hashing: files, then each
   // directory from the records below it (they all precede it).
@@ -405,12 +446,17 @@ class DiskWalk {
     const size_t first = results_->size();
     Level(root, std::move(package), 0, std::string(), 0);
     pool_.Finish();
-    for (const auto& [record, outcome] : files_) {
+    for (size_t i = 0; i < files_.size(); ++i) {
+      const auto& [record, outcome] = files_[i];
       CompareResult& found = (*results_)[record];
       found.status = outcome->status;
       found.changed_during = outcome->changed;
+      found.from_cache = outcome->from_cache;
       if (outcome->read_error != 0) found.read_error = outcome->read_error;
       found.changes = std::move(outcome->changes);
+      if (options_.recorded != nullptr && found.status == VELK2_ENTRY_VALID && outcome->stamped) {
+        Remember(cached_[i], outcome);
+      }
     }
     for (const auto& [record, begin] : directories_) {
       CompareResult& found = (*results_)[record];
@@ -489,7 +535,7 @@ class DiskWalk {
       results_->back().has_digest = true;
       results_->back().digest = file.digest;
       results_->back().read_error = unreadable;
-      if (files[i] != nullptr) SubmitFile(open_directory, *files[i], file);
+      if (files[i] != nullptr) SubmitFile(open_directory, *files[i], file, relative);
     }
 
     for (size_t i = 0; i < level.directories.size(); ++i) {
@@ -551,15 +597,35 @@ class DiskWalk {
         }
       }
     }
-    listing.DropIndex();
   }
 
-  // Hands the file of the record just made to the pool.
+  // Hands the file of the record just made to the pool; |relative| is its
+  // directory's path below the package.
   void SubmitFile(const std::shared_ptr<const Descriptor>& directory, const Listing::Entry& entry,
-                  const ManifestFileEntry& file) {
+                  const ManifestFileEntry& file, const std::string& relative) {
     outcomes_.emplace_back();
     files_.emplace_back(results_->size() - 1, &outcomes_.back());
+    const CacheEntry* cached = nullptr;
+    if (options_.cache != nullptr || options_.recorded != nullptr) {
+      std::string path = Below(relative, WideToFileName(file.name));
+      if (options_.cache != nullptr) cached = options_.cache->Find(path, &cache_next_);
+      cached_.push_back({std::move(path), &file});
+    }
+    if (cached != nullptr && pool_.Vouch(*directory, entry, file, *cached, &outcomes_.back())) {
+      return;
+    }
     pool_.Submit(directory, &entry, &file, &outcomes_.back());
+  }
+
+  // The cache entry of a file found Valid, unless it is racy: then it is
+  // read again next time, recorded only once its times lie in the past.
+  void Remember(PendingEntry& pending, const HashPool::Outcome* outcome) {
+    const int64_t hashed_at = outcome->from_cache ? outcome->hashed_at : options_.started;
+    if (!S_ISREG(outcome->stamp.mode) || Racy(outcome->stamp, hashed_at, options_.racy_margin)) {
+      return;
+    }
+    options_.recorded->push_back(
+        {std::move(pending.path), outcome->stamp, EntryStampOf(*pending.file), hashed_at});
   }
 
   void Record(std::u16string path, uint32_t status, bool is_directory, bool listed = true) {
@@ -572,6 +638,8 @@ class DiskWalk {
   std::deque<HashPool::Outcome> outcomes_;  // stable slots, written by the pool
   std::vector<std::pair<size_t, HashPool::Outcome*>> files_;  // record -> its outcome
   std::vector<std::pair<size_t, size_t>> directories_;        // record -> its first child record
+  std::vector<PendingEntry> cached_;  // beside files_, when the cache is used
+  size_t cache_next_ = 0;             // where the last lookup in the cache left off
   HashPool pool_;
 };
 

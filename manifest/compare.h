@@ -14,6 +14,7 @@
 #include "frame/context.h"
 #include "frame/result.h"
 #include "manifest/body.h"
+#include "manifest/cache.h"
 #include "manifest/patterns.h"
 #include "platform/progress.h"
 #include "velk2.h"
@@ -42,6 +43,7 @@ struct CompareResult {
   bool is_directory = false;
   bool listed = true;           // false for an entry found on disk only
   bool changed_during = false;  // a file that changed while it was read
+  bool from_cache = false;      // a Valid file the cache vouched for, not read
   // A listed file's digest, as its manifest states it (for a reader that
   // pairs missing and extra files).
   bool has_digest = false;
@@ -101,6 +103,15 @@ struct DiskOptions {
   // Entries these patterns match (paths relative to the package) are left
   // out, listed or not.
   const IgnorePatterns* patterns = nullptr;
+  // Incremental verification (manifest/cache.h): a regular file whose entry
+  // in |cache| vouches for it as it stands is Valid without being read.
+  // |recorded| (optional) receives an entry, dated |started| unless the
+  // cache's own was kept, for every regular file found Valid that is not
+  // racy; |started|: the moment the walk began, in the cache's clock.
+  const PackageCache* cache = nullptr;
+  std::vector<CacheEntry>* recorded = nullptr;
+  int64_t started = 0;
+  int64_t racy_margin = kRacyMargin;
 };
 Result CompareWithDisk(const ManifestDirectory& root, CompareResults* results,
                        const Velk2Context* context, const DiskOptions& options = {});

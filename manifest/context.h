@@ -11,6 +11,7 @@
 #include "frame/boundary.h"
 #include "frame/context.h"
 #include "frame/ref.h"
+#include "manifest/cache.h"
 #include "sexp/object.h"
 #include "velk2.h"
 
@@ -33,12 +34,17 @@ struct ManifestContext : velk2::Tagged<velk2::ClassTag::kManifestContext> {
   uint32_t hash_threads = 1;    // SetHashThreads: files hashed while the walk goes on
   uint32_t rollback_flags = 0;  // SetRollbackProtection: kRollbackProtect, kRollbackAllowOlder
   bool scan_root = false;       // SetScanPackageRoot: the package directory is scanned too
+  uint32_t cache_flags = 0;     // SetIncrementalCache: kCacheUse, kCacheForget
+  // How the cache is kept; null: as it is by default (tests set a clock).
+  std::shared_ptr<const velk2::CacheSettings> cache_settings;
   // Ignore patterns beyond those the manifest records (the tool's --ignore).
   std::vector<std::string> patterns;
   std::optional<std::u16string> extra_acl_directory;
   // The results: valid, invalid, missing, extra.
   velk2::FileItemList results[4];
   velk2::FileItemList ignored;
+  // What the cache did in the last verification.
+  velk2::CacheReport cache_report;
   // Set by each successful read of the manifest's header.
   velk2::Ref<velk2::SexpList> version;
   velk2::Ref<velk2::SexpList> type;

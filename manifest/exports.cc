@@ -13,6 +13,7 @@
 #include "frame/paths.h"
 #include "frame/text.h"
 #include "manifest/body.h"
+#include "manifest/cache.h"
 #include "manifest/compare.h"
 #include "manifest/context.h"
 #include "manifest/package.h"
@@ -182,6 +183,16 @@ VELK2_EXPORT VELK2_RESULT SetScanPackageRoot(ManifestContext* handle, uint32_t o
   ManifestContext* context = Checked(handle);
   if (context == nullptr) return VELK2_ERR_INVALID_PARAM;
   context->scan_root = on != 0;
+  return VELK2_SUCCESS;
+}
+
+// An extension: the design reads every file of every verification, and that
+// stays the default.
+VELK2_EXPORT VELK2_RESULT SetIncrementalCache(ManifestContext* handle, uint32_t on) {
+  if (handle == nullptr) return VELK2_ERR_PARAM_NULL;
+  ManifestContext* context = Checked(handle);
+  if (context == nullptr) return VELK2_ERR_INVALID_PARAM;
+  context->cache_flags = on != 0 ? kCacheUse : 0;
   return VELK2_SUCCESS;
 }
 

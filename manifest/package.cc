@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <future>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -9,6 +11,7 @@
 #include "frame/file_item.h"
 #include "frame/paths.h"
 #include "manifest/body.h"
+#include "manifest/cache.h"
 #include "manifest/patterns.h"
 #include "manifest/rollback.h"
 #include "platform/utf.h"
@@ -99,6 +102,82 @@ void CountFiles(const ManifestDirectory& level, size_t* files, uint64_t* bytes) 
   }
 }
 
+// Incremental verification around one comparison with the disk: the
+// package's cache read before it (unless forgotten), written after it when
+// the whole verification succeeded and the cache now says anything new.
+class IncrementalRun {
+ public:
+  explicit IncrementalRun(ManifestContext* context)
+      : context_(context),
+        settings_(context->cache_settings ? *context->cache_settings : CacheSettings()) {}
+
+  // Forgets the package's entries when asked, else starts reading them on
+  // a thread of their own while the manifest is read and verified: the
+  // cache does not depend on the manifest, and is trusted only once the
+  // manifest is.
+  void Start() {
+    CacheReport& report = context_->cache_report;
+    report = CacheReport{};
+    const uint32_t flags = context_->cache_flags;
+    if ((flags & (kCacheUse | kCacheForget)) == 0) return;
+    report.enabled = (flags & kCacheUse) != 0;
+    located_ = LocateCache(context_->package_directory, context_->manifest_path, settings_,
+                           &location_, &report.problem);
+    if (!located_) return;
+    report.directory = location_.directory;
+    if ((flags & kCacheForget) != 0) {
+      ForgetCache(location_, &report);
+      return;
+    }
+    if (!report.enabled) return;
+    auto load = [this] { LoadCache(location_, settings_, &cache_, &loaded_); };
+    try {
+      loading_ = std::async(std::launch::async, load);
+    } catch (const std::system_error&) {
+      load();  // no thread to be had: read it here
+    }
+  }
+
+  // Hands the comparison what it needs of the cache, once it is read.
+  void Before(DiskOptions* options) {
+    CacheReport& report = context_->cache_report;
+    if (loading_.valid()) loading_.get();
+    if (loaded_.loaded || !loaded_.problem.empty()) {
+      report.loaded = loaded_.loaded;
+      report.problem = loaded_.problem;
+    }
+    if (!report.enabled || !located_) return;
+    options->cache = cache_.size() > 0 ? &cache_ : nullptr;
+    options->recorded = &recorded_;
+    options->started = CacheNow(settings_);
+    options->racy_margin = settings_.racy_margin;
+  }
+
+  void After(const CompareResults& results, Result result) {
+    CacheReport& report = context_->cache_report;
+    for (const CompareResult& found : results) report.trusted += found.from_cache ? 1 : 0;
+    if (!report.enabled || !located_) return;
+    // Nothing is recorded of a package that did not verify.
+    if (result != VELK2_SUCCESS) return;
+    // Every entry was the cache's own and none went: the file holds them.
+    if (report.loaded && report.trusted == recorded_.size() && recorded_.size() == cache_.size()) {
+      report.recorded = recorded_.size();
+      return;
+    }
+    SaveCache(location_, settings_, recorded_, &report);
+  }
+
+ private:
+  ManifestContext* context_;
+  const CacheSettings settings_;
+  bool located_ = false;
+  CacheLocation location_;
+  PackageCache cache_;
+  CacheReport loaded_;  // what reading the cache found
+  std::future<void> loading_;
+  std::vector<CacheEntry> recorded_;
+};
+
 }  // namespace
 
 Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_after,
@@ -107,6 +186,8 @@ Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_a
   // order (read, then empty): a failed verification must never leave a
   // caller the "valid" entries of an earlier one.
   for (FileItemList& list : context->results) list.reset();
+  IncrementalRun incremental(context);
+  incremental.Start();
   ManifestFile file;
   Result result = ReadManifest(context, true, not_before, not_after, &file, report);
   if (result != VELK2_SUCCESS) return result;
@@ -136,10 +217,12 @@ Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_a
   options.patterns = patterns.empty() ? nullptr : &patterns;
   options.scan_root = context->scan_root;
   options.root_exception = ManifestNameInPackage(*context);
+  incremental.Before(&options);
   (void)CompareWithDisk(root, &results, context->library_context, options);
   result = CollectResults(results, context);
-  if (found != nullptr) *found = std::move(results);
   if (result == VELK2_ERR_EXTRA_FILES && !context->fail_on_extra) result = VELK2_SUCCESS;
+  incremental.After(results, result);
+  if (found != nullptr) *found = std::move(results);
   if (result == VELK2_SUCCESS) RecordRollback(rollback);
   return result;
 }

@@ -16,6 +16,7 @@
 #include "frame/file_item.h"
 #include "manifest/attributes.h"
 #include "manifest/body.h"
+#include "manifest/cache.h"
 #include "manifest/context.h"
 #include "manifest/package.h"
 #include "manifest/patterns.h"
@@ -241,6 +242,8 @@ Result VerifyPackage(const PackageRequest& request, PackageVerdict* out) {
   // The tool's default is the safe one: no package goes back in time.
   context.rollback_flags = kRollbackProtect | (request.allow_older ? kRollbackAllowOlder : 0);
   context.hash_threads = std::max(1u, std::min(request.threads, 64u));
+  context.cache_flags =
+      (request.incremental ? kCacheUse : 0) | (request.forget_cache ? kCacheForget : 0);
   Result result = ReadTagText(request.tag.c_str(), nullptr, &context.tag);
   if (result != VELK2_SUCCESS) {
     out->result = result;
@@ -282,6 +285,12 @@ Result VerifyPackage(const PackageRequest& request, PackageVerdict* out) {
   out->lists_from_store = report.lists_from_store;
   out->lists_embedded = report.embedded_lists.size();
   out->rollback = RollbackOf(report.rollback);
+  const CacheReport& cache = context.cache_report;
+  out->cache_trusted = cache.trusted;
+  out->cache_written = cache.written;
+  out->cache_forgotten = cache.forgotten;
+  out->cache_directory = cache.directory;
+  out->cache_problem = cache.problem;
 
   if (report.chain && report.acl && report.key) {
     ExplanationSources sources;

@@ -336,6 +336,11 @@ struct PackageRequest {
   bool scan_root = true;
   unsigned threads = 1;
   bool explain = false;
+  // Incremental verification: files the store's cache vouches for are not
+  // read, and the cache is written after success (manifest/cache.h).
+  bool incremental = false;
+  // The package's cache is forgotten first (with |incremental|, written anew).
+  bool forget_cache = false;
   // Called before the disk is read with the number of files listed and the
   // sizes they record, then after every file read with its size; |counters|
   // (optional) count bytes and files as they are read, for a caller that
@@ -375,6 +380,14 @@ struct PackageVerdict {
   Verdict signer;
   RollbackInfo rollback;
   TreeReport report;  // when the manifest verified and was not refused
+  // Incremental verification: files taken for valid from the cache without
+  // being read; whether the cache now holds this verification's entries;
+  // why it was not read or not written ("" when nothing went wrong).
+  size_t cache_trusted = 0;
+  bool cache_written = false;
+  bool cache_forgotten = false;
+  std::string cache_directory;
+  std::string cache_problem;
 };
 // VerifyPackage asks what VerifyManifest asks (with rollback protection, as
 // the tool always does) under the Global store set by Velk2GlobalDirectoryA,

@@ -17,3 +17,5 @@ add_test(NAME cli_conventions
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_conventions_test.sh $<TARGET_FILE:velk2_cli>)
 add_test(NAME cli_keys_passphrases_and_chain_order
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_keys_test.sh $<TARGET_FILE:velk2_cli>)
+add_test(NAME cli_incremental_verification
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cli_incremental_test.sh $<TARGET_FILE:velk2_cli>)

@@ -167,6 +167,27 @@ Json RollbackJson(const api::RollbackInfo& rollback) {
               {"read_only_store", rollback.read_only}};
 }
 
+// What incremental verification did, for --json ("problem": why the cache
+// was not read or not written).
+Json CacheJson(const api::PackageVerdict& verdict, bool incremental) {
+  return Json{
+      {"incremental", incremental},
+      {"trusted", verdict.cache_trusted},
+      {"written", verdict.cache_written},
+      {"forgotten", verdict.cache_forgotten},
+      {"directory", verdict.cache_directory},
+      {"problem", verdict.cache_problem.empty() ? Json(nullptr) : Json(verdict.cache_problem)}};
+}
+
+// The --explain line of incremental verification.
+void PrintCache(const api::PackageVerdict& verdict) {
+  std::string what = verdict.cache_written ? "; written" : "";
+  if (verdict.cache_forgotten) what += "; forgotten first";
+  if (!verdict.cache_problem.empty()) what += "; " + EscapeForDisplay(verdict.cache_problem);
+  std::printf("cache: %zu files trusted unread (%s)%s\n", verdict.cache_trusted,
+              EscapeForDisplay(verdict.cache_directory).c_str(), what.c_str());
+}
+
 // The --explain line of rollback protection.
 void PrintRollback(const api::RollbackInfo& rollback) {
   const std::string now = rollback.advanced
@@ -200,6 +221,8 @@ int RunVerify(const Args& args) {
   request.tag = tag_text;
   request.allow_extra = options.Has("allow-extra");
   request.allow_older = options.Has("allow-older");
+  request.incremental = options.Has("incremental");
+  request.forget_cache = options.Has("no-cache");
   if (int exit = ReadPatterns(options, kName, &request.ignore); exit != kExitOk) return exit;
   request.explain = ShowsReasons(options);
   // Files are hashed by one thread per core unless told otherwise.
@@ -294,6 +317,7 @@ int RunVerify(const Args& args) {
     out["revocation_lists"] =
         Json{{"store", verdict.lists_from_store}, {"embedded", verdict.lists_embedded}};
     out["rollback"] = RollbackJson(rollback);
+    out["cache"] = CacheJson(verdict, request.incremental);
   } else if (!refusal.empty()) {
     std::printf("manifest: refused: %s\n", refusal.c_str());
   } else if (revoked) {
@@ -327,6 +351,9 @@ int RunVerify(const Args& args) {
   }
   if (json) std::printf("%s\n", out.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
   if (!json && options.Has("explain") && rollback.checked) PrintRollback(rollback);
+  if (!json && options.Has("explain") && (request.incremental || request.forget_cache)) {
+    PrintCache(verdict);
+  }
   if (!refusal.empty()) return Fail(kExitFailure, kName, "the manifest is refused: " + refusal);
   if (revoked) {
     return Fail(kExitFailure, kName,

@@ -182,6 +182,12 @@ constexpr OptionSpec kVerify[] = {
     {"jobs", 'j', "N", false, false,
      "hash files on N threads (default: the configuration's jobs, else one per core); the "
      "report is the same for every N"},
+    {"incremental", 0, nullptr, false, false,
+     "take a file for valid unread while the store's cache (written after each verification "
+     "that succeeds) shows its inode, size, times, mode and manifest entry unchanged"},
+    {"no-cache", 0, nullptr, false, false,
+     "forget the package's cache first: every file is read (and, with --incremental, the cache "
+     "written anew)"},
     kExplain,
     kJson,
     kQuiet,
@@ -210,8 +216,9 @@ const std::span<const Command> Commands() {
        "sign a certificate and append it to FILE.cert (or put it first with --prepend); with "
        "--revocation-scope the certificate is good only while a revocation list of that scope "
        "clears it. A chain file holds its leaf certificate first, each next one granting the "
-       "issuer of the one before: a certificate that would break that order is refused and the "
-       "file kept",
+       "issuer of the one before: a certificate put behind one it grants to, or before one "
+       "that grants to it, is refused and the file kept (certificates of unrelated keys may "
+       "stand anywhere)",
        RunCertIssue, kCertIssue},
       {"cert show",
        "FILE",
