@@ -34,21 +34,6 @@ constexpr uint32_t kMaxPath = 4096;
 // The bytes of an entry beyond its path.
 constexpr size_t kFixedEntry = 2 + 3 * 8 + 2 * 8 + 3 * 4 + 1 + kDigestSize + 1 + 8 + 3 * 4 + 8;
 
-// A descriptor closed when it goes out of scope.
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : fd_(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 int64_t Nanoseconds(const struct timespec& time) {
   return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
 }

@@ -19,26 +19,12 @@
 #include "credentials/hash_value.h"
 #include "frame/paths.h"
 #include "frame/text.h"
+#include "platform/files.h"
 #include "platform/utf.h"
 
 namespace velk2 {
 
 namespace {
-
-// A descriptor closed when it goes out of scope.
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : fd_(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 std::u16string Join(const std::u16string& path, const std::u16string& name) {
   return BuildPath(path.empty() ? nullptr : path.c_str(), name.c_str());

@@ -3,6 +3,8 @@
 #ifndef VELK2_PLATFORM_FILES_H_
 #define VELK2_PLATFORM_FILES_H_
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -12,6 +14,21 @@
 #include "velk2.h"
 
 namespace velk2 {
+
+// A file descriptor closed when it goes out of scope (-1: none).
+class Descriptor {
+ public:
+  explicit Descriptor(int fd = -1) : fd_(fd) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
 
 // Stream open modes.
 enum class OpenMode : uint32_t { kWrite = 1, kRead = 2, kAppend = 3 };
