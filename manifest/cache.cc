@@ -30,7 +30,7 @@ constexpr std::string_view kSuffix = ".cache";
 constexpr std::string_view kTemporary = ".tmp-";
 // A key is two absolute paths; a path below the package is one path.
 constexpr uint32_t kMaxKey = 2 * 4096 + 1;
-constexpr uint32_t kMaxPath = 4096;
+constexpr uint32_t kMaxEntryPath = 4096;
 // The bytes of an entry beyond its path.
 constexpr size_t kFixedEntry = 2 + 3 * 8 + 2 * 8 + 3 * 4 + 1 + kDigestSize + 1 + 8 + 3 * 4 + 8;
 
@@ -103,7 +103,7 @@ void PutEntry(std::string* out, const CacheEntry& entry) {
 bool GetEntry(ByteCursor* cursor, int64_t written, CacheEntry* entry) {
   uint64_t length;
   const uint8_t* bytes = nullptr;
-  if (!GetInteger(cursor, 2, &length) || length == 0 || length > kMaxPath ||
+  if (!GetInteger(cursor, 2, &length) || length == 0 || length > kMaxEntryPath ||
       !cursor->Take(length, &bytes)) {
     return false;
   }
@@ -452,6 +452,8 @@ void LoadCache(const CacheLocation& location, const CacheSettings& settings, Pac
     report->problem = "the package's cache file is too large: ignored";
     return;
   }
+  report->loaded_file = {static_cast<int64_t>(st.st_dev), static_cast<int64_t>(st.st_ino),
+                         Nanoseconds(st.st_mtim)};
   std::string bytes(static_cast<size_t>(st.st_size), '\0');
   size_t done = 0;
   while (done < bytes.size()) {
@@ -470,7 +472,8 @@ void LoadCache(const CacheLocation& location, const CacheSettings& settings, Pac
 }
 
 void SaveCache(const CacheLocation& location, const CacheSettings& settings,
-               const std::vector<CacheEntry>& entries, CacheReport* report) {
+               const std::vector<CacheEntry>& all_entries, const CacheReport& loaded,
+               int64_t started, CacheReport* report) {
   report->directory = location.directory;
   FileLock lock;
   if (LockGlobalStore(&lock) != VELK2_SUCCESS) {
@@ -489,6 +492,20 @@ void SaveCache(const CacheLocation& location, const CacheSettings& settings,
     return;
   }
   const std::string name = FileName(location);
+  struct stat now;
+  const bool same_file =
+      loaded.loaded && ::fstatat(directory.get(), name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+      loaded.loaded_file == std::array<int64_t, 3>{static_cast<int64_t>(now.st_dev),
+                                                   static_cast<int64_t>(now.st_ino),
+                                                   Nanoseconds(now.st_mtim)};
+  std::vector<CacheEntry> entries;
+  entries.reserve(all_entries.size());
+  for (const CacheEntry& entry : all_entries) {
+    // A path the reader refuses would make the whole file unreadable.
+    if (entry.path.empty() || entry.path.size() > kMaxEntryPath) continue;
+    if (loaded.loaded && !same_file && entry.hashed_at < started) continue;
+    entries.push_back(entry);
+  }
   const size_t count = std::min<size_t>(entries.size(), settings.max_entries);
   // A clock set back since an entry was made must not make the file one
   // that no reader takes: it is dated no earlier than its entries.
@@ -521,7 +538,18 @@ void ForgetCache(const CacheLocation& location, CacheReport* report) {
     report->problem = "not forgotten: the store cannot be locked";
     return;
   }
-  if (::unlink(location.file.c_str()) == 0 || errno == ENOENT) {
+  std::string problem;
+  const Descriptor directory(OpenDirectory(location.directory, &problem));
+  if (directory.get() < 0) {
+    // No directory: nothing to forget; one that may not be used is left alone.
+    if (problem.empty()) {
+      report->forgotten = true;
+    } else {
+      report->problem = "not forgotten: " + problem;
+    }
+    return;
+  }
+  if (::unlinkat(directory.get(), FileName(location).c_str(), 0) == 0 || errno == ENOENT) {
     report->forgotten = true;
   } else {
     report->problem = "not forgotten: " + std::string(std::strerror(errno));

@@ -172,6 +172,10 @@ struct CacheReport {
   size_t recorded = 0;     // entries the cache now holds for the package
   std::string directory;
   std::string problem;  // why the cache was not read, or not written
+  // The file that was read (device, inode, modification time in ns): a
+  // writer that finds another in its place (forgotten or rewritten since)
+  // keeps none of the entries it carried over from it.
+  std::array<int64_t, 3> loaded_file{};
 };
 
 // The package's cache: the directory, the key and the file's name.
@@ -193,13 +197,18 @@ void LoadCache(const CacheLocation& location, const CacheSettings& settings, Pac
                CacheReport* report);
 
 // SaveCache writes |entries| as the package's cache (at most max_entries of
-// them), then drops the files written longest ago while the directory holds
-// more than max_bytes. Under the store's lock; never fails the verification:
-// what went wrong is the report's problem.
+// them, none whose path a reader would refuse), then drops the files
+// written longest ago while the directory holds more than max_bytes. When
+// the file |loaded| read is no longer there as it was, only the entries
+// hashed since |started| are written: what was carried over may have been
+// forgotten meanwhile. Under the store's lock; never fails the
+// verification: what went wrong is the report's problem.
 void SaveCache(const CacheLocation& location, const CacheSettings& settings,
-               const std::vector<CacheEntry>& entries, CacheReport* report);
+               const std::vector<CacheEntry>& entries, const CacheReport& loaded, int64_t started,
+               CacheReport* report);
 
-// ForgetCache removes the package's cache file, under the store's lock.
+// ForgetCache removes the package's cache file, under the store's lock,
+// from the cache directory only when it may be used.
 void ForgetCache(const CacheLocation& location, CacheReport* report);
 
 }  // namespace velk2

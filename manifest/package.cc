@@ -149,7 +149,7 @@ class IncrementalRun {
     if (!report.enabled || !located_) return;
     options->cache = cache_.size() > 0 ? &cache_ : nullptr;
     options->recorded = &recorded_;
-    options->started = CacheNow(settings_);
+    options->started = started_ = CacheNow(settings_);
     options->racy_margin = settings_.racy_margin;
   }
 
@@ -164,7 +164,7 @@ class IncrementalRun {
       report.recorded = recorded_.size();
       return;
     }
-    SaveCache(location_, settings_, recorded_, &report);
+    SaveCache(location_, settings_, recorded_, loaded_, started_, &report);
   }
 
  private:
@@ -176,6 +176,7 @@ class IncrementalRun {
   CacheReport loaded_;  // what reading the cache found
   std::future<void> loading_;
   std::vector<CacheEntry> recorded_;
+  int64_t started_ = 0;  // when the comparison with the disk began
 };
 
 }  // namespace

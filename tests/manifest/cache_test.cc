@@ -461,6 +461,65 @@ TEST_F(Cache, NothingIsRecordedOfAFailureAndForgettingReadsEverything) {
   EXPECT_TRUE(Verify().trusted.empty());
 }
 
+// A writer keeps to what its readers take, and to what the user asked:
+// no entry a reader would refuse, no entry carried over from a file that
+// was forgotten meanwhile, and no forgetting outside a usable directory.
+TEST_F(Cache, AWriterKeepsToWhatReadersTakeAndWhatWasForgotten) {
+  Sign();
+  CacheLocation location;
+  std::string problem;
+  ASSERT_TRUE(LocateCache(Utf8ToUtf16(Pkg()), Utf8ToUtf16(Pkg("manifest")), *settings_, &location,
+                          &problem))
+      << problem;
+  auto entry = [](const std::string& path, int64_t hashed_at) {
+    CacheEntry made;
+    made.path = path;
+    made.file.device = 1;
+    made.file.inode = static_cast<uint64_t>(hashed_at);
+    made.file.mode = S_IFREG | 0644;
+    made.hashed_at = hashed_at;
+    return made;
+  };
+  const int64_t old_run = now_ - 20 * kSecond, this_run = now_ - 5 * kSecond;
+  CacheReport none, saved;
+  SaveCache(location, *settings_,
+            {entry("old.txt", old_run), entry(std::string(5000, 'd') + "/deep", old_run)}, none,
+            old_run, &saved);
+  ASSERT_TRUE(saved.written) << saved.problem;
+  PackageCache cache;
+  CacheReport loaded;
+  LoadCache(location, *settings_, &cache, &loaded);
+  ASSERT_TRUE(loaded.loaded) << loaded.problem;  // the deep path was left out, not written
+  EXPECT_EQ(cache.size(), 1u);
+
+  // Forgotten while a run that read the cache went on: that run writes
+  // only what it hashed itself.
+  CacheReport forgot;
+  ForgetCache(location, &forgot);
+  ASSERT_TRUE(forgot.forgotten) << forgot.problem;
+  SaveCache(location, *settings_, {entry("old.txt", old_run), entry("new.txt", this_run)}, loaded,
+            this_run, &saved);
+  LoadCache(location, *settings_, &cache, &loaded);
+  ASSERT_EQ(cache.size(), 1u);
+  EXPECT_EQ(cache.Find("old.txt"), nullptr);
+  EXPECT_NE(cache.Find("new.txt"), nullptr);
+  // The file as it was read: what was carried over stays.
+  SaveCache(location, *settings_, {entry("old.txt", old_run), entry("new.txt", this_run)}, loaded,
+            this_run, &saved);
+  LoadCache(location, *settings_, &cache, &loaded);
+  EXPECT_EQ(cache.size(), 2u);
+
+  // A cache directory replaced by a link elsewhere: nothing there is removed.
+  const std::string real = dir_.Sub("store/cache.real");
+  fs::rename(location.directory, real);
+  fs::create_directory_symlink(real, location.directory);
+  CacheReport refused;
+  ForgetCache(location, &refused);
+  EXPECT_FALSE(refused.forgotten);
+  EXPECT_FALSE(refused.problem.empty());
+  EXPECT_TRUE(fs::exists(real + "/" + fs::path(location.file).filename().string()));
+}
+
 // Only a directory no one else may write holds a cache that is trusted;
 // and the cache file itself must be ours alone to write.
 TEST_F(Cache, ACacheOthersMayWriteIsRefused) {
