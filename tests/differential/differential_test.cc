@@ -157,12 +157,9 @@ TEST_F(Differential, TagTextsGetTheSameVerdicts) {
   // (Plain tags, narrower and broader ones, are asked of each chain below.
   // An empty text is no question to the tool, a usage mistake, while the
   // C interface reads it: it is left out.)
-  const char* const kTags[] = {"(pkg \"install\")",
-                               " ( pkg  install ) ",
-                               "(tag (pkg install))",
-                               "(3:pkg7:install)",
-                               "(pkg (* set install update))",
-                               "(pkg"};
+  const char* const kTags[] = {
+      "(pkg \"install\")", " ( pkg  install ) ",           "(tag (pkg install))",
+      "(3:pkg7:install)",  "(pkg (* set install update))", "(pkg"};
   size_t verified = 0, refused = 0, unreadable = 0;
   for (const char* tag : kTags) {
     SCOPED_TRACE(std::string("tag '") + tag + "'");
