@@ -506,18 +506,12 @@ void SaveCache(const CacheLocation& location, const CacheSettings& settings,
     if (loaded.loaded && !same_file && entry.hashed_at < started) continue;
     entries.push_back(entry);
   }
-  const size_t count = std::min<size_t>(entries.size(), settings.max_entries);
+  entries.resize(std::min<size_t>(entries.size(), settings.max_entries));
   // A clock set back since an entry was made must not make the file one
   // that no reader takes: it is dated no earlier than its entries.
   int64_t written = CacheNow(settings);
-  for (size_t i = 0; i < count; ++i) written = std::max(written, entries[i].hashed_at);
-  std::string bytes;
-  if (count == entries.size()) {
-    bytes = CacheFileBytes(location.key, written, entries);
-  } else {
-    bytes = CacheFileBytes(location.key, written,
-                           std::vector<CacheEntry>(entries.begin(), entries.begin() + count));
-  }
+  for (const CacheEntry& entry : entries) written = std::max(written, entry.hashed_at);
+  const std::string bytes = CacheFileBytes(location.key, written, entries);
   if (bytes.size() > settings.max_bytes) {
     ::unlinkat(directory.get(), name.c_str(), 0);
     report->problem = "not written: the package's entries exceed the cache's size";
@@ -528,7 +522,7 @@ void SaveCache(const CacheLocation& location, const CacheSettings& settings,
     return;
   }
   report->written = true;
-  report->recorded = count;
+  report->recorded = entries.size();
   Prune(directory.get(), name, settings.max_bytes);
 }
 

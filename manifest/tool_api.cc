@@ -271,7 +271,6 @@ Result VerifyPackage(const PackageRequest& request, PackageVerdict* out) {
   report.trace = &trace;
   std::string reduced;
   report.reduced_acl = &reduced;
-  if (request.on_file) report.on_file = request.on_file;
   CompareResults found;
   report.on_start = request.on_start;
   report.counters = request.counters;

@@ -342,11 +342,9 @@ struct PackageRequest {
   // The package's cache is forgotten first (with |incremental|, written anew).
   bool forget_cache = false;
   // Called before the disk is read with the number of files listed and the
-  // sizes they record, then after every file read with its size; |counters|
-  // (optional) count bytes and files as they are read, for a caller that
-  // shows progress from another thread.
+  // sizes they record; |counters| (optional) count bytes and files as they
+  // are read, for a caller that shows progress from another thread.
   std::function<void(size_t files, uint64_t bytes)> on_start;
-  std::function<void(uint64_t bytes)> on_file;
   HashCounters* counters = nullptr;
 };
 

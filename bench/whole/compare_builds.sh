@@ -23,12 +23,9 @@ dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 cd "$dir"
 
-mkdir -p store/acl
+source "$here/authority.sh"
 bash "$here/make_tree.sh" "$files" "$kib"
-"$new" key new --type rsa --out root >/dev/null
-"$new" key new --type rsa --out signer >/dev/null
-"$new" acl add --subject root.pub --tag '(pkg)' --propagate --out store/acl/root.acl >/dev/null
-"$new" cert issue --issuer root.pem --subject signer.pub --tag '(pkg install)' --out chain.cert >/dev/null
+authority "$new"
 for build in old new; do
   "${!build}" manifest sign pkg --key signer.pem --chain chain.cert --tag '(pkg install)' \
     --out "$build.manifest" >/dev/null

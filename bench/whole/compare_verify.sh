@@ -26,12 +26,9 @@ dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 cd "$dir"
 
-mkdir -p store/acl
+source "$here/authority.sh"
 bash "$here/make_tree.sh" "$files" "$kib"
-"$velk2" key new --type rsa --out root >/dev/null
-"$velk2" key new --type rsa --out signer >/dev/null
-"$velk2" acl add --subject root.pub --tag '(pkg)' --propagate --out store/acl/root.acl >/dev/null
-"$velk2" cert issue --issuer root.pem --subject signer.pub --tag '(pkg install)' --out chain.cert >/dev/null
+authority "$velk2"
 "$velk2" manifest sign pkg --key signer.pem --chain chain.cert --tag '(pkg install)' --out manifest >/dev/null
 (cd pkg && find . -type f -print0 | sort -z | xargs -0 sha256sum) >sums
 find pkg -type f -print0 | sort -z >list

@@ -28,12 +28,8 @@ dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 cd "$dir"
 
-"$velk2" key new --type rsa --out root >/dev/null
-"$velk2" key new --type rsa --out signer >/dev/null
-mkdir -p store/acl
-"$velk2" acl add --subject root.pub --tag '(pkg)' --propagate --out store/acl/root.acl >/dev/null
-"$velk2" cert issue --issuer root.pem --subject signer.pub --tag '(pkg install)' \
-  --out chain.cert >/dev/null
+source "$here/authority.sh"
+authority "$velk2"
 
 # A tree in ./NAME, signed: FILES files of KIB KiB (make_tree.sh writes ./pkg).
 make_package() {  # name files kib

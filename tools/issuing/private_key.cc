@@ -24,6 +24,7 @@
 
 #include "platform/files.h"
 #include "platform/utf.h"
+#include "tools/issuing/small_file.h"
 
 namespace velk2::issuing {
 namespace {
@@ -369,45 +370,27 @@ VELK2_RESULT PrivateKey::SignDigest(const std::string& algorithm, uint32_t hash_
 VELK2_RESULT ReadPassphraseFile(const std::string& path, std::string* passphrase,
                                 std::string* problem) {
   const std::string shown = EscapeForDisplay(path);
-  // Opened without blocking: a FIFO named as the file fails at once.
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) {
-    *problem = "cannot read the passphrase file " + shown + ": " + std::strerror(errno);
-    return VELK2_ERR_FILE_OPEN;
-  }
   std::string bytes;
   VELK2_RESULT r = VELK2_SUCCESS;
-  struct stat st {};
-  if (::fstat(fd, &st) != 0) {
-    *problem = "cannot read the passphrase file " + shown + ": " + std::strerror(errno);
-    r = VELK2_ERR_FILE_OPEN;
-  } else if (!S_ISREG(st.st_mode)) {
-    *problem = "the passphrase file " + shown + " is not a regular file";
-    r = VELK2_ERR_INVALID_PARAM;
-  } else {
-    // One byte more than allowed tells a file that grew while read.
-    bytes.resize(kMaxPassphraseFileSize + 1);
-    size_t filled = 0;
-    while (filled < bytes.size()) {
-      const ssize_t n = ::read(fd, bytes.data() + filled, bytes.size() - filled);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        *problem = "cannot read the passphrase file " + shown + ": " + std::strerror(errno);
-        r = VELK2_ERR_FILE_OPEN;
-        break;
-      }
-      if (n == 0) break;
-      filled += static_cast<size_t>(n);
-    }
-    if (r == VELK2_SUCCESS && filled > kMaxPassphraseFileSize) {
+  int error_number = 0;
+  switch (ReadSmallFile(path, kMaxPassphraseFileSize, &bytes, &error_number)) {
+    case SmallFileProblem::kNone:
+      break;
+    case SmallFileProblem::kSystem:
+      *problem = "cannot read the passphrase file " + shown + ": " + std::strerror(error_number);
+      r = VELK2_ERR_FILE_OPEN;
+      break;
+    case SmallFileProblem::kNotRegular:
+      *problem = "the passphrase file " + shown + " is not a regular file";
+      r = VELK2_ERR_INVALID_PARAM;
+      break;
+    case SmallFileProblem::kTooLarge:
       *problem = "the passphrase file " + shown + " is larger than " +
                  std::to_string(kMaxPassphraseFileSize / 1024) +
                  " KiB: it should hold the passphrase on its first line";
       r = VELK2_ERR_INVALID_PARAM;
-    }
-    bytes.resize(filled);
+      break;
   }
-  ::close(fd);
   if (r == VELK2_SUCCESS) {
     std::string line = bytes.substr(0, bytes.find('\n'));
     if (!line.empty() && line.back() == '\r') line.pop_back();

@@ -249,6 +249,21 @@ int RunVerify(const Args& args) {
   if (request.not_before != 0 && request.not_after != 0 && request.not_before > request.not_after) {
     return UsageError(kName, "--not-before is after --not-after");
   }
+  // One date alone is paired with the time of signing, which only the
+  // manifest tells: a period that then ends before it starts asks nothing,
+  // and is refused before any file is read or any record written.
+  if ((request.not_before != 0) != (request.not_after != 0)) {
+    api::ManifestInfo manifest;
+    int64_t signed_at = 0;
+    if (api::DescribeManifest(request.manifest, &manifest) == VELK2_SUCCESS &&
+        issuing::ParseDate(manifest.time_of_signing, &signed_at) == VELK2_SUCCESS &&
+        (request.not_before > signed_at ||
+         (request.not_after != 0 && request.not_after < signed_at))) {
+      return UsageError(kName,
+                        "the period asked about ends before it starts: the manifest was signed " +
+                            manifest.time_of_signing + "; give both --not-before and --not-after");
+    }
+  }
   if (options.Has("progress") && options.Has("no-progress")) {
     return UsageError(kName, "--progress and --no-progress exclude each other");
   }
@@ -262,17 +277,6 @@ int RunVerify(const Args& args) {
   const Result result = api::VerifyPackage(request, &verdict);
   progress.Stop();
   const bool json = options.Has("json");
-  // One date alone is paired with the time of signing, which only the
-  // manifest tells: a period that then ends before it starts asked nothing.
-  int64_t signed_at = 0;
-  if ((request.not_before != 0) != (request.not_after != 0) &&
-      issuing::ParseDate(verdict.time_of_signing, &signed_at) == VELK2_SUCCESS &&
-      (request.not_before > signed_at ||
-       (request.not_after != 0 && request.not_after < signed_at))) {
-    return UsageError(kName,
-                      "the period asked about ends before it starts: the manifest was signed " +
-                          verdict.time_of_signing + "; give both --not-before and --not-after");
-  }
   // A mistake in the question is no verdict on the package.
   if (!verdict.input_problem.empty()) {
     const std::string& what = verdict.input_problem;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/utf.h"
+#include "tools/issuing/small_file.h"
 #include "tools/velk2/commands.h"
 #include "tools/velk2/support.h"
 
@@ -19,7 +20,7 @@ namespace {
 
 constexpr const char* kSystemConfig = "/etc/velk2/velk2.conf";
 constexpr const char* kDefaultStore = "/etc/velk2";
-constexpr off_t kMaxConfig = 64 * 1024;
+constexpr size_t kMaxConfig = 64 * 1024;
 
 std::string Trimmed(const std::string& text) {
   const size_t first = text.find_first_not_of(" \t\r");
@@ -33,29 +34,14 @@ std::string Trimmed(const std::string& text) {
 // runs under setpriv or sudo), which is no error for the files looked for
 // by default.
 bool ReadSmallFile(const std::string& path, std::string* out, std::string* error, bool* absent) {
-  *absent = false;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    *absent = errno == ENOENT || errno == ENOTDIR ||
-              (errno == EACCES && ::access(path.c_str(), F_OK) != 0);
-    *error = std::strerror(errno);
-    return false;
-  }
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxConfig) {
-    ::close(fd);
-    *error = S_ISREG(st.st_mode) ? "larger than 64 KiB" : "not a regular file";
-    return false;
-  }
-  out->resize(static_cast<size_t>(st.st_size));
-  const ssize_t got = ::read(fd, out->data(), out->size());
-  ::close(fd);
-  if (got < 0) {
-    *error = std::strerror(errno);
-    return false;
-  }
-  out->resize(static_cast<size_t>(got));
-  return true;
+  int error_number = 0;
+  const issuing::SmallFileProblem problem =
+      issuing::ReadSmallFile(path, kMaxConfig, out, &error_number);
+  *absent = problem == issuing::SmallFileProblem::kSystem &&
+            (error_number == ENOENT || error_number == ENOTDIR ||
+             (error_number == EACCES && ::access(path.c_str(), F_OK) != 0));
+  *error = issuing::SmallFileProblemText(problem, error_number, kMaxConfig);
+  return problem == issuing::SmallFileProblem::kNone;
 }
 
 // Reads the settings of |text| (the file |path|) into |config|, a later

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "platform/utf.h"
+#include "tools/issuing/small_file.h"
 #include "tools/velk2/messages.h"
 #include "tools/velk2/support.h"
 
@@ -87,26 +88,20 @@ bool FileExists(const std::string& path) {
 // regular file of at most 1 MiB is read: a FIFO named by mistake fails at
 // once instead of blocking.
 int ReadPatterns(const Options& options, const char* command, std::vector<std::string>* out) {
-  constexpr off_t kMaxPatternFile = 1 << 20;
+  constexpr size_t kMaxPatternFile = 1 << 20;
   *out = options.GetAll("ignore");
   for (const std::string& file : options.GetAll("ignore-from")) {
     const auto refuse = [&](const std::string& why) {
       return Fail(kExitUsage, command,
                   "--ignore-from: cannot read " + EscapeForDisplay(file) + ": " + why);
     };
-    const int fd = ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return refuse(std::strerror(errno));
-    struct stat st {};
     std::string text;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxPatternFile) {
-      ::close(fd);
-      return refuse(S_ISREG(st.st_mode) ? "larger than 1 MiB" : "not a regular file");
+    int error_number = 0;
+    const issuing::SmallFileProblem problem =
+        issuing::ReadSmallFile(file, kMaxPatternFile, &text, &error_number);
+    if (problem != issuing::SmallFileProblem::kNone) {
+      return refuse(issuing::SmallFileProblemText(problem, error_number, kMaxPatternFile));
     }
-    text.resize(static_cast<size_t>(st.st_size));
-    const ssize_t got = ::read(fd, text.data(), text.size());
-    ::close(fd);
-    if (got < 0) return refuse(std::strerror(errno));
-    text.resize(static_cast<size_t>(got));
     for (size_t at = 0; at < text.size();) {
       size_t end = text.find('\n', at);
       if (end == std::string::npos) end = text.size();
