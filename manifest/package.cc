@@ -220,7 +220,7 @@ Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_a
   options.root_exception = ManifestNameInPackage(*context);
   incremental.Before(&options);
   (void)CompareWithDisk(root, &results, context->library_context, options);
-  result = CollectResults(results, context);
+  result = found != nullptr ? SummaryCode(results) : CollectResults(results, context);
   if (result == VELK2_ERR_EXTRA_FILES && !context->fail_on_extra) result = VELK2_SUCCESS;
   incremental.After(results, result);
   if (found != nullptr) *found = std::move(results);
@@ -250,7 +250,7 @@ Result ComparePackages(ManifestContext* context, const char16_t* other_path,
   PatternsOf(*context, &patterns);
   CompareResults results;
   (void)CompareDirectories(root_a, root_b, &results, patterns.empty() ? nullptr : &patterns);
-  result = CollectResults(results, context);
+  result = found != nullptr ? SummaryCode(results) : CollectResults(results, context);
   if (found != nullptr) *found = std::move(results);
   return result;
 }

@@ -1,6 +1,7 @@
 // What the manifest exports do with a context: verify the package against
 // its manifest, or compare two manifests; the results go to the context's
-// four lists (and, for a caller that reports them, in the order found).
+// four lists, or, for a caller that takes them in the order found
+// (|found|), to it alone: the lists are then left empty.
 #ifndef VELK2_MANIFEST_PACKAGE_H_
 #define VELK2_MANIFEST_PACKAGE_H_
 
@@ -20,8 +21,9 @@ enum ResultList { kResultValid, kResultInvalid, kResultMissing, kResultExtra };
 // when it fails); rollback protection when the context asks for it
 // (CheckRollback's codes); then the body against the package directory,
 // with the context's ignored entries, refilling the lists (each in the
-// reverse order of discovery). 22, 5, 74 (0 unless the context fails on
-// extra entries), 0; after 0, the rollback record is brought up to date.
+// reverse order of discovery) unless |found| takes the results. 22, 5, 74
+// (0 unless the context fails on extra entries), 0; after 0, the rollback
+// record is brought up to date.
 Result VerifyPackage(ManifestContext* context, int64_t not_before, int64_t not_after,
                      ManifestReport* report = nullptr, CompareResults* found = nullptr);
 

@@ -97,7 +97,9 @@ const char* StatusWord(uint32_t status) {
 }
 
 // The report of a comparison: |base| is cut from the front of every path.
-TreeReport MakeReport(CompareResults* results, const std::u16string& base, bool hash_extras) {
+// Valid entries are only counted unless |list_valid|.
+TreeReport MakeReport(CompareResults* results, const std::u16string& base, bool hash_extras,
+                      bool list_valid = true) {
   TreeReport report;
   const std::vector<size_t> moved = FindMoves(results, hash_extras);
   std::vector<bool> moved_to(results->size(), false);
@@ -116,6 +118,11 @@ TreeReport MakeReport(CompareResults* results, const std::u16string& base, bool 
   };
   for (size_t i = 0; i < results->size(); ++i) {
     const CompareResult& found = (*results)[i];
+    if (!list_valid && found.status == VELK2_ENTRY_VALID) {
+      // Never part of a move; a listed directory is counted by its files.
+      if (!found.is_directory) ++report.counts.valid;
+      continue;
+    }
     // A directory that could not be listed has a record of its own ahead
     // of the one every directory gets: one line says it.
     if (found.is_directory && i + 1 < results->size() && (*results)[i + 1].is_directory &&
@@ -316,7 +323,9 @@ Result VerifyPackage(const PackageRequest& request, PackageVerdict* out) {
       ExplainRevocation(sources, signer, &out->signer.explanation);
     }
   }
-  if (out->verified) out->report = MakeReport(&found, context.package_directory, true);
+  if (out->verified) {
+    out->report = MakeReport(&found, context.package_directory, true, request.list_valid);
+  }
   return result;
 }
 

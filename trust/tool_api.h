@@ -336,6 +336,8 @@ struct PackageRequest {
   bool scan_root = true;
   unsigned threads = 1;
   bool explain = false;
+  // Valid entries are in the report's entries too; false: only counted.
+  bool list_valid = true;
   // Incremental verification: files the store's cache vouches for are not
   // read, and the cache is written after success (manifest/cache.h).
   bool incremental = false;

@@ -273,10 +273,12 @@ int RunVerify(const Args& args) {
     request.counters = progress.counters();
   }
 
+  const bool json = options.Has("json");
+  // Lines are printed only for what is not valid; --json lists everything.
+  request.list_valid = json;
   api::PackageVerdict verdict;
   const Result result = api::VerifyPackage(request, &verdict);
   progress.Stop();
-  const bool json = options.Has("json");
   // A mistake in the question is no verdict on the package.
   if (!verdict.input_problem.empty()) {
     const std::string& what = verdict.input_problem;
