@@ -175,64 +175,49 @@ class HashPool {
         counters_(counters),
         racy_margin_(racy_margin),
         threads_(std::max(threads, 1u)),
-        limit_(32 * threads_) {
+        limit_(std::max<size_t>(32 * threads_, 2 * kBatch)) {
     // More than one thread: that many workers hash while the walk opens files.
     for (unsigned i = 0; threads > 1 && i < threads; ++i) workers_.emplace_back([this] { Work(); });
   }
   ~HashPool() { Finish(); }
 
-  // Reads the directory's |entry| and hashes it against |file| into |out|.
+  // Reads the directory's |entry| and hashes it against |file| into |out|,
+  // unless |cached| (optional) vouches for it as it stands. With workers the
+  // job waits in the walk's batch until Flush or until the batch is full:
+  // the queue's lock is taken once a batch, and the workers woken once.
   void Submit(std::shared_ptr<const Descriptor> directory, const Listing::Entry* entry,
-              const ManifestFileEntry* file, Outcome* out) {
-    Job job{std::move(directory), entry, file, out};
+              const ManifestFileEntry* file, const CacheEntry* cached, Outcome* out) {
+    Job job{std::move(directory), entry, file, cached, out};
     if (workers_.empty()) {
       Run(job, &block_);
       return;
     }
-    std::unique_lock<std::mutex> lock(mutex_);
-    // A bounded queue (every job holds its directory open). A full queue
-    // waits until it is half empty: one wake-up per many files, not per file.
-    if (queue_.size() >= limit_) {
-      walk_waits_ = true;
-      space_.wait(lock, [this] { return queue_.size() <= limit_ / 2; });
-      walk_waits_ = false;
-    }
-    queue_.push_back(std::move(job));
-    if (idle_ > 0) work_.notify_one();
+    batch_.push_back(std::move(job));
+    if (batch_.size() >= kBatch) Flush();
   }
 
-  // Whether |cached| vouches for the directory's |entry|, listed as |file|,
-  // as it stands: then |out| holds it, Valid, and it is not read. One look
-  // at it, never an open, so the walk asks before it submits anything: a
-  // file the cache vouches for costs what a stat costs. The symlink is
-  // looked at, never followed; anything but the regular file the entry
-  // describes is read as without a cache.
-  bool Vouch(const Descriptor& directory, const Listing::Entry& entry,
-             const ManifestFileEntry& file, const CacheEntry& cached, Outcome* out) {
-    struct stat st;
-    if (file.attributes.link ||
-        ::fstatat(directory.get(), entry.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-      return false;
+  // Hands the walk's batch to the workers.
+  void Flush() {
+    if (batch_.empty()) return;
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      // A bounded queue (every job holds its directory open). A full queue
+      // waits until it is half empty: one wake-up per many files, not per file.
+      if (queue_.size() >= limit_) {
+        walk_waits_ = true;
+        space_.wait(lock, [this] { return queue_.size() <= limit_ / 2; });
+        walk_waits_ = false;
+      }
+      for (Job& job : batch_) queue_.push_back(std::move(job));
+      batch_.clear();
+      if (idle_ == 0) return;
     }
-    const FileStamp found = FileStampOf(st);
-    if (!CacheVouches(cached, found, EntryStampOf(file), racy_margin_)) return false;
-    // The entry was made only for a file that matched the same manifest
-    // entry; what the entry records of mode and owner is checked again all
-    // the same, as cheap as it is.
-    std::vector<Change> changes;
-    CompareMetadata(file.attributes, st, true, &changes);
-    if (!changes.empty()) return false;
-    out->status = VELK2_ENTRY_VALID;
-    out->stamped = true;
-    out->from_cache = true;
-    out->stamp = found;
-    out->hashed_at = cached.hashed_at;
-    if (counters_ != nullptr) counters_->files.fetch_add(1, std::memory_order_relaxed);
-    return true;
+    work_.notify_all();
   }
 
   // Waits until every file submitted is hashed.
   void Finish() {
+    Flush();
     {
       std::lock_guard<std::mutex> lock(mutex_);
       done_ = true;
@@ -247,8 +232,40 @@ class HashPool {
     std::shared_ptr<const Descriptor> directory;  // open until its last file is read
     const Listing::Entry* entry;                  // lives as long as the walk
     const ManifestFileEntry* file;
+    const CacheEntry* cached;  // null: no entry of the cache to ask
     Outcome* out;
   };
+  static constexpr size_t kBatch = 128;
+
+  // Whether the job's cache entry vouches for its file as it stands: then
+  // the outcome holds it, Valid, and it is not read. One look at it, never
+  // an open: a file the cache vouches for costs what a stat costs. The
+  // symlink is looked at, never followed; anything but the regular file the
+  // entry describes is read as without a cache.
+  bool Vouch(const Job& job) {
+    const ManifestFileEntry& file = *job.file;
+    Outcome* out = job.out;
+    struct stat st;
+    if (file.attributes.link ||
+        ::fstatat(job.directory->get(), job.entry->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      return false;
+    }
+    const FileStamp found = FileStampOf(st);
+    if (!CacheVouches(*job.cached, found, EntryStampOf(file), racy_margin_)) return false;
+    // The entry was made only for a file that matched the same manifest
+    // entry; what the entry records of mode and owner is checked again all
+    // the same, as cheap as it is.
+    std::vector<Change> changes;
+    CompareMetadata(file.attributes, st, true, &changes);
+    if (!changes.empty()) return false;
+    out->status = VELK2_ENTRY_VALID;
+    out->stamped = true;
+    out->from_cache = true;
+    out->stamp = found;
+    out->hashed_at = job.cached->hashed_at;
+    if (counters_ != nullptr) counters_->files.fetch_add(1, std::memory_order_relaxed);
+    return true;
+  }
 
   void Work() {
     std::vector<uint8_t> block;
@@ -278,7 +295,10 @@ class HashPool {
     }
   }
 
-  void Run(const Job& job, std::vector<uint8_t>* block) { job.out->status = Read(job, block); }
+  void Run(const Job& job, std::vector<uint8_t>* block) {
+    if (job.cached != nullptr && Vouch(job)) return;
+    job.out->status = Read(job, block);
+  }
 
   // The file's status. Only what the directory says is a regular file is
   // opened without a look first: a device is never touched, a FIFO never
@@ -408,6 +428,7 @@ class HashPool {
   std::mutex mutex_, progress_mutex_;
   std::condition_variable work_, space_;
   std::deque<Job> queue_;
+  std::vector<Job> batch_;   // the walk's, not yet queued
   size_t idle_ = 0;          // workers waiting for work
   bool walk_waits_ = false;  // the walk waits for room in the queue
   bool done_ = false;
@@ -597,10 +618,7 @@ class DiskWalk {
       if (options_.cache != nullptr) cached = options_.cache->Find(path, &cache_next_);
       cached_.push_back({std::move(path), &file});
     }
-    if (cached != nullptr && pool_.Vouch(*directory, entry, file, *cached, &outcomes_.back())) {
-      return;
-    }
-    pool_.Submit(directory, &entry, &file, &outcomes_.back());
+    pool_.Submit(directory, &entry, &file, cached, &outcomes_.back());
   }
 
   // The cache entry of a file found Valid, unless it is racy: then it is
