@@ -27,7 +27,11 @@ namespace velk2 {
 namespace {
 
 std::u16string Join(const std::u16string& path, const std::u16string& name) {
-  return BuildPath(path.empty() ? nullptr : path.c_str(), name.c_str());
+  if (path.empty()) return name;
+  std::u16string joined;
+  joined.reserve(path.size() + 1 + name.size());
+  joined.append(path).push_back(u'/');
+  return joined.append(name);
 }
 
 CompareResult MakeResult(std::u16string path, uint32_t status, bool is_directory,
@@ -453,6 +457,9 @@ class DiskWalk {
     const size_t first = results_->size();
     Level(root, std::move(package), 0, std::string(), 0);
     pool_.Finish();
+    if (options_.recorded != nullptr) {
+      options_.recorded->reserve(options_.recorded->size() + files_.size());
+    }
     for (size_t i = 0; i < files_.size(); ++i) {
       const auto& [record, outcome] = files_[i];
       CompareResult& found = (*results_)[record];
@@ -610,15 +617,26 @@ class DiskWalk {
   // directory's path below the package.
   void SubmitFile(const std::shared_ptr<const Descriptor>& directory, const Listing::Entry& entry,
                   const ManifestFileEntry& file, const std::string& relative) {
-    outcomes_.emplace_back();
-    files_.emplace_back(results_->size() - 1, &outcomes_.back());
+    HashPool::Outcome* outcome = NewOutcome();
+    files_.emplace_back(results_->size() - 1, outcome);
     const CacheEntry* cached = nullptr;
     if (options_.cache != nullptr || options_.recorded != nullptr) {
-      std::string path = Below(relative, WideToFileName(file.name));
+      // The name as on disk is the listed one when it was claimed exactly.
+      std::string path =
+          Below(relative, entry.wide == file.name ? entry.name : WideToFileName(file.name));
       if (options_.cache != nullptr) cached = options_.cache->Find(path, &cache_next_);
       cached_.push_back({std::move(path), &file});
     }
-    pool_.Submit(directory, &entry, &file, cached, &outcomes_.back());
+    pool_.Submit(directory, &entry, &file, cached, outcome);
+  }
+
+  HashPool::Outcome* NewOutcome() {
+    constexpr size_t kBlock = 1024;
+    if (outcomes_.empty() || outcomes_used_ == kBlock) {
+      outcomes_.push_back(std::make_unique<HashPool::Outcome[]>(kBlock));
+      outcomes_used_ = 0;
+    }
+    return &outcomes_.back()[outcomes_used_++];
   }
 
   // The cache entry of a file found Valid, unless it is racy: then it is
@@ -638,8 +656,10 @@ class DiskWalk {
 
   CompareResults* results_;
   const DiskOptions& options_;
-  std::deque<Listing> listings_;            // every directory's, until the walk ends
-  std::deque<HashPool::Outcome> outcomes_;  // stable slots, written by the pool
+  std::deque<Listing> listings_;  // every directory's, until the walk ends
+  // Stable slots, written by the pool: blocks that never move.
+  std::vector<std::unique_ptr<HashPool::Outcome[]>> outcomes_;
+  size_t outcomes_used_ = 0;                                  // in the last block
   std::vector<std::pair<size_t, HashPool::Outcome*>> files_;  // record -> its outcome
   std::vector<std::pair<size_t, size_t>> directories_;        // record -> its first child record
   std::vector<PendingEntry> cached_;  // beside files_, when the cache is used
