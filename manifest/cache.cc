@@ -124,7 +124,12 @@ bool GetEntry(ByteCursor* cursor, int64_t written, CacheEntry* entry) {
   e.digest_length = digest_length;
   std::memcpy(e.digest.data(), digest, kDigestSize);
   // Only what a writer records: a regular file, a known digest length, the
-  // fields not recorded zero, a file read before the cache was written.
+  // fields not recorded zero, a file read before the cache was written; or
+  // a directory with the digest of its names and nothing else recorded.
+  if (S_ISDIR(f.mode)) {
+    return digest_length == kDigestSize && e.recorded == 0 && e.size == 0 && e.mode == 0 &&
+           e.uid == 0 && e.gid == 0 && entry->hashed_at <= written;
+  }
   if (!S_ISREG(f.mode) || digest_length > kDigestSize ||
       (e.recorded & ~(kStampSize | kStampMode | kStampOwner)) != 0 ||
       (!(e.recorded & kStampSize) && e.size != 0) || (!(e.recorded & kStampMode) && e.mode != 0) ||
@@ -314,6 +319,39 @@ bool CacheVouches(const CacheEntry& cached, const FileStamp& found, const EntryS
                   int64_t margin) {
   return S_ISREG(found.mode) && cached.file == found && cached.entry == listed &&
          !Racy(found, cached.hashed_at, margin);
+}
+
+EntryStamp NamesStamp(const std::vector<std::string_view>& names, size_t files) {
+  // Each name's bytes end with a NUL, which no name holds; the files' and
+  // the directories' are told apart by a "/" between them.
+  std::string bytes;
+  for (size_t i = 0; i < names.size(); ++i) {
+    if (i == files) bytes.push_back('/');
+    bytes.append(names[i]).push_back('\0');
+  }
+  if (files == names.size()) bytes.push_back('/');
+  EntryStamp stamp;
+  uint8_t digest[32];
+  if (!Sha256(bytes, digest)) return stamp;
+  std::memcpy(stamp.digest.data(), digest, sizeof digest);
+  stamp.digest_length = sizeof digest;
+  return stamp;
+}
+
+EntryStamp NamesStampOf(const ManifestDirectory& level) {
+  std::vector<std::string> names;
+  names.reserve(level.files.size() + level.directories.size());
+  for (const ManifestFileEntry& file : level.files) names.push_back(WideToFileName(file.name));
+  for (const ManifestDirectory& directory : level.directories) {
+    names.push_back(WideToFileName(directory.name));
+  }
+  return NamesStamp(std::vector<std::string_view>(names.begin(), names.end()), level.files.size());
+}
+
+bool CacheVouchesListing(const CacheEntry& cached, const FileStamp& found, const EntryStamp& names,
+                         int64_t margin) {
+  return S_ISDIR(found.mode) && names.digest_length == kDigestSize && cached.file == found &&
+         cached.entry == names && !Racy(found, cached.hashed_at, margin);
 }
 
 int64_t CacheNow(const CacheSettings& settings) {

@@ -10,6 +10,15 @@
 // and hashed as without a cache. A symbolic link is never taken from the
 // cache: reading its target is as cheap as a look at it.
 //
+// A directory's entry vouches for its listing: the names in it are exactly
+// those its manifest level lists, while the directory's device, inode, size,
+// modification and change times, mode and owner are what they were when it
+// was listed, and the level lists the same names (the entry's digest is the
+// SHA-256 of them). Creating, removing or renaming anything in a directory
+// sets its modification and change times; putting them back sets the change
+// time again. Only a directory whose every entry a listed name claimed by its
+// exact name is recorded, so a vouched-for listing has no extra entry to miss.
+//
 // Racy entries: a file whose modification or change time is not older than
 // the moment the verification that read it began, less a margin for the
 // file system's timestamp granularity, could be rewritten again within the
@@ -28,7 +37,8 @@
 //     device u64, inode u64, size u64, mtime i64, ctime i64 (ns),
 //     mode u32, uid u32, gid u32,
 //     digest length u8, digest 32 bytes, recorded u8 (1 size, 2 mode,
-//     4 owner), size u64, mode u32, uid u32, gid u32,
+//     4 owner), size u64, mode u32, uid u32, gid u32 (a directory's: the
+//     SHA-256 of the names, nothing recorded, zeros),
 //     hashed-at i64 (ns: when the verification that read the file began);
 //   then the SHA-256 of everything before it.
 // Integers are little-endian. A file that is not exactly that (another
@@ -108,6 +118,16 @@ bool Racy(const FileStamp& file, int64_t hashed_at, int64_t margin);
 bool CacheVouches(const CacheEntry& cached, const FileStamp& found, const EntryStamp& listed,
                   int64_t margin);
 
+// What a directory's entry compares of its manifest level: the SHA-256 of
+// the names it lists, its |files| files' first, then its directories', as
+// bytes. Nothing recorded when it cannot be computed.
+EntryStamp NamesStamp(const std::vector<std::string_view>& names, size_t files);
+EntryStamp NamesStampOf(const ManifestDirectory& level);
+// Whether |cached| vouches for the listing of the directory now stamped
+// |found| whose level's names are |names|.
+bool CacheVouchesListing(const CacheEntry& cached, const FileStamp& found, const EntryStamp& names,
+                         int64_t margin);
+
 // How a verification uses the cache; the defaults but for tests.
 struct CacheSettings {
   // ns since 1970; empty: the real-time clock. The clock the entries are
@@ -169,6 +189,7 @@ struct CacheReport {
   bool forgotten = false;  // the package's entries were forgotten first
   bool written = false;    // the cache file now holds this verification's entries
   size_t trusted = 0;      // files taken for valid without being read
+  size_t listings = 0;     // directories whose listing was taken without reading it
   size_t recorded = 0;     // entries the cache now holds for the package
   std::string directory;
   std::string problem;  // why the cache was not read, or not written

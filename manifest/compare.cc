@@ -114,13 +114,41 @@ class Listing {
     return true;
   }
 
+  // Takes the directory to hold exactly the names |level| lists, as a cache
+  // entry may vouch: nothing is read. Their types are not known. Entries are
+  // then in the level's order, its files first, and claimed by TakeAt only;
+  // the digest of their names is the one the entry must hold.
+  EntryStamp Assume(const ManifestDirectory& level) {
+    entries_.reserve(level.files.size() + level.directories.size());
+    for (const ManifestFileEntry& file : level.files) {
+      entries_.push_back({WideToFileName(file.name), file.name, false, DT_UNKNOWN});
+    }
+    for (const ManifestDirectory& directory : level.directories) {
+      entries_.push_back({WideToFileName(directory.name), directory.name, false, DT_UNKNOWN});
+    }
+    std::vector<std::string_view> names;
+    names.reserve(entries_.size());
+    for (const Entry& entry : entries_) names.push_back(entry.name);
+    return NamesStamp(names, level.files.size());
+  }
+  const Entry* TakeAt(size_t i) { return Take(&entries_[i]); }
+  void Clear() { entries_.clear(); }
+
+  // Whether every entry was claimed by its exact name, by |listed| names in all.
+  bool ClaimedExactly(size_t listed) const {
+    return folded_ == 0 && exact_ == entries_.size() && exact_ == listed;
+  }
+
   // The on-disk entry of exactly the listed |name|, when there is one
   // unclaimed. Every listed name of a level claims its exact entry before
   // any claims by case, so "A.TXT" listed before "a.txt" never takes a.txt.
   const Entry* ClaimExact(const std::u16string& name) {
     auto [first, last] = SameButForCase(name);
     for (auto it = first; it != last; ++it) {
-      if (!it->claimed && it->wide == name) return Take(&*it);
+      if (!it->claimed && it->wide == name) {
+        ++exact_;
+        return Take(&*it);
+      }
     }
     return nullptr;
   }
@@ -128,7 +156,10 @@ class Listing {
   const Entry* ClaimFolded(const std::u16string& name) {
     auto [first, last] = SameButForCase(name);
     for (auto it = first; it != last; ++it) {
-      if (!it->claimed) return Take(&*it);
+      if (!it->claimed) {
+        ++folded_;
+        return Take(&*it);
+      }
     }
     return nullptr;
   }
@@ -152,6 +183,7 @@ class Listing {
   }
 
   std::vector<Entry> entries_;
+  size_t exact_ = 0, folded_ = 0;  // claims by exact name, by name but for case
 };
 
 // The hashing of the files a walk opens: inline with one thread, else on a
@@ -455,10 +487,11 @@ class DiskWalk {
   // directory from the records below it (they all precede it).
   Result Run(const ManifestDirectory& root, std::shared_ptr<const Descriptor> package) {
     const size_t first = results_->size();
-    Level(root, std::move(package), 0, std::string(), 0);
+    Level(root, std::move(package), 0, std::string(), 0, nullptr);
     pool_.Finish();
     if (options_.recorded != nullptr) {
-      options_.recorded->reserve(options_.recorded->size() + files_.size());
+      options_.recorded->reserve(options_.recorded->size() + files_.size() +
+                                 listings_recorded_.size());
     }
     for (size_t i = 0; i < files_.size(); ++i) {
       const auto& [record, outcome] = files_[i];
@@ -472,6 +505,11 @@ class DiskWalk {
         Remember(cached_[i], outcome);
       }
     }
+    if (options_.recorded != nullptr) {
+      for (CacheEntry& listing : listings_recorded_)
+        options_.recorded->push_back(std::move(listing));
+    }
+    if (options_.trusted_listings != nullptr) *options_.trusted_listings = listings_trusted_;
     for (const auto& [record, begin] : directories_) {
       CompareResult& found = (*results_)[record];
       const Result code = SummaryCode(*results_, begin, record);
@@ -503,14 +541,17 @@ class DiskWalk {
 
   // Records |level| as compared with the directory open as |fd| (-1: it
   // could not be opened, for the reason |open_error|); |relative| is its
-  // path below the package, as bytes.
+  // path below the package, as bytes; |stamp|: the directory as it was
+  // opened, before it is listed (null for the package directory).
   void Level(const ManifestDirectory& level, std::shared_ptr<const Descriptor> open_directory,
-             int depth, const std::string& relative, int open_error) {
+             int depth, const std::string& relative, int open_error, const struct stat* stamp) {
     const int fd = open_directory->get();
     // The listing outlives the pool's jobs, which point into it.
     listings_.emplace_back();
     Listing& listing = listings_.back();
-    const bool listed = fd >= 0 && listing.Read(fd);
+    const CacheEntry* vouched =
+        fd >= 0 ? VouchedListing(level, relative, stamp, &listing) : nullptr;
+    const bool listed = fd >= 0 && (vouched != nullptr || listing.Read(fd));
     // Why nothing below can be seen, when it cannot: named on every entry.
     const int unreadable = listed ? 0 : fd >= 0 ? listing.error : open_error;
 
@@ -527,7 +568,14 @@ class DiskWalk {
     }
     std::vector<const Listing::Entry*> files(level.files.size()),
         directories(level.directories.size());
-    if (listed) {
+    if (vouched != nullptr) {
+      for (size_t i = 0; i < level.files.size(); ++i) {
+        if (!files_out[i]) files[i] = listing.TakeAt(i);
+      }
+      for (size_t i = 0; i < level.directories.size(); ++i) {
+        if (!directories_out[i]) directories[i] = listing.TakeAt(level.files.size() + i);
+      }
+    } else if (listed) {
       for (bool exact : {true, false}) {
         for (size_t i = 0; i < level.files.size(); ++i) {
           if (files[i] != nullptr || files_out[i]) continue;
@@ -540,6 +588,13 @@ class DiskWalk {
           directories[i] = exact ? listing.ClaimExact(name) : listing.ClaimFolded(name);
         }
       }
+    }
+
+    if (vouched != nullptr) {
+      listings_recorded_.push_back(*vouched);
+      ++listings_trusted_;
+    } else if (listed && stamp != nullptr) {
+      RememberListing(level, listing, relative, *stamp);
     }
 
     for (size_t i = 0; i < level.files.size(); ++i) {
@@ -559,11 +614,13 @@ class DiskWalk {
       std::vector<Change> changes;
       int error = unreadable;
       int child_fd = -1;
+      struct stat st;
+      bool stamped = false;
       if (on_disk != nullptr) {
         child_fd =
             ::openat(fd, on_disk->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        struct stat st;
         if (child_fd >= 0 && ::fstat(child_fd, &st) == 0) {
+          stamped = true;
           CompareMetadata(directory.attributes, st, true, &changes);
         } else if (child_fd < 0) {
           error = errno;
@@ -581,7 +638,7 @@ class DiskWalk {
       }
       const size_t begin = results_->size();
       Level(directory, std::make_shared<const Descriptor>(child_fd), depth + 1,
-            Below(relative, WideToFileName(directory.name)), error);
+            Below(relative, WideToFileName(directory.name)), error, stamped ? &st : nullptr);
       directories_.emplace_back(results_->size(), begin);
       Record(directory.path, VELK2_ENTRY_INVALID, true);
       results_->back().changes = std::move(changes);
@@ -611,6 +668,37 @@ class DiskWalk {
         }
       }
     }
+  }
+
+  // The cache's entry for the directory |level| at |relative|, stamped
+  // |stamp|, when it vouches for its listing as it stands: |listing| then
+  // holds the level's names. Else null, |listing| empty.
+  const CacheEntry* VouchedListing(const ManifestDirectory& level, const std::string& relative,
+                                   const struct stat* stamp, Listing* listing) const {
+    if (options_.cache == nullptr || stamp == nullptr || relative.empty()) return nullptr;
+    const CacheEntry* cached = options_.cache->Find(relative);
+    const FileStamp found = FileStampOf(*stamp);
+    if (cached == nullptr || !(cached->file == found)) return nullptr;
+    if (CacheVouchesListing(*cached, found, listing->Assume(level), options_.racy_margin)) {
+      return cached;
+    }
+    listing->Clear();
+    return nullptr;
+  }
+
+  // The cache entry of a directory just listed, when every entry in it is
+  // a listed name exactly and it is not racy: the next walk need not list it.
+  void RememberListing(const ManifestDirectory& level, const Listing& listing,
+                       const std::string& relative, const struct stat& stamp) {
+    if (options_.recorded == nullptr || relative.empty() ||
+        !listing.ClaimedExactly(level.files.size() + level.directories.size())) {
+      return;
+    }
+    const FileStamp found = FileStampOf(stamp);
+    if (Racy(found, options_.started, options_.racy_margin)) return;
+    const EntryStamp names = NamesStampOf(level);
+    if (names.digest_length == 0) return;
+    listings_recorded_.push_back({relative, found, names, options_.started});
   }
 
   // Hands the file of the record just made to the pool; |relative| is its
@@ -662,8 +750,10 @@ class DiskWalk {
   size_t outcomes_used_ = 0;                                  // in the last block
   std::vector<std::pair<size_t, HashPool::Outcome*>> files_;  // record -> its outcome
   std::vector<std::pair<size_t, size_t>> directories_;        // record -> its first child record
-  std::vector<PendingEntry> cached_;  // beside files_, when the cache is used
-  size_t cache_next_ = 0;             // where the last lookup in the cache left off
+  std::vector<PendingEntry> cached_;           // beside files_, when the cache is used
+  std::vector<CacheEntry> listings_recorded_;  // directories' entries, for the cache
+  size_t listings_trusted_ = 0;
+  size_t cache_next_ = 0;  // where the last lookup in the cache left off
   HashPool pool_;
 };
 

@@ -108,8 +108,12 @@ struct DiskOptions {
   // |recorded| (optional) receives an entry, dated |started| unless the
   // cache's own was kept, for every regular file found Valid that is not
   // racy; |started|: the moment the walk began, in the cache's clock.
+  // A directory whose entry vouches for its listing is not listed; every
+  // directory listed whose entries are exactly the listed names is recorded
+  // too. |trusted_listings| (optional) receives how many were not listed.
   const PackageCache* cache = nullptr;
   std::vector<CacheEntry>* recorded = nullptr;
+  size_t* trusted_listings = nullptr;
   int64_t started = 0;
   int64_t racy_margin = kRacyMargin;
 };

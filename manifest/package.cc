@@ -149,6 +149,7 @@ class IncrementalRun {
     if (!report.enabled || !located_) return;
     options->cache = cache_.size() > 0 ? &cache_ : nullptr;
     options->recorded = &recorded_;
+    options->trusted_listings = &context_->cache_report.listings;
     options->started = started_ = CacheNow(settings_);
     options->racy_margin = settings_.racy_margin;
   }
@@ -160,7 +161,8 @@ class IncrementalRun {
     // Nothing is recorded of a package that did not verify.
     if (result != VELK2_SUCCESS) return;
     // Every entry was the cache's own and none went: the file holds them.
-    if (report.loaded && report.trusted == recorded_.size() && recorded_.size() == cache_.size()) {
+    if (report.loaded && report.trusted + report.listings == recorded_.size() &&
+        recorded_.size() == cache_.size()) {
       report.recorded = recorded_.size();
       return;
     }

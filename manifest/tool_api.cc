@@ -293,6 +293,7 @@ Result VerifyPackage(const PackageRequest& request, PackageVerdict* out) {
   out->rollback = RollbackOf(report.rollback);
   const CacheReport& cache = context.cache_report;
   out->cache_trusted = cache.trusted;
+  out->cache_listings = cache.listings;
   out->cache_written = cache.written;
   out->cache_forgotten = cache.forgotten;
   out->cache_directory = cache.directory;

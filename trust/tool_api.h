@@ -384,6 +384,7 @@ struct PackageVerdict {
   // being read; whether the cache now holds this verification's entries;
   // why it was not read or not written ("" when nothing went wrong).
   size_t cache_trusted = 0;
+  size_t cache_listings = 0;  // directories whose listing the cache vouched for
   bool cache_written = false;
   bool cache_forgotten = false;
   std::string cache_directory;

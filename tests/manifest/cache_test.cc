@@ -49,7 +49,7 @@ struct Verified {
   Result code = VELK2_FAILURE;
   CacheReport cache;
   uint64_t bytes_read = 0;
-  std::set<std::string> valid, invalid, trusted;  // paths below the package
+  std::set<std::string> valid, invalid, extra, trusted;  // paths below the package
 };
 
 class Cache : public Package {
@@ -87,6 +87,7 @@ class Cache : public Package {
       if (path.rfind(base, 0) == 0) path = path.substr(base.size());
       if (result.status == VELK2_ENTRY_VALID) run.valid.insert(path);
       if (result.status == VELK2_ENTRY_INVALID) run.invalid.insert(path);
+      if (result.status == VELK2_ENTRY_EXTRA) run.extra.insert(path);
       if (result.from_cache) run.trusted.insert(path);
     }
     EXPECT_EQ(run.trusted.size(), run.cache.trusted);
@@ -135,6 +136,7 @@ class Cache : public Package {
 
   const std::set<std::string> kRegular = {"bin/app", "bin/tool", "lib/libfoo.so.1",
                                           "share/doc/README", "top.txt"};
+  const size_t kDirectories = 4;
   std::atomic<int64_t> now_{0};
   std::shared_ptr<CacheSettings> settings_ = std::make_shared<CacheSettings>();
 };
@@ -147,8 +149,9 @@ TEST_F(Cache, AnUnchangedPackageIsTrustedUnreadOnceVerified) {
   EXPECT_GT(first.bytes_read, 0u);
   EXPECT_TRUE(first.cache.written) << first.cache.problem;
   EXPECT_FALSE(first.cache.loaded);
-  // Every regular file, and the link never.
-  EXPECT_EQ(first.cache.recorded, kRegular.size());
+  // Every regular file, and the link never; every directory below the
+  // package (bin, lib, share, share/doc): the package's own holds the manifest.
+  EXPECT_EQ(first.cache.recorded, kRegular.size() + kDirectories);
   EXPECT_EQ(Look(dir_.Sub("store/cache")).st_mode & 07777, 0700u);
   EXPECT_EQ(Look(CacheFile()).st_mode & 07777, 0600u);
   const std::string written = Read(CacheFile());
@@ -159,6 +162,7 @@ TEST_F(Cache, AnUnchangedPackageIsTrustedUnreadOnceVerified) {
   EXPECT_EQ(second.valid, first.valid);
   EXPECT_TRUE(second.valid.count("lib/libfoo.so"));
   EXPECT_EQ(second.bytes_read, 0u);
+  EXPECT_EQ(second.cache.listings, kDirectories);
   EXPECT_TRUE(second.cache.loaded);
   EXPECT_TRUE(second.cache.problem.empty()) << second.cache.problem;
   // Nothing new to say: the file is left as it was.
@@ -250,6 +254,43 @@ TEST_F(Cache, AManifestSignedAgainIsCheckedAgainstItsOwnEntries) {
   EXPECT_TRUE(elsewhere.trusted.empty());
 }
 
+// A directory's listing is taken from the cache only while nothing in it was
+// added, removed or renamed: a file added with the directory's times put
+// back is extra (its change time moved), an extra entry allowed once is
+// found every time after, and a manifest signed again without a file makes
+// it extra though its directory is untouched.
+TEST_F(Cache, AListingIsTrustedOnlyWhileTheDirectoryIsAsItWas) {
+  Sign();
+  ASSERT_EQ(Verify().code, VELK2_SUCCESS);
+  ASSERT_EQ(Verify().cache.listings, kDirectories);
+  NextTick();
+  WriteFile(dir_.Sub("saved"), "");
+  CopyTimes(Pkg("bin"), dir_.Sub("saved"));
+  WriteFile(Pkg("bin/intruder"), "intruder");
+  CopyTimes(dir_.Sub("saved"), Pkg("bin"));
+  ASSERT_EQ(Look(Pkg("bin")).st_mtim.tv_nsec, Look(dir_.Sub("saved")).st_mtim.tv_nsec);
+  for (int run = 0; run < 2; ++run) {
+    SCOPED_TRACE(run);
+    const Verified found = Verify();
+    EXPECT_EQ(found.code, VELK2_SUCCESS);  // extra entries allowed, and recorded
+    EXPECT_EQ(found.extra, (std::set<std::string>{"bin/intruder"}));
+    EXPECT_EQ(found.cache.listings, kDirectories - 1);  // bin is listed every time
+    EXPECT_EQ(found.trusted, kRegular);
+  }
+  fs::remove(Pkg("bin/intruder"));
+  EXPECT_TRUE(Verify().extra.empty());
+  EXPECT_EQ(Verify().cache.listings, kDirectories);
+
+  const std::string other = dir_.Sub("other");
+  fs::copy(Pkg(), other, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  fs::remove(other + "/bin/tool");
+  SignOther(other, Pkg("manifest"));
+  const Verified fewer = Verify();
+  EXPECT_EQ(fewer.code, VELK2_SUCCESS);
+  EXPECT_EQ(fewer.extra, (std::set<std::string>{"bin/tool"}));
+  EXPECT_EQ(fewer.cache.listings, kDirectories - 1);
+}
+
 // A cache file cut short or changed by hand, or another package's, is never
 // trusted in part: ignored, every file read, and written anew.
 TEST_F(Cache, ADamagedOrForeignCacheIsIgnoredAndRebuilt) {
@@ -323,6 +364,22 @@ TEST(CacheFile, OnlyWhatAWriterWritesIsRead) {
   EXPECT_EQ(found->hashed_at, second.hashed_at);
   EXPECT_EQ(cache.Find("bin"), nullptr);
 
+  // A directory's entry: the digest of its names, nothing recorded.
+  CacheEntry directory;
+  directory.path = "bin";
+  directory.file = {1, 3, 4096, 5 * kSecond, 6 * kSecond, S_IFDIR | 0755, 1000, 1000};
+  directory.entry.digest_length = 32;
+  directory.entry.digest = DigestOf("names");
+  directory.hashed_at = 7 * kSecond;
+  ASSERT_EQ(ParseCache(CacheFileBytes(key, written, {entry, directory}), key, 10, &cache),
+            VELK2_SUCCESS);
+  ASSERT_NE(cache.Find("bin"), nullptr);
+  EXPECT_EQ(cache.Find("bin")->entry, directory.entry);
+  CacheEntry short_digest = directory, with_size = directory;
+  short_digest.entry.digest_length = 20;
+  with_size.entry.recorded = kStampSize;
+  with_size.entry.size = 4096;
+
   // Where the fields of one-entry files lie, after the key.
   const size_t count_at = 8 + 4 + 4 + 8 + 4 + key.size();
   const size_t path_at = count_at + 4;
@@ -360,6 +417,9 @@ TEST(CacheFile, OnlyWhatAWriterWritesIsRead) {
       {"read after it was written", edited(hashed_at, le32(0xFFFFFFFF), 4)},
       {"a byte after the last entry", edited(hashed_at + 8, "x", 0)},
       {"a path twice", duplicate},
+      {"a directory with what a file records", edited(mode_at, le32(S_IFDIR | 0755))},
+      {"a directory's digest cut short", CacheFileBytes(key, written, {short_digest})},
+      {"a directory with a size", CacheFileBytes(key, written, {with_size})},
   };
   for (const auto& [what, bytes] : kBad) {
     SCOPED_TRACE(what);
@@ -397,7 +457,7 @@ TEST_F(Cache, RacyFilesAreReadAgainUntilTheirTimesArePast) {
   const Verified racy = Verify();
   EXPECT_EQ(racy.code, VELK2_SUCCESS);
   EXPECT_FALSE(racy.trusted.count("top.txt"));
-  EXPECT_EQ(racy.cache.recorded, kRegular.size() - 1);
+  EXPECT_EQ(racy.cache.recorded, kRegular.size() - 1 + kDirectories);
   EXPECT_FALSE(Verify().trusted.count("top.txt"));
   now_ = ChangeTime(Pkg("top.txt")) + 2 * settings_->racy_margin;
   Verify();

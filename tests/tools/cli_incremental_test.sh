@@ -40,9 +40,9 @@ cache=$(ls store/cache/*.cache)
 sleep 2.1
 verify 0 --incremental
 verify 0 --incremental --explain
-has "explain" out.txt '^cache: 3 files trusted unread \(.*store/cache\)$'
+has "explain" out.txt '^cache: 3 files trusted unread, 3 directory listings trusted \(.*store/cache\)$'
 verify 0 --incremental --json
-json "all trusted" 'j["cache"]["trusted"] == 3 and not j["cache"]["written"] and j["counts"]["changed"] == 0'
+json "all trusted" 'j["cache"]["trusted"] == 3 and j["cache"]["listings_trusted"] == 3 and not j["cache"]["written"] and j["counts"]["changed"] == 0'
 
 # The same size rewritten, its modification time put back: the change time moved.
 touch -r pkg/share/README times
@@ -98,7 +98,7 @@ verify 0 --incremental --no-cache --json
 json "forgotten, written anew" 'j["cache"]["trusted"] == 0 and j["cache"]["forgotten"] and j["cache"]["written"]'
 [ ! -e "$cache.tmp-abcdef" ] || fail "the leftover temporary file stayed"
 verify 0 --incremental --no-cache --explain
-has "explain forgotten" out.txt '^cache: 0 files trusted unread \(.*\); written; forgotten first$'
+has "explain forgotten" out.txt '^cache: 0 files trusted unread, 0 directory listings trusted \(.*\); written; forgotten first$'
 verify 0 --no-cache
 [ ! -e "$cache" ] || fail "--no-cache kept the package's cache"
 

@@ -173,6 +173,7 @@ Json CacheJson(const api::PackageVerdict& verdict, bool incremental) {
   return Json{
       {"incremental", incremental},
       {"trusted", verdict.cache_trusted},
+      {"listings_trusted", verdict.cache_listings},
       {"written", verdict.cache_written},
       {"forgotten", verdict.cache_forgotten},
       {"directory", verdict.cache_directory},
@@ -184,7 +185,8 @@ void PrintCache(const api::PackageVerdict& verdict) {
   std::string what = verdict.cache_written ? "; written" : "";
   if (verdict.cache_forgotten) what += "; forgotten first";
   if (!verdict.cache_problem.empty()) what += "; " + EscapeForDisplay(verdict.cache_problem);
-  std::printf("cache: %zu files trusted unread (%s)%s\n", verdict.cache_trusted,
+  std::printf("cache: %zu files trusted unread, %zu directory listings trusted (%s)%s\n",
+              verdict.cache_trusted, verdict.cache_listings,
               EscapeForDisplay(verdict.cache_directory).c_str(), what.c_str());
 }
 

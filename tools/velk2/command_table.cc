@@ -184,7 +184,8 @@ constexpr OptionSpec kVerify[] = {
      "report is the same for every N"},
     {"incremental", 0, nullptr, false, false,
      "take a file for valid unread while the store's cache (written after each verification "
-     "that succeeds) shows its inode, size, times, mode and manifest entry unchanged"},
+     "that succeeds) shows its inode, size, times, mode and manifest entry unchanged, and a "
+     "directory's listing while its times and listed names are"},
     {"no-cache", 0, nullptr, false, false,
      "forget the package's cache first: every file is read (and, with --incremental, the cache "
      "written anew)"},
