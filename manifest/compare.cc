@@ -201,7 +201,6 @@ class HashPool {
     bool stamped = false;
     bool from_cache = false;  // the cache vouched for it: not read
     FileStamp stamp;
-    int64_t hashed_at = 0;  // the cache entry's, for a file from the cache
   };
 
   HashPool(unsigned threads, const Velk2Context* context, const FileProgress* on_file,
@@ -298,7 +297,6 @@ class HashPool {
     out->stamped = true;
     out->from_cache = true;
     out->stamp = found;
-    out->hashed_at = job.cached->hashed_at;
     if (counters_ != nullptr) counters_->files.fetch_add(1, std::memory_order_relaxed);
     return true;
   }
@@ -475,6 +473,7 @@ class DiskWalk {
   struct PendingEntry {
     std::string path;
     const ManifestFileEntry* file;
+    const CacheEntry* cached;  // the cache's entry for the path, if any
   };
 
  public:
@@ -490,8 +489,7 @@ class DiskWalk {
     Level(root, std::move(package), 0, std::string(), 0, nullptr);
     pool_.Finish();
     if (options_.recorded != nullptr) {
-      options_.recorded->reserve(options_.recorded->size() + files_.size() +
-                                 listings_recorded_.size());
+      options_.recorded->Reserve(files_.size() + listings_recorded_.size());
     }
     for (size_t i = 0; i < files_.size(); ++i) {
       const auto& [record, outcome] = files_[i];
@@ -506,8 +504,13 @@ class DiskWalk {
       }
     }
     if (options_.recorded != nullptr) {
-      for (CacheEntry& listing : listings_recorded_)
-        options_.recorded->push_back(std::move(listing));
+      for (auto& [carried, fresh] : listings_recorded_) {
+        if (carried != nullptr) {
+          options_.recorded->Carry(carried);
+        } else {
+          options_.recorded->Add(std::move(fresh));
+        }
+      }
     }
     if (options_.trusted_listings != nullptr) *options_.trusted_listings = listings_trusted_;
     for (const auto& [record, begin] : directories_) {
@@ -591,7 +594,7 @@ class DiskWalk {
     }
 
     if (vouched != nullptr) {
-      listings_recorded_.push_back(*vouched);
+      listings_recorded_.push_back({vouched, CacheEntry{}});
       ++listings_trusted_;
     } else if (listed && stamp != nullptr) {
       RememberListing(level, listing, relative, *stamp);
@@ -698,7 +701,7 @@ class DiskWalk {
     if (Racy(found, options_.started, options_.racy_margin)) return;
     const EntryStamp names = NamesStampOf(level);
     if (names.digest_length == 0) return;
-    listings_recorded_.push_back({relative, found, names, options_.started});
+    listings_recorded_.push_back({nullptr, CacheEntry{relative, found, names, options_.started}});
   }
 
   // Hands the file of the record just made to the pool; |relative| is its
@@ -713,7 +716,7 @@ class DiskWalk {
       std::string path =
           Below(relative, entry.wide == file.name ? entry.name : WideToFileName(file.name));
       if (options_.cache != nullptr) cached = options_.cache->Find(path, &cache_next_);
-      cached_.push_back({std::move(path), &file});
+      cached_.push_back({std::move(path), &file, cached});
     }
     pool_.Submit(directory, &entry, &file, cached, outcome);
   }
@@ -730,12 +733,18 @@ class DiskWalk {
   // The cache entry of a file found Valid, unless it is racy: then it is
   // read again next time, recorded only once its times lie in the past.
   void Remember(PendingEntry& pending, const HashPool::Outcome* outcome) {
-    const int64_t hashed_at = outcome->from_cache ? outcome->hashed_at : options_.started;
-    if (!S_ISREG(outcome->stamp.mode) || Racy(outcome->stamp, hashed_at, options_.racy_margin)) {
+    // What the cache vouched for is its entry exactly: stamp, manifest
+    // entry and the time it was read.
+    if (outcome->from_cache) {
+      options_.recorded->Carry(pending.cached);
       return;
     }
-    options_.recorded->push_back(
-        {std::move(pending.path), outcome->stamp, EntryStampOf(*pending.file), hashed_at});
+    if (!S_ISREG(outcome->stamp.mode) ||
+        Racy(outcome->stamp, options_.started, options_.racy_margin)) {
+      return;
+    }
+    options_.recorded->Add(
+        {std::move(pending.path), outcome->stamp, EntryStampOf(*pending.file), options_.started});
   }
 
   void Record(std::u16string path, uint32_t status, bool is_directory, bool listed = true) {
@@ -750,8 +759,9 @@ class DiskWalk {
   size_t outcomes_used_ = 0;                                  // in the last block
   std::vector<std::pair<size_t, HashPool::Outcome*>> files_;  // record -> its outcome
   std::vector<std::pair<size_t, size_t>> directories_;        // record -> its first child record
-  std::vector<PendingEntry> cached_;           // beside files_, when the cache is used
-  std::vector<CacheEntry> listings_recorded_;  // directories' entries, for the cache
+  std::vector<PendingEntry> cached_;  // beside files_, when the cache is used
+  // Directories' entries for the cache: the cache's own, else one made anew.
+  std::vector<std::pair<const CacheEntry*, CacheEntry>> listings_recorded_;
   size_t listings_trusted_ = 0;
   size_t cache_next_ = 0;  // where the last lookup in the cache left off
   HashPool pool_;
@@ -903,6 +913,15 @@ Result CompareLevels(const ManifestDirectory& a, const ManifestDirectory& b,
 }
 
 }  // namespace
+
+std::vector<CacheEntry> CacheRecord::Entries() const {
+  std::vector<CacheEntry> entries;
+  entries.reserve(order_.size());
+  for (const auto& [carried, fresh] : order_) {
+    entries.push_back(carried != nullptr ? *carried : fresh_[fresh]);
+  }
+  return entries;
+}
 
 const char* ChangeKindName(ChangeKind kind) {
   switch (kind) {

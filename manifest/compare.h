@@ -92,6 +92,28 @@ using CompareResults = std::vector<CompareResult>;
 // owner that differs makes the entry Invalid; each difference is one of its
 // changes.
 using FileProgress = std::function<void(uint64_t bytes)>;
+
+// What a walk learnt for the cache, in the order met: each entry either the
+// cache's own, carried over as it stands, or made anew. A run that carries
+// everything over builds no copy of it.
+class CacheRecord {
+ public:
+  void Carry(const CacheEntry* entry) { order_.push_back({entry, 0}); }
+  void Add(CacheEntry entry) {
+    order_.push_back({nullptr, fresh_.size()});
+    fresh_.push_back(std::move(entry));
+  }
+  void Reserve(size_t entries) { order_.reserve(order_.size() + entries); }
+  size_t size() const { return order_.size(); }
+  bool any_new() const { return !fresh_.empty(); }
+  // The entries, in order.
+  std::vector<CacheEntry> Entries() const;
+
+ private:
+  std::vector<std::pair<const CacheEntry*, size_t>> order_;  // carried, else index in fresh_
+  std::vector<CacheEntry> fresh_;
+};
+
 struct DiskOptions {
   unsigned threads = 1;
   const FileProgress* on_file = nullptr;
@@ -112,7 +134,7 @@ struct DiskOptions {
   // directory listed whose entries are exactly the listed names is recorded
   // too. |trusted_listings| (optional) receives how many were not listed.
   const PackageCache* cache = nullptr;
-  std::vector<CacheEntry>* recorded = nullptr;
+  CacheRecord* recorded = nullptr;
   size_t* trusted_listings = nullptr;
   int64_t started = 0;
   int64_t racy_margin = kRacyMargin;

@@ -161,12 +161,11 @@ class IncrementalRun {
     // Nothing is recorded of a package that did not verify.
     if (result != VELK2_SUCCESS) return;
     // Every entry was the cache's own and none went: the file holds them.
-    if (report.loaded && report.trusted + report.listings == recorded_.size() &&
-        recorded_.size() == cache_.size()) {
+    if (report.loaded && !recorded_.any_new() && recorded_.size() == cache_.size()) {
       report.recorded = recorded_.size();
       return;
     }
-    SaveCache(location_, settings_, recorded_, loaded_, started_, &report);
+    SaveCache(location_, settings_, recorded_.Entries(), loaded_, started_, &report);
   }
 
  private:
@@ -177,7 +176,7 @@ class IncrementalRun {
   PackageCache cache_;
   CacheReport loaded_;  // what reading the cache found
   std::future<void> loading_;
-  std::vector<CacheEntry> recorded_;
+  CacheRecord recorded_;
   int64_t started_ = 0;  // when the comparison with the disk began
 };
 
