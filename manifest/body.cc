@@ -65,6 +65,14 @@ void DistributeIgnored(ManifestDirectory* level, const std::vector<std::u16strin
   std::sort(level->ignored.begin(), level->ignored.end(), NameLess);
 }
 
+template <typename Entry>
+void SortByName(std::vector<Entry>* entries) {
+  auto less = [](const Entry& a, const Entry& b) { return NameLess(a.name, b.name); };
+  if (!std::is_sorted(entries->begin(), entries->end(), less)) {
+    std::sort(entries->begin(), entries->end(), less);
+  }
+}
+
 class BodyReader {
  public:
   BodyReader(std::string_view body, const std::vector<std::u16string>* ignored)
@@ -98,14 +106,9 @@ class BodyReader {
       }
       if (result != VELK2_SUCCESS) return result;
     }
-    std::sort(level->files.begin(), level->files.end(),
-              [](const ManifestFileEntry& a, const ManifestFileEntry& b) {
-                return NameLess(a.name, b.name);
-              });
-    std::sort(level->directories.begin(), level->directories.end(),
-              [](const ManifestDirectory& a, const ManifestDirectory& b) {
-                return NameLess(a.name, b.name);
-              });
+    // The toolkit writes each level in this order already: one pass checks it.
+    SortByName(&level->files);
+    SortByName(&level->directories);
     if (ignored_ != nullptr) DistributeIgnored(level, *ignored_);
     return VELK2_SUCCESS;
   }
