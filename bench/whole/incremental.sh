@@ -10,9 +10,10 @@
 #      against a full `verify` that reads every byte.
 # Every incremental run follows a warm-up run that wrote the cache, and the
 # files are older than the cache's racy margin, so each run trusts them all;
-# the script checks that it does.
+# the script checks that it does. JOBS is verify's --jobs; without it verify
+# runs as a user runs it, one thread per core.
 #
-#   bash bench/whole/incremental.sh VELK2 [FILES (20000)] [BIG_FILES (10000)] [BIG_MIB (1024)] [ROUNDS (3)] [JOBS (1)]
+#   bash bench/whole/incremental.sh VELK2 [FILES (20000)] [BIG_FILES (10000)] [BIG_MIB (1024)] [ROUNDS (3)] [JOBS]
 #   e.g. bash bench/whole/incremental.sh build-cache-rel/tools/velk2/velk2
 set -euo pipefail
 usage="usage: incremental.sh VELK2 [FILES] [BIG_FILES] [BIG_MIB] [ROUNDS] [JOBS]"
@@ -21,7 +22,7 @@ files=${2:-20000}
 big_files=${3:-10000}
 big_mib=${4:-1024}
 rounds=${5:-3}
-jobs=${6:-1}
+jobs=${6:-}
 velk2=$(cd "$(dirname "$velk2")" && pwd)/$(basename "$velk2")
 here=$(cd "$(dirname "$0")" && pwd)
 dir=$(mktemp -d)
@@ -53,7 +54,7 @@ verify() {  # package, extra options...
   local package=$1
   shift
   "$velk2" verify "$package" --manifest "$package.manifest" --store store --tag '(pkg install)' \
-    --allow-older --no-progress --jobs "$jobs" "$@"
+    --allow-older --no-progress ${jobs:+--jobs "$jobs"} "$@"
 }
 trusted() {  # package: how many files the cache vouched for
   verify "$1" --incremental --json | python3 -c 'import json,sys; print(json.load(sys.stdin)["cache"]["trusted"])'
@@ -103,13 +104,13 @@ state=$(can_drop && echo "cold (page cache dropped before each run)" ||
   echo "WARM: this user cannot drop the page cache")
 
 python3 - "$files" "$inc" "$fnd" "$big_files" "$big_mib" "$cold_inc" "$cold_full" "$state" \
-  "$rounds" "$jobs" <<'PY'
+  "$rounds" "${jobs:-one per core, $(nproc)}" <<'PY'
 import sys
 files, inc, fnd, big_files, big_mib, cold_inc, cold_full, state, rounds, jobs = sys.argv[1:]
 inc, fnd, cold_inc, cold_full = (max(int(x), 1) for x in (inc, fnd, cold_inc, cold_full))
-print(f"{files} files of 4 KiB, warm, best of {rounds}, --jobs {jobs}:")
+print(f"{files} files of 4 KiB, warm, best of {rounds}, threads: {jobs}:")
 print(f"  verify --incremental {inc} ms, find -printf {fnd} ms: {inc / fnd:.2f} x find")
-print(f"{big_files} files, {big_mib} MiB, {state}, best of {rounds}, --jobs {jobs}:")
+print(f"{big_files} files, {big_mib} MiB, {state}, best of {rounds}, threads: {jobs}:")
 print(f"  verify --incremental {cold_inc} ms, full verify {cold_full} ms: "
       f"{cold_full / cold_inc:.1f} x faster")
 PY
