@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <thread>
@@ -119,6 +120,16 @@ class Cache : public Package {
     }
   }
 
+  // Makes |change|, then puts |path|'s modification time back as it was:
+  // only its change time tells.
+  void KeepingModificationTime(const std::string& path, const std::function<void()>& change) {
+    WriteFile(dir_.Sub("saved"), "");
+    CopyTimes(path, dir_.Sub("saved"));
+    change();
+    CopyTimes(dir_.Sub("saved"), path);
+    ASSERT_EQ(Look(path).st_mtim.tv_nsec, Look(dir_.Sub("saved")).st_mtim.tv_nsec);
+  }
+
   // Signs |package| as it stands into |out|.
   void SignOther(const std::string& package, const std::string& out) {
     issuing::ManifestRequest request;
@@ -192,11 +203,7 @@ TEST_F(Cache, EveryChangeSinceTheEntryIsReadAgain) {
   const std::string cache = Read(CacheFile());
   NextTick();
 
-  WriteFile(dir_.Sub("saved"), "");
-  CopyTimes(Pkg("bin/app"), dir_.Sub("saved"));
-  WriteFile(Pkg("bin/app"), "APPLICATION");
-  CopyTimes(dir_.Sub("saved"), Pkg("bin/app"));
-  ASSERT_EQ(Look(Pkg("bin/app")).st_mtim.tv_nsec, Look(dir_.Sub("saved")).st_mtim.tv_nsec);
+  KeepingModificationTime(Pkg("bin/app"), [&] { WriteFile(Pkg("bin/app"), "APPLICATION"); });
 
   WriteFile(dir_.Sub("other"), "TOOL");
   ASSERT_EQ(::chmod(dir_.Sub("other").c_str(), Look(Pkg("bin/tool")).st_mode & 07777), 0);
@@ -264,11 +271,7 @@ TEST_F(Cache, AListingIsTrustedOnlyWhileTheDirectoryIsAsItWas) {
   ASSERT_EQ(Verify().code, VELK2_SUCCESS);
   ASSERT_EQ(Verify().cache.listings, kDirectories);
   NextTick();
-  WriteFile(dir_.Sub("saved"), "");
-  CopyTimes(Pkg("bin"), dir_.Sub("saved"));
-  WriteFile(Pkg("bin/intruder"), "intruder");
-  CopyTimes(dir_.Sub("saved"), Pkg("bin"));
-  ASSERT_EQ(Look(Pkg("bin")).st_mtim.tv_nsec, Look(dir_.Sub("saved")).st_mtim.tv_nsec);
+  KeepingModificationTime(Pkg("bin"), [&] { WriteFile(Pkg("bin/intruder"), "intruder"); });
   for (int run = 0; run < 2; ++run) {
     SCOPED_TRACE(run);
     const Verified found = Verify();
