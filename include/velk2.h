@@ -338,7 +338,11 @@ VELK2_EXPORT VELK2_RESULT SetScanPackageRoot(ManifestContext* context, uint32_t 
  * modification and change times (in nanoseconds), mode and owner, and the
  * manifest entry it was checked against, are all unchanged, and the file was
  * not modified within two seconds of being read then. Every other file,
- * and every symlink, is read as without the cache. After a VerifyManifest
+ * and every symlink, is read as without the cache. A directory below the
+ * package whose every entry was a listed name is not listed again while its
+ * device, inode, size, times, mode and owner, and the names its manifest
+ * level lists, are unchanged (any entry added, removed or renamed changes
+ * its times). After a VerifyManifest
  * that returns 0 the package's entries are written whole under the lock
  * "cert/store.lock"; the directory is made with mode 0700 and not used when
  * group or others may write it or another user owns it; a cache file that

@@ -231,8 +231,8 @@ Result WriteInDirectory(int directory, const std::string& name, std::string_view
   return VELK2_SUCCESS;
 }
 
-// Keeps the directory within |max_bytes|: the cache files written longest
-// ago go first, never |keep|. Temporary files are leftovers of writers that
+// Keeps the directory within |max_bytes|: the cache files used longest ago
+// go first (by modification time), never |keep|. Temporary files are leftovers of writers that
 // did not finish (every writer holds the lock): they go too.
 void Prune(int directory, const std::string& keep, uint64_t max_bytes) {
   const int copy = ::dup(directory);
@@ -244,7 +244,7 @@ void Prune(int directory, const std::string& keep, uint64_t max_bytes) {
   }
   struct File {
     std::string name;
-    int64_t written;
+    int64_t used;  // modification time, ns
     uint64_t size;
   };
   std::vector<File> files;
@@ -267,7 +267,7 @@ void Prune(int directory, const std::string& keep, uint64_t max_bytes) {
   }
   ::closedir(listing);
   std::sort(files.begin(), files.end(),
-            [](const File& a, const File& b) { return a.written < b.written; });
+            [](const File& a, const File& b) { return a.used < b.used; });
   for (const File& file : files) {
     if (total <= max_bytes) break;
     if (::unlinkat(directory, file.name.c_str(), 0) == 0) total -= file.size;
@@ -562,6 +562,15 @@ void SaveCache(const CacheLocation& location, const CacheSettings& settings,
   report->written = true;
   report->recorded = entries.size();
   Prune(directory.get(), name, settings.max_bytes);
+}
+
+void TouchCache(const CacheLocation& location, const CacheSettings& settings) {
+  std::string problem;
+  const Descriptor directory(OpenDirectory(location.directory, &problem));
+  if (directory.get() < 0) return;
+  const int64_t now = CacheNow(settings);
+  const struct timespec times[2] = {{0, UTIME_OMIT}, {now / 1'000'000'000, now % 1'000'000'000}};
+  (void)::utimensat(directory.get(), FileName(location).c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
 void ForgetCache(const CacheLocation& location, CacheReport* report) {

@@ -49,7 +49,8 @@
 // Files are written whole (a temporary file, synced, renamed, the directory
 // synced) under the Global store's lock, and only after a verification that
 // succeeded; a crash leaves the old file or none. The directory is bounded:
-// beyond kMaxCacheBytes the files written longest ago go first.
+// beyond kMaxCacheBytes the files used longest ago go first (a file's
+// modification time: when it was written, or last found to hold everything).
 #ifndef VELK2_MANIFEST_CACHE_H_
 #define VELK2_MANIFEST_CACHE_H_
 
@@ -227,6 +228,11 @@ void LoadCache(const CacheLocation& location, const CacheSettings& settings, Pac
 void SaveCache(const CacheLocation& location, const CacheSettings& settings,
                const std::vector<CacheEntry>& entries, const CacheReport& loaded, int64_t started,
                CacheReport* report);
+
+// TouchCache marks the package's cache file used now (by the settings'
+// clock), after a verification that found it held everything and wrote
+// nothing: the bound drops it after the files used longer ago.
+void TouchCache(const CacheLocation& location, const CacheSettings& settings);
 
 // ForgetCache removes the package's cache file, under the store's lock,
 // from the cache directory only when it may be used.

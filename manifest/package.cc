@@ -163,6 +163,7 @@ class IncrementalRun {
     // Every entry was the cache's own and none went: the file holds them.
     if (report.loaded && !recorded_.any_new() && recorded_.size() == cache_.size()) {
       report.recorded = recorded_.size();
+      TouchCache(location_, settings_);
       return;
     }
     SaveCache(location_, settings_, recorded_.Entries(), loaded_, started_, &report);

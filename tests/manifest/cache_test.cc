@@ -716,6 +716,41 @@ TEST_F(Cache, TheCacheStaysWithinItsBounds) {
   EXPECT_FALSE(fs::exists(CacheFile()));
 }
 
+// The bound drops the package verified longest ago: a package whose file
+// was only read, every entry still good, counts as used then.
+TEST_F(Cache, TheBoundDropsThePackageVerifiedLongestAgo) {
+  Sign();
+  ASSERT_TRUE(Verify().cache.written);
+  const uint64_t one = fs::file_size(CacheFile());
+  settings_->max_bytes = 2 * one + one / 2;  // two packages' files, not three
+  // Verifies a copy of the package in |name|; its cache file.
+  auto verify_copy = [&](const std::string& name) {
+    const std::string copy = dir_.Sub(name);
+    fs::copy(Pkg(), copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    ManifestContext context = Context();
+    context.package_directory = Utf8ToUtf16(copy);
+    context.manifest_path = Utf8ToUtf16(copy + "/manifest");
+    context.cache_flags = kCacheUse;
+    context.cache_settings = settings_;
+    EXPECT_EQ(VerifyPackage(&context, 0, 0), VELK2_SUCCESS);
+    EXPECT_TRUE(context.cache_report.written) << context.cache_report.problem;
+    CacheLocation location;
+    std::string problem;
+    EXPECT_TRUE(LocateCache(context.package_directory, context.manifest_path, *settings_, &location,
+                            &problem));
+    return location.file;
+  };
+  const std::string second = verify_copy("second");
+  now_ += kSecond;
+  const Verified again = Verify();
+  EXPECT_EQ(again.trusted, kRegular);
+  EXPECT_FALSE(again.cache.written);
+  const std::string third = verify_copy("third");
+  EXPECT_TRUE(fs::exists(CacheFile()));
+  EXPECT_FALSE(fs::exists(second));
+  EXPECT_TRUE(fs::exists(third));
+}
+
 TEST_F(Cache, TheCInterfaceTurnsItOn) {
   Sign();
   EXPECT_EQ(SetIncrementalCache(nullptr, 1), VELK2_ERR_PARAM_NULL);
