@@ -28,14 +28,33 @@ constexpr size_t kDigestSize = 32;
 constexpr std::string_view kSuffix = ".cache";
 // A temporary file of a writer that did not finish: NAME.cache.tmp-XXXXXX.
 constexpr std::string_view kTemporary = ".tmp-";
-// A key is two absolute paths; a path below the package is one path.
+// A key is two absolute paths.
 constexpr uint32_t kMaxKey = 2 * 4096 + 1;
-constexpr uint32_t kMaxEntryPath = 4096;
 // The bytes of an entry beyond its path.
 constexpr size_t kFixedEntry = 2 + 3 * 8 + 2 * 8 + 3 * 4 + 1 + kDigestSize + 1 + 8 + 3 * 4 + 8;
 
+// Times past what 64 bits of nanoseconds hold (after 2262, before 1677)
+// are all the same, the first or last there is: never a number that wrapped.
 int64_t Nanoseconds(const struct timespec& time) {
-  return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+  constexpr int64_t kBillion = 1'000'000'000;
+  if (time.tv_sec > INT64_MAX / kBillion - 1) return INT64_MAX;
+  if (time.tv_sec < INT64_MIN / kBillion + 1) return INT64_MIN;
+  return static_cast<int64_t>(time.tv_sec) * kBillion + time.tv_nsec;
+}
+
+// Whether |path| is one a walk makes: names joined by "/", none empty, "."
+// or "..", no NUL.
+bool WalkPath(std::string_view path) {
+  size_t start = 0;
+  while (start <= path.size()) {
+    const size_t end = std::min(path.find('/', start), path.size());
+    const std::string_view name = path.substr(start, end - start);
+    if (name.empty() || name == "." || name == ".." || name.find('\0') != std::string_view::npos) {
+      return false;
+    }
+    start = end + 1;
+  }
+  return true;
 }
 
 void PutInteger(std::string* out, uint64_t value, int bytes) {
@@ -103,12 +122,12 @@ void PutEntry(std::string* out, const CacheEntry& entry) {
 bool GetEntry(ByteCursor* cursor, int64_t written, CacheEntry* entry) {
   uint64_t length;
   const uint8_t* bytes = nullptr;
-  if (!GetInteger(cursor, 2, &length) || length == 0 || length > kMaxEntryPath ||
+  if (!GetInteger(cursor, 2, &length) || length == 0 || length > kMaxCachePath ||
       !cursor->Take(length, &bytes)) {
     return false;
   }
   entry->path.assign(reinterpret_cast<const char*>(bytes), length);
-  if (entry->path.find('\0') != std::string::npos) return false;
+  if (!WalkPath(entry->path)) return false;
   FileStamp& f = entry->file;
   EntryStamp& e = entry->entry;
   uint8_t digest_length = 0;
@@ -123,17 +142,20 @@ bool GetEntry(ByteCursor* cursor, int64_t written, CacheEntry* entry) {
   }
   e.digest_length = digest_length;
   std::memcpy(e.digest.data(), digest, kDigestSize);
-  // Only what a writer records: a regular file, a known digest length, the
-  // fields not recorded zero, a file read before the cache was written; or
-  // a directory with the digest of its names and nothing else recorded.
-  if (S_ISDIR(f.mode)) {
-    return digest_length == kDigestSize && e.recorded == 0 && e.size == 0 && e.mode == 0 &&
-           e.uid == 0 && e.gid == 0 && entry->hashed_at <= written;
+  // Only what a writer records: a file read after 1970 and before the cache
+  // was written, a mode of no more bits than a mode has, a SHA-256; a
+  // regular file with the fields not recorded zero, or a directory with the
+  // digest of its names and nothing else recorded.
+  if (entry->hashed_at < 0 || entry->hashed_at > written || f.mode > 0177777 ||
+      digest_length != kDigestSize) {
+    return false;
   }
-  if (!S_ISREG(f.mode) || digest_length > kDigestSize ||
-      (e.recorded & ~(kStampSize | kStampMode | kStampOwner)) != 0 ||
+  if (S_ISDIR(f.mode)) {
+    return e.recorded == 0 && e.size == 0 && e.mode == 0 && e.uid == 0 && e.gid == 0;
+  }
+  if (!S_ISREG(f.mode) || (e.recorded & ~(kStampSize | kStampMode | kStampOwner)) != 0 ||
       (!(e.recorded & kStampSize) && e.size != 0) || (!(e.recorded & kStampMode) && e.mode != 0) ||
-      (!(e.recorded & kStampOwner) && (e.uid != 0 || e.gid != 0)) || entry->hashed_at > written) {
+      (!(e.recorded & kStampOwner) && (e.uid != 0 || e.gid != 0))) {
     return false;
   }
   return true;
@@ -311,7 +333,7 @@ EntryStamp EntryStampOf(const ManifestFileEntry& entry) {
 }
 
 bool Racy(const FileStamp& file, int64_t hashed_at, int64_t margin) {
-  const int64_t limit = hashed_at - margin;
+  const int64_t limit = hashed_at < INT64_MIN + margin ? INT64_MIN : hashed_at - margin;
   return file.mtime >= limit || file.ctime >= limit;
 }
 
@@ -540,7 +562,7 @@ void SaveCache(const CacheLocation& location, const CacheSettings& settings,
   entries.reserve(all_entries.size());
   for (const CacheEntry& entry : all_entries) {
     // A path the reader refuses would make the whole file unreadable.
-    if (entry.path.empty() || entry.path.size() > kMaxEntryPath) continue;
+    if (entry.path.empty() || entry.path.size() > kMaxCachePath) continue;
     if (loaded.loaded && !same_file && entry.hashed_at < started) continue;
     entries.push_back(entry);
   }

@@ -79,6 +79,9 @@ constexpr uint32_t kCacheForget = 2;  // forget the package's entries first
 constexpr int64_t kRacyMargin = 2'000'000'000;
 // Every package's file together; one package's entries.
 constexpr uint64_t kMaxCacheBytes = 256ull << 20;
+// The longest path below the package an entry holds: a file or directory
+// with a longer one is read every time.
+constexpr uint32_t kMaxCachePath = 4096;
 constexpr uint32_t kMaxCacheEntries = 1u << 21;
 
 // What the cache compares of a file on disk.

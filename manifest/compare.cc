@@ -210,7 +210,9 @@ class HashPool {
         counters_(counters),
         racy_margin_(racy_margin),
         threads_(std::max(threads, 1u)),
-        limit_(std::max<size_t>(32 * threads_, 2 * kBatch)) {
+        // Every job waiting holds its directory open: 640 descriptors at
+        // most, with a full batch, whatever the number of threads.
+        limit_(std::clamp<size_t>(32 * threads_, 2 * kBatch, 512)) {
     // More than one thread: that many workers hash while the walk opens files.
     for (unsigned i = 0; threads > 1 && i < threads; ++i) workers_.emplace_back([this] { Work(); });
   }

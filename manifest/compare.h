@@ -99,7 +99,9 @@ using FileProgress = std::function<void(uint64_t bytes)>;
 class CacheRecord {
  public:
   void Carry(const CacheEntry* entry) { order_.push_back({entry, 0}); }
+  // An entry the cache cannot hold (its path too long) is nothing new.
   void Add(CacheEntry entry) {
+    if (entry.path.empty() || entry.path.size() > kMaxCachePath) return;
     order_.push_back({nullptr, fresh_.size()});
     fresh_.push_back(std::move(entry));
   }

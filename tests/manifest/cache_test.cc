@@ -423,12 +423,20 @@ TEST(CacheFile, OnlyWhatAWriterWritesIsRead) {
       {"a directory with what a file records", edited(mode_at, le32(S_IFDIR | 0755))},
       {"a directory's digest cut short", CacheFileBytes(key, written, {short_digest})},
       {"a directory with a size", CacheFileBytes(key, written, {with_size})},
+      {"read before 1970", edited(hashed_at, std::string(8, '\xFF'), 8)},
+      {"a name \"..\" in the path", edited(path_at + 2, "../.")},   // "../.app"
+      {"an empty name in the path", edited(path_at + 2 + 4, "/")},  // "bin//pp"
+      {"a mode past a mode's bits", edited(mode_at, le32(0x10000 | S_IFREG | 0755))},
   };
   for (const auto& [what, bytes] : kBad) {
     SCOPED_TRACE(what);
     EXPECT_EQ(ParseCache(bytes, key, 10, &cache), VELK2_ERR_PARSE_FILE);
     EXPECT_EQ(cache.size(), 0u);
   }
+  // An entry dated as early as can be is racy, not the end of all time.
+  EXPECT_TRUE(Racy(entry.file, INT64_MIN, kRacyMargin));
+  EXPECT_FALSE(Racy(entry.file, entry.hashed_at, kSecond / 2));
+
   // A well-formed file with more entries than allowed is refused whole.
   EXPECT_EQ(ParseCache(CacheFileBytes(key, written, {entry, second}), key, 1, &cache),
             VELK2_ERR_PARSE_FILE);
@@ -540,6 +548,7 @@ TEST_F(Cache, AWriterKeepsToWhatReadersTakeAndWhatWasForgotten) {
     made.file.device = 1;
     made.file.inode = static_cast<uint64_t>(hashed_at);
     made.file.mode = S_IFREG | 0644;
+    made.entry.digest_length = 32;
     made.hashed_at = hashed_at;
     return made;
   };
@@ -714,6 +723,45 @@ TEST_F(Cache, TheCacheStaysWithinItsBounds) {
   EXPECT_FALSE(big.cache.written);
   EXPECT_FALSE(big.cache.problem.empty());
   EXPECT_FALSE(fs::exists(CacheFile()));
+}
+
+// A file or directory whose path below the package is longer than the
+// cache holds is read every time, and a run that learnt nothing else
+// writes nothing.
+TEST_F(Cache, APathTooLongForTheCacheIsReadEveryTime) {
+  // 17 directories of 250 bytes, made and removed relative to each other:
+  // their paths are longer than a path may be.
+  std::vector<std::string> chain;
+  for (char c = 'a'; c < 'a' + 17; ++c) chain.emplace_back(250, c);
+  std::function<void(int, size_t, bool)> walk = [&](int parent, size_t i, bool make) {
+    if (make) {
+      ASSERT_EQ(::mkdirat(parent, chain[i].c_str(), 0755), 0);
+    }
+    const int fd = ::openat(parent, chain[i].c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(fd, 0);
+    if (i + 1 < chain.size()) {
+      walk(fd, i + 1, make);
+    } else if (make) {
+      const int file = ::openat(fd, "deep.txt", O_WRONLY | O_CREAT, 0644);
+      EXPECT_EQ(::write(file, "deep", 4), 4);
+      ::close(file);
+    } else {
+      ::unlinkat(fd, "deep.txt", 0);
+    }
+    ::close(fd);
+    if (!make) ::unlinkat(parent, chain[i].c_str(), AT_REMOVEDIR);
+  };
+  const int package = ::open(Pkg().c_str(), O_RDONLY | O_DIRECTORY);
+  walk(package, 0, true);
+  Sign();
+  ASSERT_EQ(Verify().code, VELK2_SUCCESS);
+  const Verified second = Verify();
+  EXPECT_EQ(second.code, VELK2_SUCCESS);
+  EXPECT_EQ(second.trusted, kRegular);
+  EXPECT_EQ(second.cache.listings, kDirectories + chain.size() - 1);
+  EXPECT_FALSE(second.cache.written);
+  walk(package, 0, false);
+  ::close(package);
 }
 
 // The bound drops the package verified longest ago: a package whose file
