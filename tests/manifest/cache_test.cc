@@ -130,6 +130,25 @@ class Cache : public Package {
     ASSERT_EQ(Look(path).st_mtim.tv_nsec, Look(dir_.Sub("saved")).st_mtim.tv_nsec);
   }
 
+  // Verifies a copy of the package made in |name|, with the cache, which it
+  // must write: the copy's cache file.
+  std::string VerifyCopy(const std::string& name) {
+    const std::string copy = dir_.Sub(name);
+    fs::copy(Pkg(), copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    ManifestContext context = Context();
+    context.package_directory = Utf8ToUtf16(copy);
+    context.manifest_path = Utf8ToUtf16(copy + "/manifest");
+    context.cache_flags = kCacheUse;
+    context.cache_settings = settings_;
+    EXPECT_EQ(VerifyPackage(&context, 0, 0), VELK2_SUCCESS);
+    EXPECT_TRUE(context.cache_report.written) << context.cache_report.problem;
+    CacheLocation location;
+    std::string problem;
+    EXPECT_TRUE(LocateCache(context.package_directory, context.manifest_path, *settings_, &location,
+                            &problem));
+    return location.file;
+  }
+
   // Signs |package| as it stands into |out|.
   void SignOther(const std::string& package, const std::string& out) {
     issuing::ManifestRequest request;
@@ -702,17 +721,9 @@ TEST_F(Cache, TheCacheStaysWithinItsBounds) {
   settings_->max_entries = kMaxCacheEntries;
   ASSERT_TRUE(Verify().cache.written);
   const uint64_t one = fs::file_size(CacheFile());
-  const std::string other = dir_.Sub("other");
-  fs::copy(Pkg(), other, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
   // Room for one package's file, not two.
   settings_->max_bytes = one + one / 2;
-  ManifestContext context = Context();
-  context.package_directory = Utf8ToUtf16(other);
-  context.manifest_path = Utf8ToUtf16(other + "/manifest");
-  context.cache_flags = kCacheUse;
-  context.cache_settings = settings_;
-  ASSERT_EQ(VerifyPackage(&context, 0, 0), VELK2_SUCCESS);
-  EXPECT_TRUE(context.cache_report.written) << context.cache_report.problem;
+  VerifyCopy("other");
   EXPECT_FALSE(fs::exists(CacheFile()));
   EXPECT_TRUE(Verify().trusted.empty());
 
@@ -771,29 +782,12 @@ TEST_F(Cache, TheBoundDropsThePackageVerifiedLongestAgo) {
   ASSERT_TRUE(Verify().cache.written);
   const uint64_t one = fs::file_size(CacheFile());
   settings_->max_bytes = 2 * one + one / 2;  // two packages' files, not three
-  // Verifies a copy of the package in |name|; its cache file.
-  auto verify_copy = [&](const std::string& name) {
-    const std::string copy = dir_.Sub(name);
-    fs::copy(Pkg(), copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-    ManifestContext context = Context();
-    context.package_directory = Utf8ToUtf16(copy);
-    context.manifest_path = Utf8ToUtf16(copy + "/manifest");
-    context.cache_flags = kCacheUse;
-    context.cache_settings = settings_;
-    EXPECT_EQ(VerifyPackage(&context, 0, 0), VELK2_SUCCESS);
-    EXPECT_TRUE(context.cache_report.written) << context.cache_report.problem;
-    CacheLocation location;
-    std::string problem;
-    EXPECT_TRUE(LocateCache(context.package_directory, context.manifest_path, *settings_, &location,
-                            &problem));
-    return location.file;
-  };
-  const std::string second = verify_copy("second");
+  const std::string second = VerifyCopy("second");
   now_ += kSecond;
   const Verified again = Verify();
   EXPECT_EQ(again.trusted, kRegular);
   EXPECT_FALSE(again.cache.written);
-  const std::string third = verify_copy("third");
+  const std::string third = VerifyCopy("third");
   EXPECT_TRUE(fs::exists(CacheFile()));
   EXPECT_FALSE(fs::exists(second));
   EXPECT_TRUE(fs::exists(third));
