@@ -1,6 +1,7 @@
 // The cache of incremental verification: what a verification that succeeded
-// learnt of each regular file of a package, so that the next verification may
-// take a file it finds exactly as it was then for valid without reading it.
+// learnt of each regular file and directory of a package, so that the next
+// verification may take a file it finds exactly as it was then for valid
+// without reading it, and a directory's listing without listing it.
 //
 // An entry vouches for one file, and only while all of these are what they
 // were when the file was read and found to match its manifest entry: the
@@ -39,7 +40,8 @@
 //     digest length u8, digest 32 bytes, recorded u8 (1 size, 2 mode,
 //     4 owner), size u64, mode u32, uid u32, gid u32 (a directory's: the
 //     SHA-256 of the names, nothing recorded, zeros),
-//     hashed-at i64 (ns: when the verification that read the file began);
+//     hashed-at i64 (ns: when the verification that read the file, or
+//     listed the directory, began);
 //   then the SHA-256 of everything before it.
 // Integers are little-endian. A file that is not exactly that (another
 // version, another key, truncated, a wrong checksum, a count or a length past
