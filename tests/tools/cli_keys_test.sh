@@ -90,6 +90,13 @@ mkdir -p store/acl pkg/bin
 echo hi >pkg/bin/hi
 check "acl" 0 "$velk2" acl add --subject root.pub --tag '(pkg)' --propagate --out store/acl/root.acl
 check "acl lists" 0 "$velk2" acl add --subject root.pub --tag '(revoke pkg)' --out store/acl/revoke.acl
+# The public half of an encrypted key is encrypted too: where a public key is asked for, say so.
+check "acl subject encrypted" 2 "$velk2" acl add --subject root.pem --tag '(pkg)' --out store/acl/pem.acl
+has "acl says encrypted" err.txt '^velk2 acl add: the key root.pem is encrypted, its public half with it: give its .pub file$'
+[ ! -e store/acl/pem.acl ] || fail "a refused acl add wrote an entry"
+check "authorize key encrypted" 2 "$velk2" authorize --acl-dir store/acl --certs /dev/null --key root.pem --tag '(pkg)'
+has "authorize says encrypted" err.txt 'the key root.pem is encrypted, its public half with it'
+check "acl subject plain pem" 0 "$velk2" acl add --subject vendor.pem --tag '(pkg)' --out vendor-pem.acl
 issue_vendor=(cert issue --issuer root.pem --subject vendor.pub --tag '(pkg)' --propagate --out chain.cert)
 check "issue without passphrase" 2 "$velk2" "${issue_vendor[@]}"
 has "issue says encrypted" err.txt '^velk2 cert issue: the key root.pem is encrypted: give --passphrase-file$'

@@ -51,7 +51,7 @@ int RunAuthorize(const Args& args) {
   }
   Result r = issuing::ReadPublicKeyText(*key_path, &request.key);
   if (r != VELK2_SUCCESS) {
-    return FailReading(kExitUsage, kName, *key_path, r);
+    return FailReadingPublicKey(kExitUsage, kName, *key_path, r);
   }
   request.on_skipped = [](const api::SkippedFile& file) {
     std::fprintf(stderr, "velk2 %s: skipped %s: %s\n", kName, EscapeForDisplay(file.file).c_str(),

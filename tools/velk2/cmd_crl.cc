@@ -83,7 +83,7 @@ int RunCrlIssue(const Args& args) {
     Ref<SexpList> key;
     r = issuing::LoadPublicKey(path, &key);
     if (r != VELK2_SUCCESS) {
-      return FailReading(kExitUsage, kName, path, r);
+      return FailReadingPublicKey(kExitUsage, kName, path, r);
     }
     request.keys.push_back({key, revoked_at});
   }

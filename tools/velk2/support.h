@@ -26,6 +26,9 @@ int FailWith(int exit_code, const char* command, const std::string& message, Res
 // system call stands in the way, and the result code.
 int FailReading(int exit_code, const char* command, const std::string& path, Result code);
 int FailWriting(int exit_code, const char* command, const std::string& path, Result code);
+// FailReadingPublicKey says that no public key could be read from |path|,
+// naming an encrypted private key as such (its public half is encrypted too).
+int FailReadingPublicKey(int exit_code, const char* command, const std::string& path, Result code);
 
 bool FileExists(const std::string& path);
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "platform/utf.h"
+#include "tools/issuing/private_key.h"
 #include "tools/issuing/small_file.h"
 #include "tools/velk2/messages.h"
 #include "tools/velk2/support.h"
@@ -61,6 +62,15 @@ int FailOnFile(int exit_code, const char* command, const std::string& path, Resu
 
 int FailReading(int exit_code, const char* command, const std::string& path, Result code) {
   return FailOnFile(exit_code, command, path, code, false);
+}
+
+int FailReadingPublicKey(int exit_code, const char* command, const std::string& path, Result code) {
+  if (code == VELK2_ERR_PARAM_NULL && !issuing::KeyFileProblem(path, code).empty()) {
+    return Fail(exit_code, command,
+                "the key " + EscapeForDisplay(path) +
+                    " is encrypted, its public half with it: give its .pub file");
+  }
+  return FailReading(exit_code, command, path, code);
 }
 
 int FailWriting(int exit_code, const char* command, const std::string& path, Result code) {
