@@ -189,7 +189,8 @@ Result LoadAclFromDirectory(Ref<SexpList>* out, Velk2Context* context, const cha
   return VELK2_SUCCESS;
 }
 
-Result LoadAcl(Ref<SexpList>* out, Velk2Context* context, const char16_t* extra_directory) {
+Result LoadAcl(Ref<SexpList>* out, Velk2Context* context, const char16_t* extra_directory,
+               const AclFileSkipped* skipped) {
   if (out == nullptr || *out != nullptr) return VELK2_ERR_INVALID_PARAM;
   std::u16string directory;
   Result result = Guard([&]() -> Result {
@@ -197,7 +198,7 @@ Result LoadAcl(Ref<SexpList>* out, Velk2Context* context, const char16_t* extra_
     return VELK2_SUCCESS;
   });
   if (result != VELK2_SUCCESS) return result;
-  return LoadAclFromDirectory(out, context, directory.c_str(), extra_directory);
+  return LoadAclFromDirectory(out, context, directory.c_str(), extra_directory, skipped);
 }
 
 Result ExtractEntryTag(Ref<SexpList>* out, const char* buffer, size_t length,

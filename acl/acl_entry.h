@@ -141,7 +141,8 @@ Result LoadAclFromDirectory(Ref<SexpList>* out, Velk2Context* context, const cha
 // LoadAcl is LoadAclFromDirectory with the Global directory's "acl"
 // subdirectory; |extra_directory| (may be null) is the one a manifest
 // context names.
-Result LoadAcl(Ref<SexpList>* out, Velk2Context* context, const char16_t* extra_directory);
+Result LoadAcl(Ref<SexpList>* out, Velk2Context* context, const char16_t* extra_directory,
+               const AclFileSkipped* skipped = nullptr);
 
 // ExtractEntryTag reads the first entry's tag out of an ACL held as
 // canonical text: |buffer| must begin with "(3:acl(5:entry" (a shorter

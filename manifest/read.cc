@@ -158,7 +158,10 @@ class ManifestReader {
     Ref<SexpList> acl;
     const char16_t* extra =
         context_->extra_acl_directory ? context_->extra_acl_directory->c_str() : nullptr;
-    result = LoadAcl(&acl, library_, extra);
+    const AclFileSkipped skipped = [this](const char16_t* path, Result code) {
+      if (report_ != nullptr) report_->acl_skipped.emplace_back(path, code);
+    };
+    result = LoadAcl(&acl, library_, extra, &skipped);
     if (result != VELK2_SUCCESS) return result;
 
     // The lists: those of the store that the ACL names, as for certificate

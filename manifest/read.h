@@ -62,8 +62,10 @@ struct ManifestReport {
   Result authorization = VELK2_FAILURE;
   size_t lists_from_store = 0;  // the store's lists that the ACL names, consulted
   Ref<SexpList> acl;            // the ACL asked
-  Ref<SexpList> key;            // the manifest's hash principal
-  RollbackReport rollback;      // what rollback protection checked and recorded
+  // The ACL files that did not load, with why, as they were met.
+  std::vector<std::pair<std::u16string, Result>> acl_skipped;
+  Ref<SexpList> key;        // the manifest's hash principal
+  RollbackReport rollback;  // what rollback protection checked and recorded
   engine::ReductionTrace* trace = nullptr;
   std::string* reduced_acl = nullptr;
   // The certificate of |chain| behind each certificate of the signing

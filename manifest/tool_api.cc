@@ -298,6 +298,9 @@ Result VerifyPackage(const PackageRequest& request, PackageVerdict* out) {
   out->cache_forgotten = cache.forgotten;
   out->cache_directory = cache.directory;
   out->cache_problem = cache.problem;
+  for (const auto& [path, code] : report.acl_skipped) {
+    out->signer.skipped.push_back({WideToFileName(path), code});
+  }
 
   if (report.chain && report.acl && report.key) {
     ExplanationSources sources;

@@ -54,6 +54,14 @@ json "embedded counted" 'j["revocation_lists"] == {"store": 0, "embedded": 1} an
 check "sign with --crl" 0 "$velk2" manifest sign pkg --key build.pem --chain signer.cert \
   --tag '(pkg install)' --out pkg/manifest --crl incoming/a.crl --name hello
 verify 0 bare
+# An ACL file that does not load is named on every verification, not passed over in silence.
+echo garbage >bare/acl/a-broken.acl
+verify 0 bare --explain
+has "skipped named" err.txt '^velk2 verify: skipped bare/acl/a-broken.acl: 6 VELK2_ERR_INVALID_DATA$'
+has "skipped counted" out.txt '^ACL: 2 entries from .*bare/acl \(1 file\(s\) skipped\)$'
+verify 0 bare --json
+json "skipped listed" '[s["file"] for s in j["signer"]["skipped_files"]] == ["bare/acl/a-broken.acl"]'
+rm bare/acl/a-broken.acl
 check "sign with a bad --crl" 2 "$velk2" manifest sign pkg --key build.pem --chain signer.cert \
   --tag '(pkg install)' --out pkg/manifest --crl signer.cert --name hello
 has "bad crl" err.txt 'cannot read the revocation list signer.cert'

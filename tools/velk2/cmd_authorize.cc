@@ -53,10 +53,7 @@ int RunAuthorize(const Args& args) {
   if (r != VELK2_SUCCESS) {
     return FailReadingPublicKey(kExitUsage, kName, *key_path, r);
   }
-  request.on_skipped = [](const api::SkippedFile& file) {
-    std::fprintf(stderr, "velk2 %s: skipped %s: %s\n", kName, EscapeForDisplay(file.file).c_str(),
-                 StatusText(file.code).c_str());
-  };
+  request.on_skipped = [](const api::SkippedFile& file) { SaySkipped(kName, file); };
   api::Verdict verdict;
   api::InputProblem problem;
   r = api::Authorize(request, &verdict, &problem);

@@ -281,6 +281,7 @@ int RunVerify(const Args& args) {
   api::PackageVerdict verdict;
   const Result result = api::VerifyPackage(request, &verdict);
   progress.Stop();
+  for (const api::SkippedFile& file : verdict.signer.skipped) SaySkipped(kName, file);
   // A mistake in the question is no verdict on the package.
   if (!verdict.input_problem.empty()) {
     const std::string& what = verdict.input_problem;

@@ -32,6 +32,9 @@ int FailReadingPublicKey(int exit_code, const char* command, const std::string& 
 
 bool FileExists(const std::string& path);
 
+// SaySkipped tells of an ACL file that did not load, and why.
+void SaySkipped(const char* command, const api::SkippedFile& file);
+
 // HintAtTag: when |result| says the key is not authorized and the tag text
 // is not a list ("pkg install" for "(pkg install)"), one line on standard
 // error says how a tag is written: bare words are read as the tag's own

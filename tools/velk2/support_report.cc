@@ -77,6 +77,11 @@ int FailWriting(int exit_code, const char* command, const std::string& path, Res
   return FailOnFile(exit_code, command, path, code, true);
 }
 
+void SaySkipped(const char* command, const api::SkippedFile& file) {
+  std::fprintf(stderr, "velk2 %s: skipped %s: %s\n", command, EscapeForDisplay(file.file).c_str(),
+               StatusText(file.code).c_str());
+}
+
 void HintAtTag(const char* command, const std::string& tag, Result result) {
   if (result != VELK2_ERR_NOT_AUTHORIZED && result != VELK2_ERR_NOT_GRANTED) return;
   const size_t first = tag.find_first_not_of(" \t\n");
