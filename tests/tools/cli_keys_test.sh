@@ -97,6 +97,9 @@ has "acl says encrypted" err.txt '^velk2 acl add: the key root.pem is encrypted,
 check "authorize key encrypted" 2 "$velk2" authorize --acl-dir store/acl --certs /dev/null --key root.pem --tag '(pkg)'
 has "authorize says encrypted" err.txt 'the key root.pem is encrypted, its public half with it'
 check "acl subject plain pem" 0 "$velk2" acl add --subject vendor.pem --tag '(pkg)' --out vendor-pem.acl
+cat vendor.pem build.pem >two.pem
+check "acl subject of two keys" 2 "$velk2" acl add --subject two.pem --tag '(pkg)' --out two.acl
+has "two keys named" err.txt 'the key file two.pem holds more than one private key'
 issue_vendor=(cert issue --issuer root.pem --subject vendor.pub --tag '(pkg)' --propagate --out chain.cert)
 check "issue without passphrase" 2 "$velk2" "${issue_vendor[@]}"
 has "issue says encrypted" err.txt '^velk2 cert issue: the key root.pem is encrypted: give --passphrase-file$'

@@ -66,7 +66,7 @@ struct CleansedOnExit {
   ~CleansedOnExit() { OPENSSL_cleanse(bytes.data(), bytes.size()); }
 };
 
-// The first PEM block of a file that holds a private key: "PRIVATE KEY",
+// The PEM block of a file that holds a private key: "PRIVATE KEY",
 // "ENCRYPTED PRIVATE KEY", "RSA PRIVATE KEY" and the like.
 struct KeyBlock {
   std::string label;
@@ -75,10 +75,14 @@ struct KeyBlock {
   const CleansedOnExit cleansed{der};
 };
 
-bool FindKeyBlock(const std::vector<uint8_t>& pem, KeyBlock* out) {
+// The private key blocks of a file: none, one (in |out|), or more. A file
+// of two keys is refused: which one would sign is nobody's guess.
+enum class KeyBlocks { kNone, kOne, kMany };
+KeyBlocks FindKeyBlock(const std::vector<uint8_t>& pem, KeyBlock* out) {
   Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-  if (!bio) return false;
+  if (!bio) return KeyBlocks::kNone;
   static constexpr std::string_view kSuffix = "PRIVATE KEY";
+  KeyBlocks found = KeyBlocks::kNone;
   for (;;) {
     char* name = nullptr;
     char* header = nullptr;
@@ -86,12 +90,12 @@ bool FindKeyBlock(const std::vector<uint8_t>& pem, KeyBlock* out) {
     long length = 0;
     if (PEM_read_bio(bio.get(), &name, &header, &data, &length) != 1) {
       ERR_clear_error();
-      return false;
+      return found;
     }
     const std::string_view label(name);
     const bool key =
         label.size() >= kSuffix.size() && label.substr(label.size() - kSuffix.size()) == kSuffix;
-    if (key) {
+    if (key && found == KeyBlocks::kNone) {
       out->label = std::string(label);
       out->encrypted_header = header != nullptr && std::strstr(header, "ENCRYPTED") != nullptr;
       out->der.assign(data, data + length);
@@ -99,7 +103,8 @@ bool FindKeyBlock(const std::vector<uint8_t>& pem, KeyBlock* out) {
     OPENSSL_free(name);
     OPENSSL_free(header);
     OPENSSL_clear_free(data, static_cast<size_t>(length));
-    if (key) return true;
+    if (key && found == KeyBlocks::kOne) return KeyBlocks::kMany;
+    if (key) found = KeyBlocks::kOne;
   }
 }
 
@@ -242,7 +247,14 @@ VELK2_RESULT PrivateKey::LoadPem(const std::string& path, PrivateKey* out,
   }
   const CleansedOnExit cleansed{pem};
   KeyBlock block;
-  if (!FindKeyBlock(pem, &block)) return VELK2_ERR_PRIVATE_KEY_TYPE;
+  switch (FindKeyBlock(pem, &block)) {
+    case KeyBlocks::kNone:
+      return VELK2_ERR_PRIVATE_KEY_TYPE;
+    case KeyBlocks::kMany:
+      return VELK2_ERR_PARSE_FILE;
+    case KeyBlocks::kOne:
+      break;
+  }
   const bool pkcs8_encrypted = block.label == "ENCRYPTED PRIVATE KEY";
   Pkey key;
   if (pkcs8_encrypted || block.encrypted_header) {
@@ -413,6 +425,9 @@ std::string KeyFileProblem(const std::string& path, VELK2_RESULT code) {
       return "the key " + EscapeForDisplay(path) + " is encrypted: give --passphrase-file";
     case VELK2_ERR_INVALID_PASSPHRASE:
       return "wrong passphrase for " + EscapeForDisplay(path);
+    case VELK2_ERR_PARSE_FILE:
+      return "the key file " + EscapeForDisplay(path) +
+             " holds more than one private key: keep one key a file";
     default:
       return std::string();
   }

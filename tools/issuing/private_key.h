@@ -50,7 +50,8 @@ class PrivateKey {
   // passphrase given for an unencrypted key goes unused. 7 when the file
   // cannot be read; 38 (VELK2_ERR_PARAM_NULL) when the key is encrypted and
   // no passphrase is given; 72 (VELK2_ERR_INVALID_PASSPHRASE) when the
-  // passphrase does not open it; 23 when it holds no RSA or DSA private key.
+  // passphrase does not open it; 23 when it holds no RSA or DSA private key;
+  // 9 (VELK2_ERR_PARSE_FILE) when it holds more than one private key.
   static VELK2_RESULT LoadPem(const std::string& path, PrivateKey* out,
                               const std::string* passphrase = nullptr);
   // SavePem writes the key as PKCS#8 PEM with mode 0600, through a temporary
@@ -91,8 +92,9 @@ VELK2_RESULT ReadPassphraseFile(const std::string& path, std::string* passphrase
                                 std::string* problem);
 
 // KeyFileProblem words a LoadPem failure on |path| that lies with the key's
-// encryption (an encrypted key and no passphrase, a wrong passphrase); empty
-// for any other code, which the caller reports as a file it cannot read.
+// encryption (an encrypted key and no passphrase, a wrong passphrase) or
+// with a file of two keys; empty for any other code, which the caller
+// reports as a file it cannot read.
 std::string KeyFileProblem(const std::string& path, VELK2_RESULT code);
 
 // LoadKeyFile reads the private key of a command that signs: the passphrase

@@ -27,7 +27,8 @@ int FailWith(int exit_code, const char* command, const std::string& message, Res
 int FailReading(int exit_code, const char* command, const std::string& path, Result code);
 int FailWriting(int exit_code, const char* command, const std::string& path, Result code);
 // FailReadingPublicKey says that no public key could be read from |path|,
-// naming an encrypted private key as such (its public half is encrypted too).
+// naming an encrypted private key as such (its public half is encrypted
+// too), and a file of two private keys.
 int FailReadingPublicKey(int exit_code, const char* command, const std::string& path, Result code);
 
 bool FileExists(const std::string& path);

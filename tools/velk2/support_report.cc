@@ -65,12 +65,13 @@ int FailReading(int exit_code, const char* command, const std::string& path, Res
 }
 
 int FailReadingPublicKey(int exit_code, const char* command, const std::string& path, Result code) {
-  if (code == VELK2_ERR_PARAM_NULL && !issuing::KeyFileProblem(path, code).empty()) {
-    return Fail(exit_code, command,
-                "the key " + EscapeForDisplay(path) +
-                    " is encrypted, its public half with it: give its .pub file");
-  }
-  return FailReading(exit_code, command, path, code);
+  const std::string problem = issuing::KeyFileProblem(path, code);
+  if (problem.empty()) return FailReading(exit_code, command, path, code);
+  return Fail(exit_code, command,
+              code == VELK2_ERR_PARAM_NULL
+                  ? "the key " + EscapeForDisplay(path) +
+                        " is encrypted, its public half with it: give its .pub file"
+                  : problem);
 }
 
 int FailWriting(int exit_code, const char* command, const std::string& path, Result code) {
