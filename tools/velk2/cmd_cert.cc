@@ -42,7 +42,8 @@ int RunCertIssue(const Args& args) {
 
   PrivateKey key;
   std::string problem;
-  Result r = issuing::LoadKeyFile(*issuer_path, options.Get("passphrase-file"), &key, &problem);
+  Result r =
+      issuing::LoadKeyFile(*issuer_path, PassphraseFileOption(options, kName), &key, &problem);
   if (!problem.empty()) return Fail(kExitUsage, kName, problem);
   if (r != VELK2_SUCCESS) return FailReading(kExitUsage, kName, *issuer_path, r);
   std::string algorithm = key.type() == KeyType::kRsa ? issuing::kRsaPss : issuing::kDsaSha1;

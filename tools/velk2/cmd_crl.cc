@@ -90,7 +90,7 @@ int RunCrlIssue(const Args& args) {
 
   issuing::PrivateKey key;
   std::string key_problem;
-  r = issuing::LoadKeyFile(*issuer_path, options.Get("passphrase-file"), &key, &key_problem);
+  r = issuing::LoadKeyFile(*issuer_path, PassphraseFileOption(options, kName), &key, &key_problem);
   if (!key_problem.empty()) return Fail(kExitUsage, kName, key_problem);
   if (r != VELK2_SUCCESS) {
     return FailReading(kExitUsage, kName, *issuer_path, r);

@@ -148,7 +148,7 @@ int RunKeyNew(const Args& args) {
                     " exists (use --force to replace)");
   }
   std::string passphrase;
-  const std::optional<std::string> passphrase_file = options.Get("passphrase-file");
+  const std::optional<std::string> passphrase_file = PassphraseFileOption(options, kName);
   const bool encrypt = passphrase_file || options.Has("encrypt");
   if (passphrase_file) {
     std::string problem;
@@ -195,7 +195,7 @@ int RunKeyShow(const Args& args) {
   if (options.positional().size() != 1) return UsageError(kName, "expected one FILE");
   const std::string& path = options.positional()[0];
   std::string passphrase, problem;
-  const std::optional<std::string> passphrase_file = options.Get("passphrase-file");
+  const std::optional<std::string> passphrase_file = PassphraseFileOption(options, kName);
   if (passphrase_file &&
       issuing::ReadPassphraseFile(*passphrase_file, &passphrase, &problem) != VELK2_SUCCESS) {
     return Fail(kExitUsage, kName, problem);

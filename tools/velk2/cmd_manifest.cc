@@ -117,7 +117,7 @@ int RunManifestSign(const Args& args) {
   if (int exit = AddStoreLists(options, kName, &request); exit != kExitOk) return exit;
   issuing::PrivateKey key;
   std::string key_problem;
-  r = issuing::LoadKeyFile(*key_path, options.Get("passphrase-file"), &key, &key_problem);
+  r = issuing::LoadKeyFile(*key_path, PassphraseFileOption(options, kName), &key, &key_problem);
   if (!key_problem.empty()) return Fail(kExitUsage, kName, key_problem);
   if (r != VELK2_SUCCESS) {
     return FailReading(kExitUsage, kName, *key_path, r);

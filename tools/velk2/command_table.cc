@@ -75,7 +75,8 @@ constexpr OptionSpec kPassphraseFile{"passphrase-file",
                                      false,
                                      false,
                                      "open an encrypted private key with the passphrase on the "
-                                     "first line of FILE (a regular file of at most 4 KiB)"};
+                                     "first line of FILE (a regular file of at most 4 KiB; a "
+                                     "warning when group or others may read it)"};
 
 constexpr OptionSpec kAclAdd[] = {
     kSubject,    kSubjectHash,

@@ -33,6 +33,10 @@ int FailReadingPublicKey(int exit_code, const char* command, const std::string& 
 
 bool FileExists(const std::string& path);
 
+// PassphraseFileOption: the --passphrase-file option, with a warning when
+// the file may be read by group or others (the passphrase is then theirs).
+std::optional<std::string> PassphraseFileOption(const Options& options, const char* command);
+
 // SaySkipped tells of an ACL file that did not load, and why.
 void SaySkipped(const char* command, const api::SkippedFile& file);
 

@@ -78,6 +78,21 @@ int FailWriting(int exit_code, const char* command, const std::string& path, Res
   return FailOnFile(exit_code, command, path, code, true);
 }
 
+std::optional<std::string> PassphraseFileOption(const Options& options, const char* command) {
+  std::optional<std::string> path = options.Get("passphrase-file");
+  struct stat st;
+  if (path && ::stat(path->c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+      (st.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+    std::fprintf(stderr,
+                 "velk2 %s: warning: the passphrase file %s may be read by %s (mode %04o): "
+                 "chmod 600 it\n",
+                 command, EscapeForDisplay(*path).c_str(),
+                 (st.st_mode & S_IROTH) != 0 ? "others" : "its group",
+                 static_cast<unsigned>(st.st_mode & 07777));
+  }
+  return path;
+}
+
 void SaySkipped(const char* command, const api::SkippedFile& file) {
   std::fprintf(stderr, "velk2 %s: skipped %s: %s\n", command, EscapeForDisplay(file.file).c_str(),
                StatusText(file.code).c_str());
