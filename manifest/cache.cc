@@ -33,28 +33,14 @@ constexpr uint32_t kMaxKey = 2 * 4096 + 1;
 // The bytes of an entry beyond its path.
 constexpr size_t kFixedEntry = 2 + 3 * 8 + 2 * 8 + 3 * 4 + 1 + kDigestSize + 1 + 8 + 3 * 4 + 8;
 
+constexpr int64_t kBillion = 1'000'000'000;  // nanoseconds a second
+
 // Times past what 64 bits of nanoseconds hold (after 2262, before 1677)
 // are all the same, the first or last there is: never a number that wrapped.
 int64_t Nanoseconds(const struct timespec& time) {
-  constexpr int64_t kBillion = 1'000'000'000;
   if (time.tv_sec > INT64_MAX / kBillion - 1) return INT64_MAX;
   if (time.tv_sec < INT64_MIN / kBillion + 1) return INT64_MIN;
   return static_cast<int64_t>(time.tv_sec) * kBillion + time.tv_nsec;
-}
-
-// Whether |path| is one a walk makes: names joined by "/", none empty, "."
-// or "..", no NUL.
-bool WalkPath(std::string_view path) {
-  size_t start = 0;
-  while (start <= path.size()) {
-    const size_t end = std::min(path.find('/', start), path.size());
-    const std::string_view name = path.substr(start, end - start);
-    if (name.empty() || name == "." || name == ".." || name.find('\0') != std::string_view::npos) {
-      return false;
-    }
-    start = end + 1;
-  }
-  return true;
 }
 
 void PutInteger(std::string* out, uint64_t value, int bytes) {
@@ -127,7 +113,7 @@ bool GetEntry(ByteCursor* cursor, int64_t written, CacheEntry* entry) {
     return false;
   }
   entry->path.assign(reinterpret_cast<const char*>(bytes), length);
-  if (!WalkPath(entry->path)) return false;
+  if (!CacheablePath(entry->path)) return false;
   FileStamp& f = entry->file;
   EntryStamp& e = entry->entry;
   uint8_t digest_length = 0;
@@ -254,8 +240,9 @@ Result WriteInDirectory(int directory, const std::string& name, std::string_view
 }
 
 // Keeps the directory within |max_bytes|: the cache files used longest ago
-// go first (by modification time), never |keep|. Temporary files are leftovers of writers that
-// did not finish (every writer holds the lock): they go too.
+// go first (by modification time), never |keep|. Temporary files are
+// leftovers of writers that did not finish (every writer holds the lock):
+// they go too.
 void Prune(int directory, const std::string& keep, uint64_t max_bytes) {
   const int copy = ::dup(directory);
   if (copy < 0) return;
@@ -297,6 +284,20 @@ void Prune(int directory, const std::string& keep, uint64_t max_bytes) {
 }
 
 }  // namespace
+
+bool CacheablePath(std::string_view path) {
+  if (path.empty() || path.size() > kMaxCachePath) return false;
+  size_t start = 0;
+  while (start <= path.size()) {
+    const size_t end = std::min(path.find('/', start), path.size());
+    const std::string_view name = path.substr(start, end - start);
+    if (name.empty() || name == "." || name == ".." || name.find('\0') != std::string_view::npos) {
+      return false;
+    }
+    start = end + 1;
+  }
+  return true;
+}
 
 FileStamp FileStampOf(const struct stat& st) {
   FileStamp stamp;
@@ -562,7 +563,7 @@ void SaveCache(const CacheLocation& location, const CacheSettings& settings,
   entries.reserve(all_entries.size());
   for (const CacheEntry& entry : all_entries) {
     // A path the reader refuses would make the whole file unreadable.
-    if (entry.path.empty() || entry.path.size() > kMaxCachePath) continue;
+    if (!CacheablePath(entry.path)) continue;
     if (loaded.loaded && !same_file && entry.hashed_at < started) continue;
     entries.push_back(entry);
   }
@@ -591,7 +592,7 @@ void TouchCache(const CacheLocation& location, const CacheSettings& settings) {
   const Descriptor directory(OpenDirectory(location.directory, &problem));
   if (directory.get() < 0) return;
   const int64_t now = CacheNow(settings);
-  const struct timespec times[2] = {{0, UTIME_OMIT}, {now / 1'000'000'000, now % 1'000'000'000}};
+  const struct timespec times[2] = {{0, UTIME_OMIT}, {now / kBillion, now % kBillion}};
   (void)::utimensat(directory.get(), FileName(location).c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 

@@ -84,6 +84,10 @@ constexpr uint64_t kMaxCacheBytes = 256ull << 20;
 // The longest path below the package an entry holds: a file or directory
 // with a longer one is read every time.
 constexpr uint32_t kMaxCachePath = 4096;
+// Whether an entry may hold |path|, as a walk makes it: 1 to kMaxCachePath
+// bytes, names joined by "/", none empty, "." or "..", no NUL. The reader
+// refuses a file with any other, so no writer records one.
+bool CacheablePath(std::string_view path);
 constexpr uint32_t kMaxCacheEntries = 1u << 21;
 
 // What the cache compares of a file on disk.

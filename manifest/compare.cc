@@ -490,9 +490,7 @@ class DiskWalk {
     const size_t first = results_->size();
     Level(root, std::move(package), 0, std::string(), 0, nullptr);
     pool_.Finish();
-    if (options_.recorded != nullptr) {
-      options_.recorded->Reserve(files_.size() + listings_recorded_.size());
-    }
+    if (options_.recorded != nullptr) options_.recorded->Reserve(files_.size());
     for (size_t i = 0; i < files_.size(); ++i) {
       const auto& [record, outcome] = files_[i];
       CompareResult& found = (*results_)[record];
@@ -505,16 +503,7 @@ class DiskWalk {
         Remember(cached_[i], outcome);
       }
     }
-    if (options_.recorded != nullptr) {
-      for (auto& [carried, fresh] : listings_recorded_) {
-        if (carried != nullptr) {
-          options_.recorded->Carry(carried);
-        } else {
-          options_.recorded->Add(std::move(fresh));
-        }
-      }
-    }
-    if (options_.trusted_listings != nullptr) *options_.trusted_listings = listings_trusted_;
+    if (options_.recorded != nullptr) options_.recorded->Append(std::move(listed_));
     for (const auto& [record, begin] : directories_) {
       CompareResult& found = (*results_)[record];
       const Result code = SummaryCode(*results_, begin, record);
@@ -596,8 +585,8 @@ class DiskWalk {
     }
 
     if (vouched != nullptr) {
-      listings_recorded_.push_back({vouched, CacheEntry{}});
-      ++listings_trusted_;
+      listed_.Carry(vouched);
+      if (options_.trusted_listings != nullptr) ++*options_.trusted_listings;
     } else if (listed && stamp != nullptr) {
       RememberListing(level, listing, relative, *stamp);
     }
@@ -683,6 +672,8 @@ class DiskWalk {
     if (options_.cache == nullptr || stamp == nullptr || relative.empty()) return nullptr;
     const CacheEntry* cached = options_.cache->Find(relative);
     const FileStamp found = FileStampOf(*stamp);
+    // The stamp first: the level's names are put together only for a
+    // directory that may still be as it was.
     if (cached == nullptr || !(cached->file == found)) return nullptr;
     if (CacheVouchesListing(*cached, found, listing->Assume(level), options_.racy_margin)) {
       return cached;
@@ -703,7 +694,7 @@ class DiskWalk {
     if (Racy(found, options_.started, options_.racy_margin)) return;
     const EntryStamp names = NamesStampOf(level);
     if (names.digest_length == 0) return;
-    listings_recorded_.push_back({nullptr, CacheEntry{relative, found, names, options_.started}});
+    listed_.Add({relative, found, names, options_.started});
   }
 
   // Hands the file of the record just made to the pool; |relative| is its
@@ -762,10 +753,8 @@ class DiskWalk {
   std::vector<std::pair<size_t, HashPool::Outcome*>> files_;  // record -> its outcome
   std::vector<std::pair<size_t, size_t>> directories_;        // record -> its first child record
   std::vector<PendingEntry> cached_;  // beside files_, when the cache is used
-  // Directories' entries for the cache: the cache's own, else one made anew.
-  std::vector<std::pair<const CacheEntry*, CacheEntry>> listings_recorded_;
-  size_t listings_trusted_ = 0;
-  size_t cache_next_ = 0;  // where the last lookup in the cache left off
+  CacheRecord listed_;                // directories' entries, recorded after the files'
+  size_t cache_next_ = 0;             // where the last lookup in the cache left off
   HashPool pool_;
 };
 
@@ -915,6 +904,16 @@ Result CompareLevels(const ManifestDirectory& a, const ManifestDirectory& b,
 }
 
 }  // namespace
+
+void CacheRecord::Append(CacheRecord&& other) {
+  for (const auto& [carried, fresh] : other.order_) {
+    if (carried != nullptr) {
+      Carry(carried);
+    } else {
+      Add(std::move(other.fresh_[fresh]));
+    }
+  }
+}
 
 std::vector<CacheEntry> CacheRecord::Entries() const {
   std::vector<CacheEntry> entries;

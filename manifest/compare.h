@@ -93,18 +93,21 @@ using CompareResults = std::vector<CompareResult>;
 // changes.
 using FileProgress = std::function<void(uint64_t bytes)>;
 
-// What a walk learnt for the cache, in the order met: each entry either the
-// cache's own, carried over as it stands, or made anew. A run that carries
+// What a walk learnt for the cache (files in the order met, then
+// directories): each entry either the cache's own, carried over as it
+// stands, or made anew. A run that carries
 // everything over builds no copy of it.
 class CacheRecord {
  public:
   void Carry(const CacheEntry* entry) { order_.push_back({entry, 0}); }
   // An entry the cache cannot hold (its path too long) is nothing new.
   void Add(CacheEntry entry) {
-    if (entry.path.empty() || entry.path.size() > kMaxCachePath) return;
+    if (!CacheablePath(entry.path)) return;
     order_.push_back({nullptr, fresh_.size()});
     fresh_.push_back(std::move(entry));
   }
+  // |other|'s entries after these.
+  void Append(CacheRecord&& other);
   void Reserve(size_t entries) { order_.reserve(order_.size() + entries); }
   size_t size() const { return order_.size(); }
   bool any_new() const { return !fresh_.empty(); }
@@ -134,7 +137,7 @@ struct DiskOptions {
   // racy; |started|: the moment the walk began, in the cache's clock.
   // A directory whose entry vouches for its listing is not listed; every
   // directory listed whose entries are exactly the listed names is recorded
-  // too. |trusted_listings| (optional) receives how many were not listed.
+  // too. |trusted_listings| (optional) counts up each directory not listed.
   const PackageCache* cache = nullptr;
   CacheRecord* recorded = nullptr;
   size_t* trusted_listings = nullptr;

@@ -43,9 +43,10 @@ int ReadSubjectOption(const Options& options, const char* command, Ref<SexpObjec
     r = issuing::ReadObjectFile(*hash_path, &named);
     if (r == VELK2_SUCCESS) r = issuing::MakeHashPrincipal(*named, &principal);
   }
-  if (r != VELK2_SUCCESS && key_path)
-    return FailReadingPublicKey(kExitUsage, command, *key_path, r);
-  if (r != VELK2_SUCCESS) return FailReading(kExitUsage, command, *hash_path, r);
+  if (r != VELK2_SUCCESS) {
+    return key_path ? FailReadingPublicKey(kExitUsage, command, *key_path, r)
+                    : FailReading(kExitUsage, command, *hash_path, r);
+  }
   *subject = std::move(principal);
   return kExitOk;
 }
